@@ -37,7 +37,7 @@ class IPAddr {
   virtual std::string Serialize() const = 0;
   /// Same family and same address (and, for IPv6, same scope).
   virtual bool operator==(const IPAddr &other) const = 0;
-  /// Same family and lower.
+  /// Same family and lower (address order; for IPv6 then scope).
   virtual bool operator<(const IPAddr &other) const = 0;
   /// Same family and higher.
   virtual bool operator>(const IPAddr &other) const = 0;
@@ -106,7 +106,9 @@ class IPv6Addr : public IPAddr {
   bool operator<(const IPAddr &other) const override;
   bool operator>(const IPAddr &other) const override;
 
-  /// ff02::/16 (link-local multicast).
+  /// Multicast with link-local scope: ffX2::/16 whatever the flags X
+  /// (ff02::1, ff12::1). Such addresses, like fe80::/10, print and parse
+  /// their scope as an interface name.
   bool is_link_local_multicast() const;
   const Bytes &bytes() const { return bytes_; }
   void set_bytes(const Bytes &bytes) { bytes_ = bytes; }
@@ -127,15 +129,20 @@ class IPv4AddrMask {
   /// Address and prefix length; throws std::invalid_argument for a length
   /// above 32.
   IPv4AddrMask(const IPv4Addr &addr, unsigned int prefix_len);
-  /// Parses "a.b.c.d/len": the whole text, a decimal length 0..32. Throws
+  /// Parses "a.b.c.d/len": the whole text, a decimal length 0..32 (digits
+  /// only; leading zeros allowed). The address keeps its host bits. Throws
   /// std::invalid_argument naming the text otherwise.
   explicit IPv4AddrMask(const std::string &text);
   virtual ~IPv4AddrMask();
 
   // Four operations this system does not call, kept for the slot order.
+  /// The address with all host bits zero.
   virtual IPv4Addr network() const;
+  /// The address with all host bits one.
   virtual IPv4Addr broadcast() const;
+  /// addr lies in this prefix.
   virtual bool Contains(const IPv4Addr &addr) const;
+  /// The 4 address bytes followed by one byte holding the prefix length.
   virtual std::string Serialize() const;
 
   /// The prefix length, 0..32.
@@ -144,9 +151,13 @@ class IPv4AddrMask {
   virtual std::string to_string() const;
   /// The address is 0.0.0.0.
   virtual bool IsUnspecified() const;
-  /// All host bits of the address are zero.
+  /// All host bits of the address are zero. A /32 has no host bits, so
+  /// every /32 is both a network and a broadcast address; of a /31 pair the
+  /// even address is the network and the odd one the broadcast address.
+  /// Callers that follow RFC 3021 skip lengths above 30.
   virtual bool IsNetworkAddress() const;
-  /// All host bits of the address are one.
+  /// All host bits of the address are one (see IsNetworkAddress for /31
+  /// and /32).
   virtual bool IsBroadcastAddress() const;
 
   /// Sets the prefix length (host bits of the address are kept); throws
@@ -178,16 +189,21 @@ class IPv6AddrMask {
   IPv6AddrMask() = default;
   /// Throws std::invalid_argument for a length above 128.
   IPv6AddrMask(const IPv6Addr &addr, unsigned int prefix_len);
-  /// Parses "address/len": the whole text, a decimal length 0..128, the
-  /// address as IPv6Addr::set_addr takes it. Throws std::invalid_argument
+  /// Parses "address/len", split at the last "/": the whole text, a decimal
+  /// length 0..128, the address (with an optional "%" zone) as
+  /// IPv6Addr::set_addr takes it. Throws std::invalid_argument
   /// naming the text otherwise.
   explicit IPv6AddrMask(const std::string &text);
   virtual ~IPv6AddrMask();
 
   // Four operations this system does not call, kept for the slot order.
+  /// The address with all host bits zero, scope kept.
   virtual IPv6Addr network() const;
+  /// The bytes of addr lie in this prefix (scopes are not compared).
   virtual bool Contains(const IPv6Addr &addr) const;
+  /// The 16 address bytes followed by one byte holding the prefix length.
   virtual std::string Serialize() const;
+  /// The address is in fe80::/10.
   virtual bool IsLinkLocal() const;
 
   /// The prefix length, 0..128.
