@@ -19,6 +19,14 @@ extern "C" {
 #define CONFD_ERR (-1)
 #define CONFD_EOF (-2)
 
+/* Values of confd_errno after a failed call. */
+#define CONFD_ERR_NOEXISTS 1    /* the path names nothing that exists */
+#define CONFD_ERR_BADTYPE 5     /* the node's value is of another type */
+#define CONFD_ERR_BADPATH 8     /* malformed path, or one the schema does not know */
+#define CONFD_ERR_PROTOUSAGE 21 /* wrong call sequence (no session, bad cursor) */
+#define CONFD_ERR_NOSESSION 22  /* unknown socket or transaction handle */
+#define CONFD_ERR_XPATH 50      /* XPath expression that cannot be evaluated */
+
 #define MAXDEPTH 20 /* deepest keypath */
 #define MAXKEYLEN 9 /* most keys of one list entry */
 

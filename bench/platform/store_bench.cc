@@ -1,0 +1,163 @@
+// Data store call costs on a configuration of a few thousand nodes: what a
+// handler reading the whole configuration pays per call.
+#include <benchmark/benchmark.h>
+#include <confd_maapi.h>
+#include <ipapp/host.h>
+#include <kxconfd.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace {
+
+constexpr int kInterfaces = 300;
+
+std::string Config(int interfaces) {
+  std::string xml = "<config xmlns=\"urn:ipapp:shellcfg\"><interface>";
+  for (int i = 0; i < interfaces; ++i) {
+    std::string n = std::to_string(i);
+    std::string a = std::to_string(i / 250) + "." + std::to_string(i % 250);
+    xml +=
+        "<l3 xmlns=\"urn:ipapp:ipapp\"><name>if" + n + "</name><ipv4><address><ip>10." + a +
+        ".1/24</ip><secondary><ip>11." + a + ".1/24</ip></secondary><secondary><ip>12." + a +
+        ".1/24</ip></secondary></address></ipv4><ipv6><address><ip>2001:db8:" + std::to_string(i) +
+        "::1/64</ip></address></ipv6><lower-layer-if><vlan>" + std::to_string(i + 1) +
+        "</vlan></lower-layer-if><vrf>vrf" + std::to_string(i % 7) + "</vrf></l3>";
+  }
+  xml += "</interface></config><internal xmlns=\"urn:ipapp:shellcfg-internal\">";
+  for (int i = 0; i < interfaces; ++i) {
+    std::string name = "l3-if" + std::to_string(i);
+    xml += "<ospf-interface-l3><instance>1</instance><area>0.0.0." + std::to_string(i % 4) +
+           "</area><if-name>" + name + "</if-name><ospf-pm-if-name>" + name +
+           "</ospf-pm-if-name></ospf-interface-l3>";
+  }
+  return xml + "</internal>";
+}
+
+struct Fixture {
+  Fixture() {
+    schema = ipapp::host::Schema::Load(IPAPP_YANG_DIR);
+    std::string config = Config(kInterfaces);
+    tx = ipapp::host::Transaction::Create(schema, ipapp::host::DataSource::Xml(config),
+                                          ipapp::host::DataSource::Xml(config));
+    confd_trans_ctx *ctx = tx->Context("bench");
+    sock = kxconfd_maapi_socket_get(static_cast<kxconfd_t *>(ctx->vcb_opaque));
+    th = ctx->thandle;
+    for (int i = 0; i < kInterfaces; ++i) {
+      vrf_paths.push_back("/config/interface/ipapp:l3{if" + std::to_string(i) + "}/vrf");
+      vlan_paths.push_back("/config/interface/ipapp:l3{if" + std::to_string(i) +
+                           "}/lower-layer-if/vlan");
+    }
+  }
+  // The trace records every call; keep it from growing without bound.
+  void Tick(size_t i) {
+    if ((i & 0xFFFF) == 0) tx->ClearTrace();
+  }
+  std::shared_ptr<const ipapp::host::Schema> schema;
+  std::unique_ptr<ipapp::host::Transaction> tx;
+  int sock = -1;
+  int th = -1;
+  std::vector<std::string> vrf_paths;
+  std::vector<std::string> vlan_paths;
+};
+
+Fixture &F() {
+  static Fixture *f = new Fixture;
+  return *f;
+}
+
+void BM_MaapiExists(benchmark::State &state) {
+  Fixture &f = F();
+  size_t i = 0;
+  for (auto _ : state) {
+    const std::string &path = f.vrf_paths[i % f.vrf_paths.size()];
+    benchmark::DoNotOptimize(maapi_exists(f.sock, f.th, "%s", path.c_str()));
+    f.Tick(++i);
+  }
+}
+BENCHMARK(BM_MaapiExists);
+
+void BM_MaapiGetElemString(benchmark::State &state) {
+  Fixture &f = F();
+  size_t i = 0;
+  for (auto _ : state) {
+    confd_value_t v;
+    const std::string &path = f.vrf_paths[i % f.vrf_paths.size()];
+    benchmark::DoNotOptimize(maapi_get_elem(f.sock, f.th, &v, "%s", path.c_str()));
+    confd_free_value(&v);
+    f.Tick(++i);
+  }
+}
+BENCHMARK(BM_MaapiGetElemString);
+
+void BM_MaapiGetInt32Formatted(benchmark::State &state) {
+  Fixture &f = F();
+  size_t i = 0;
+  for (auto _ : state) {
+    int32_t vlan;
+    benchmark::DoNotOptimize(maapi_get_int32_elem(f.sock, f.th, &vlan,
+                                                  "/config/interface/l3{if%d}/lower-layer-if/vlan",
+                                                  static_cast<int>(i % kInterfaces)));
+    f.Tick(++i);
+  }
+}
+BENCHMARK(BM_MaapiGetInt32Formatted);
+
+void BM_CursorWalk(benchmark::State &state) {
+  Fixture &f = F();
+  size_t i = 0;
+  for (auto _ : state) {
+    maapi_cursor mc;
+    maapi_init_cursor(f.sock, f.th, &mc, "/config/interface/ipapp:l3");
+    for (maapi_get_next(&mc); mc.n != 0; maapi_get_next(&mc)) benchmark::DoNotOptimize(mc.keys[0]);
+    maapi_destroy_cursor(&mc);
+    f.Tick(i += kInterfaces);
+  }
+  state.SetItemsProcessed(state.iterations() * kInterfaces);
+}
+BENCHMARK(BM_CursorWalk);
+
+void BM_GetObjects(benchmark::State &state) {
+  Fixture &f = F();
+  size_t i = 0;
+  confd_value_t values[32 * 4];
+  for (auto _ : state) {
+    maapi_cursor mc;
+    maapi_init_cursor(f.sock, f.th, &mc, "/internal/ospf-interface-l3");
+    do {
+      int n = 32;
+      maapi_get_objects(&mc, values, 4, &n);
+      for (int j = 0; j < n * 4; ++j) confd_free_value(&values[j]);
+    } while (mc.n != 0);
+    maapi_destroy_cursor(&mc);
+    f.Tick(i += 1000);
+  }
+  state.SetItemsProcessed(state.iterations() * kInterfaces);
+}
+BENCHMARK(BM_GetObjects);
+
+void BM_DiffIterateUnchanged(benchmark::State &state) {
+  Fixture &f = F();
+  auto iter = [](confd_hkeypath_t *, maapi_iter_op, confd_value_t *, confd_value_t *, void *) {
+    return ITER_RECURSE;
+  };
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(
+        maapi_keypath_diff_iterate(f.sock, f.th, iter, 0, nullptr, "/config/interface/l3"));
+  }
+}
+BENCHMARK(BM_DiffIterateUnchanged);
+
+void BM_TransactionCreate(benchmark::State &state) {
+  Fixture &f = F();
+  std::string config = Config(kInterfaces);
+  for (auto _ : state) {
+    auto tx = ipapp::host::Transaction::Create(f.schema, ipapp::host::DataSource::Xml(config),
+                                               ipapp::host::DataSource::Xml(config));
+    benchmark::DoNotOptimize(tx.get());
+  }
+}
+BENCHMARK(BM_TransactionCreate)->Unit(benchmark::kMillisecond);
+
+}  // namespace

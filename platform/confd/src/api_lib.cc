@@ -1,0 +1,94 @@
+// General-purpose helpers of the library part: printing, releasing
+// duplicated values, the transaction's error text.
+#include <confd_lib.h>
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+
+#include "call.h"
+#include "values.h"
+
+namespace {
+
+int CopyOut(const std::string &text, char *buf, int bufsiz) {
+  if (buf != nullptr && bufsiz > 0) {
+    size_t n = text.size() < static_cast<size_t>(bufsiz) ? text.size() : bufsiz - 1;
+    std::memcpy(buf, text.data(), n);
+    buf[n] = '\0';
+  }
+  return static_cast<int>(text.size());
+}
+
+void FreeValue(const char *name, confd_value_t *v) {
+  if (v == nullptr || (v->type != C_BUF && v->type != C_BINARY) || v->val.buf.ptr == nullptr) {
+    return;
+  }
+  void *ptr = v->val.buf.ptr;
+  if (ipapp::store::FreeDup(ptr)) {
+    v->val.buf.ptr = nullptr;
+    v->val.buf.size = 0;
+    return;
+  }
+  // Not a buffer the store duplicated (a cursor key, a keypath element, a
+  // value freed twice): leave it alone, but let the trace show it.
+  std::shared_ptr<ipapp::store::Txn> txn = ipapp::store::FindTxn(ipapp::store::CurrentTxn());
+  if (txn) {
+    ipapp::store::Call call(name);
+    call.Use(txn);
+    call.Done(CONFD_ERR, "not a value duplicated by a read");
+  }
+}
+
+}  // namespace
+
+int confd_pp_value(char *buf, int bufsiz, const confd_value_t *v) {
+  std::string text;
+  if (v == nullptr || !ipapp::store::FormatValue(*v, &text)) {
+    CopyOut("", buf, bufsiz);
+    ipapp::store::SetLastError(CONFD_ERR_BADTYPE,
+                               std::string("confd_pp_value: no text form for a value of type ") +
+                                   (v ? ipapp::store::VtypeName(v->type) : "(null)"));
+    return CONFD_ERR;
+  }
+  return CopyOut(text, buf, bufsiz);
+}
+
+int confd_pp_kpath(char *buf, int bufsiz, const confd_hkeypath_t *hkeypath) {
+  std::string text;
+  if (hkeypath == nullptr || hkeypath->len < 0 || hkeypath->len > MAXDEPTH ||
+      !ipapp::store::FormatKeypath(*hkeypath, &text)) {
+    CopyOut("", buf, bufsiz);
+    ipapp::store::SetLastError(CONFD_ERR_BADPATH,
+                               "confd_pp_kpath: keypath with an unknown element or value");
+    return CONFD_ERR;
+  }
+  return CopyOut(text, buf, bufsiz);
+}
+
+void confd_free_dup_to_value(confd_value_t *v) {
+  FreeValue("confd_free_dup_to_value", v);
+}
+
+void confd_free_value(confd_value_t *v) {
+  FreeValue("confd_free_value", v);
+}
+
+void confd_trans_seterr(struct confd_trans_ctx *tctx, const char *fmt, ...) {
+  if (tctx == nullptr || fmt == nullptr) return;
+  std::shared_ptr<ipapp::store::Txn> txn = ipapp::store::FindTxn(tctx->thandle);
+  if (!txn) return;
+  va_list ap;
+  va_start(ap, fmt);
+  va_list copy;
+  va_copy(copy, ap);
+  int n = std::vsnprintf(nullptr, 0, fmt, ap);
+  std::string text(n > 0 ? n : 0, '\0');
+  if (n > 0) std::vsnprintf(text.data(), n + 1, fmt, copy);
+  va_end(copy);
+  va_end(ap);
+  txn->SetError(text);
+  ipapp::store::Call call("confd_trans_seterr");
+  call.Use(txn);
+  call.Done(CONFD_OK, text);
+}

@@ -1,0 +1,83 @@
+// One API call: formats its path, finds its transaction, resolves the path
+// and records the call in the transaction's trace. Failures set confd_errno
+// and confd_lasterr() with a text naming the path.
+#ifndef IPAPP_STORE_CALL_H
+#define IPAPP_STORE_CALL_H
+
+#include <cstdarg>
+#include <memory>
+#include <string>
+
+#include "store.h"
+
+namespace ipapp::store {
+
+class Call {
+ public:
+  explicit Call(const char *name) : name_(name) {}
+
+  /// Formats the printf-style path.
+  void FormatPath(const char *fmt, va_list ap);
+  const std::string &path() const { return path_; }
+
+  /// Finds the transaction of a MAAPI socket and transaction handle.
+  bool Maapi(int sock, int thandle);
+  /// Finds the transaction of a CDB socket with a session started.
+  bool Cdb(int sock);
+  /// Uses a transaction found otherwise.
+  void Use(std::shared_ptr<Txn> txn);
+  Txn &txn() { return *txn_; }
+  /// The tree the call reads: the candidate for MAAPI, running for CDB.
+  const DataTree &tree() const { return *tree_; }
+
+  /// Parses path() against the schema (data path syntax).
+  bool Parse();
+  const ParsedPath &parsed() const { return *parsed_; }
+  /// Parses and resolves a leaf that must exist; null after a failure.
+  const DNode *Leaf();
+
+  /// Parses and resolves a path that must name a list (no keys).
+  bool List(Target *t);
+  /// Reads a leaf that must exist and be of vtype; *out = get(value).
+  template <typename T, typename Get>
+  int ReadTyped(int vtype, T *out, Get get) {
+    const DNode *leaf = Leaf();
+    if (leaf == nullptr) return CONFD_ERR;
+    if (leaf->value.type != vtype) return WrongType(*leaf, vtype);
+    if (out == nullptr) return Fail(CONFD_ERR_PROTOUSAGE, "null result pointer");
+    *out = get(leaf->value);
+    return Done(CONFD_OK, leaf->text);
+  }
+  int WrongType(const DNode &leaf, int vtype);
+
+  /// Records the call and returns result.
+  int Done(int result, std::string detail = {});
+  /// Also hands *v (duplicated) to the caller's accounting.
+  int DoneWithDup(int result, void *dup, std::string detail);
+  /// Sets the error, records the call and returns CONFD_ERR.
+  int Fail(int err, const std::string &why);
+
+ private:
+  const char *name_;
+  std::string path_;
+  std::shared_ptr<Txn> txn_;
+  const DataTree *tree_ = nullptr;
+  ParsedPath *parsed_ = nullptr;
+};
+
+/// Formats the printf-style path of a variadic API function into call.
+#define IPAPP_FORMAT_PATH(call, fmt) \
+  do {                               \
+    va_list ap_;                     \
+    va_start(ap_, fmt);              \
+    (call).FormatPath(fmt, ap_);     \
+    va_end(ap_);                     \
+  } while (0)
+
+/// Copies a read value for the caller: buffers are duplicated
+/// (NUL-terminated) and returned through *dup, null for other types.
+confd_value_t DupValue(const confd_value_t &v, void **dup);
+
+}  // namespace ipapp::store
+
+#endif  // IPAPP_STORE_CALL_H

@@ -1,0 +1,231 @@
+// maapi_keypath_diff_iterate: the changes between a transaction's running
+// and candidate trees below a path, parents first, siblings in schema order
+// and list entries in the store's order.
+#include <confd_maapi.h>
+
+#include "call.h"
+
+using ipapp::store::DNode;
+using ipapp::store::KeypathBuilder;
+using ipapp::store::ListInst;
+using ipapp::store::NodeKind;
+using ipapp::store::SNode;
+
+namespace {
+
+using IterFn = enum maapi_iter_ret (*)(confd_hkeypath_t *, enum maapi_iter_op, confd_value_t *,
+                                       confd_value_t *, void *);
+
+enum class Walk { kGo, kStop, kUp };
+
+bool SameLeaf(const DNode *o, const DNode *n) {
+  if (o == nullptr || n == nullptr) return o == n;
+  return o->text == n->text;
+}
+
+// Whether anything below s differs; null stands for an absent node.
+bool Differs(const SNode &s, const DNode *o, const DNode *n) {
+  for (const SNode *c : s.children) {
+    switch (c->kind) {
+      case NodeKind::kLeaf:
+        if (!SameLeaf(o ? o->Child(c) : nullptr, n ? n->Child(c) : nullptr)) return true;
+        break;
+      case NodeKind::kContainer:
+        if (Differs(*c, o ? o->Child(c) : nullptr, n ? n->Child(c) : nullptr)) return true;
+        break;
+      case NodeKind::kPresence: {
+        const DNode *oc = o ? o->Child(c) : nullptr;
+        const DNode *nc = n ? n->Child(c) : nullptr;
+        if ((oc == nullptr) != (nc == nullptr) || (oc && Differs(*c, oc, nc))) return true;
+        break;
+      }
+      case NodeKind::kList:
+      case NodeKind::kLeafList: {
+        const ListInst *ol = o ? o->List(c) : nullptr;
+        const ListInst *nl = n ? n->List(c) : nullptr;
+        size_t on = ol ? ol->entries.size() : 0;
+        size_t nn = nl ? nl->entries.size() : 0;
+        if (on != nn) return true;
+        for (size_t i = 0; i < on; ++i) {
+          const DNode *oe = ol->entries[i];
+          const DNode *ne = nl->entries[i];
+          if (oe->keystr != ne->keystr || Differs(*c, oe, ne)) return true;
+        }
+        break;
+      }
+    }
+  }
+  return false;
+}
+
+class Differ {
+ public:
+  Differ(IterFn iter, void *state, const KeypathBuilder &start)
+      : iter_(iter), state_(state), kp_(start) {}
+
+  int reported() const { return reported_; }
+  bool overflow() const { return overflow_; }
+
+  Walk Children(const SNode &s, const DNode *o, const DNode *n) {
+    for (const SNode *c : s.children) {
+      Walk w = Child(*c, o, n);
+      if (w == Walk::kStop) return w;
+      if (w == Walk::kUp) return Walk::kGo;  // the rest of this level is skipped
+    }
+    return Walk::kGo;
+  }
+
+  Walk Leaf(const SNode &c, const DNode *ov, const DNode *nv) {
+    if (SameLeaf(ov, nv)) return Walk::kGo;
+    if (!Push(c)) return Walk::kStop;
+    confd_value_t oldv = ov ? ov->value : confd_value_t{};
+    confd_value_t newv = nv ? nv->value : confd_value_t{};
+    enum maapi_iter_ret r =
+        Report(nv ? MOP_VALUE_SET : MOP_DELETED, ov ? &oldv : nullptr, nv ? &newv : nullptr);
+    kp_.Pop();
+    return r == ITER_STOP ? Walk::kStop : (r == ITER_UP ? Walk::kUp : Walk::kGo);
+  }
+
+  // Entries of list c (its tag already on the keypath).
+  Walk Entries(const SNode &c, const ListInst *ol, const ListInst *nl) {
+    size_t i = 0;
+    size_t j = 0;
+    size_t on = ol ? ol->entries.size() : 0;
+    size_t nn = nl ? nl->entries.size() : 0;
+    while (i < on || j < nn) {
+      const DNode *oe = nullptr;
+      const DNode *ne = nullptr;
+      if (j == nn || (i < on && ipapp::store::EntryLess(ol->entries[i], nl->entries[j]))) {
+        oe = ol->entries[i++];
+      } else if (i == on || ipapp::store::EntryLess(nl->entries[j], ol->entries[i])) {
+        ne = nl->entries[j++];
+      } else {
+        oe = ol->entries[i++];
+        ne = nl->entries[j++];
+      }
+      Walk w = Node(c, oe, ne, true);
+      if (w != Walk::kGo) return w;
+    }
+    return Walk::kGo;
+  }
+
+ private:
+  Walk Child(const SNode &c, const DNode *o, const DNode *n) {
+    switch (c.kind) {
+      case NodeKind::kLeaf:
+        if (c.is_key) return Walk::kGo;
+        return Leaf(c, o ? o->Child(&c) : nullptr, n ? n->Child(&c) : nullptr);
+      case NodeKind::kContainer: {
+        const DNode *oc = o ? o->Child(&c) : nullptr;
+        const DNode *nc = n ? n->Child(&c) : nullptr;
+        if (oc == nullptr && nc == nullptr) return Walk::kGo;
+        if (!Push(c)) return Walk::kStop;
+        Walk w = Children(c, oc, nc);
+        kp_.Pop();
+        return w;
+      }
+      case NodeKind::kPresence:
+        return Node(c, o ? o->Child(&c) : nullptr, n ? n->Child(&c) : nullptr, false);
+      case NodeKind::kList:
+      case NodeKind::kLeafList: {
+        const ListInst *ol = o ? o->List(&c) : nullptr;
+        const ListInst *nl = n ? n->List(&c) : nullptr;
+        if (ol == nullptr && nl == nullptr) return Walk::kGo;
+        if (!Push(c)) return Walk::kStop;
+        Walk w = Entries(c, ol, nl);
+        kp_.Pop();
+        return w;
+      }
+    }
+    return Walk::kGo;
+  }
+
+  // A list entry (keys pushed here) or a presence container (tag pushed).
+  Walk Node(const SNode &c, const DNode *o, const DNode *n, bool entry) {
+    if (o == nullptr && n == nullptr) return Walk::kGo;
+    enum maapi_iter_op op;
+    if (o == nullptr) {
+      op = MOP_CREATED;
+    } else if (n == nullptr) {
+      op = MOP_DELETED;
+    } else if (Differs(c, o, n)) {
+      op = MOP_MODIFIED;
+    } else {
+      return Walk::kGo;
+    }
+    if (!(entry ? kp_.PushEntry(n ? *n : *o) : kp_.PushTag(c))) {
+      overflow_ = true;
+      return Walk::kStop;
+    }
+    enum maapi_iter_ret r = Report(op, nullptr, nullptr);
+    Walk w = Walk::kGo;
+    if (r == ITER_STOP) {
+      w = Walk::kStop;
+    } else if (r == ITER_UP) {
+      w = Walk::kUp;
+    } else if (r == ITER_RECURSE && op != MOP_DELETED) {
+      w = Children(c, o, n);
+    }
+    kp_.Pop();
+    return w;
+  }
+
+  bool Push(const SNode &s) {
+    if (kp_.PushTag(s)) return true;
+    overflow_ = true;
+    return false;
+  }
+
+  enum maapi_iter_ret Report(enum maapi_iter_op op, confd_value_t *oldv, confd_value_t *newv) {
+    confd_hkeypath_t hkp;
+    kp_.Fill(&hkp);
+    ++reported_;
+    return iter_(&hkp, op, oldv, newv, state_);
+  }
+
+  IterFn iter_;
+  void *state_;
+  KeypathBuilder kp_;
+  int reported_ = 0;
+  bool overflow_ = false;
+};
+
+}  // namespace
+
+int maapi_keypath_diff_iterate(int sock, int thandle, IterFn iter, int flags, void *initstate,
+                               const char *fmt, ...) {
+  (void)flags;
+  ipapp::store::Call call("maapi_keypath_diff_iterate");
+  va_list ap;
+  va_start(ap, fmt);
+  call.FormatPath(fmt, ap);
+  va_end(ap);
+  if (!call.Maapi(sock, thandle) || !call.Parse()) return CONFD_ERR;
+  if (iter == nullptr) return call.Fail(CONFD_ERR_PROTOUSAGE, "null iterator");
+  // The callback may make calls of its own: take everything from the
+  // parsed path before the first one.
+  ipapp::store::Txn &txn = call.txn();
+  ipapp::store::Target o = Resolve(txn.running(), call.parsed());
+  ipapp::store::Target n = Resolve(txn.candidate(), call.parsed());
+  auto start = std::make_unique<KeypathBuilder>();
+  std::string why;
+  if (!KeypathOfPath(txn, n.node || n.list ? txn.candidate() : txn.running(), call.parsed(),
+                     start.get(), &why)) {
+    return call.Fail(CONFD_ERR_BADPATH, why);
+  }
+  auto differ = std::make_unique<Differ>(iter, initstate, *start);
+  const SNode &s = *n.s;
+  if (n.list_ref) {
+    differ->Entries(s, o.list, n.list);
+  } else if (s.kind == NodeKind::kLeaf) {
+    // The path names a leaf: its own change is the one below it.
+    start->Pop();
+    Differ leaf(iter, initstate, *start);
+    leaf.Leaf(s, o.node, n.node);
+    return call.Done(CONFD_OK, std::to_string(leaf.reported()) + " changes");
+  } else {
+    differ->Children(s, o.node, n.node);
+  }
+  if (differ->overflow()) return call.Fail(CONFD_ERR_BADPATH, "keypath deeper than MAXDEPTH");
+  return call.Done(CONFD_OK, std::to_string(differ->reported()) + " changes");
+}

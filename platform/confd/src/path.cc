@@ -1,0 +1,266 @@
+#include "path.h"
+
+#include "values.h"
+
+namespace ipapp::store {
+namespace {
+
+bool IsBlank(char c) {
+  return c == ' ' || c == '\t';
+}
+
+bool ParseKeys(std::string_view path, size_t *pos, ParsedPath *out, PathElem *elem,
+               std::string *error) {
+  size_t i = *pos + 1;  // after '{'
+  elem->nkeys = 0;
+  for (;;) {
+    while (i < path.size() && IsBlank(path[i])) ++i;
+    if (i >= path.size()) {
+      *error = "missing '}'";
+      return false;
+    }
+    if (path[i] == '}') break;
+    if (elem->nkeys == MAXKEYLEN) {
+      *error = "too many keys";
+      return false;
+    }
+    std::string_view key;
+    if (path[i] == '"') {
+      size_t start = ++i;
+      bool escaped = false;
+      while (i < path.size() && path[i] != '"') {
+        if (path[i] == '\\' && i + 1 < path.size()) {
+          escaped = true;
+          ++i;
+        }
+        ++i;
+      }
+      if (i >= path.size()) {
+        *error = "unterminated quoted key";
+        return false;
+      }
+      key = path.substr(start, i - start);
+      ++i;
+      if (escaped) {
+        std::string &plain = out->unescaped.emplace_back();
+        for (size_t j = 0; j < key.size(); ++j) {
+          if (key[j] == '\\' && j + 1 < key.size()) ++j;
+          plain.push_back(key[j]);
+        }
+        key = plain;
+      }
+      if (i < path.size() && !IsBlank(path[i]) && path[i] != '}') {
+        *error = "blank or '}' expected after a quoted key";
+        return false;
+      }
+    } else {
+      size_t start = i;
+      while (i < path.size() && !IsBlank(path[i]) && path[i] != '}' && path[i] != '{') ++i;
+      if (i < path.size() && path[i] == '{') {
+        *error = "'{' inside keys";
+        return false;
+      }
+      key = path.substr(start, i - start);
+    }
+    elem->keys[elem->nkeys++] = key;
+  }
+  *pos = i + 1;  // after '}'
+  return true;
+}
+
+bool CanonicalKeys(PathElem *elem, std::string *error) {
+  const SNode *s = elem->s;
+  if (static_cast<size_t>(elem->nkeys) != s->keys.size()) {
+    *error = "list \"" + s->name + "\" has " + std::to_string(s->keys.size()) + " key" +
+             (s->keys.size() == 1 ? "" : "s") + ", " + std::to_string(elem->nkeys) + " given";
+    return false;
+  }
+  elem->keystr.clear();
+  thread_local std::string storage;
+  thread_local std::string text;
+  for (int k = 0; k < elem->nkeys; ++k) {
+    const LeafType &type = s->keys[k]->type;
+    if (type.vtype == C_BUF) {
+      AppendKeyText(elem->keys[k], &elem->keystr);
+      continue;
+    }
+    confd_value_t v;
+    std::string why;
+    if (!ParseValue(type, elem->keys[k], &v, &storage, &why)) {
+      *error = "key \"" + std::string(elem->keys[k]) + "\" of list \"" + s->name +
+               "\" is not a valid " + type.name + " (" + why + ")";
+      return false;
+    }
+    text.clear();
+    FormatValue(v, &text);
+    AppendKeyText(text, &elem->keystr);
+  }
+  return true;
+}
+
+}  // namespace
+
+bool ParsePath(const SchemaIndex &schema, std::string_view path, bool schema_path, ParsedPath *out,
+               std::string *error) {
+  out->n = 0;
+  out->unescaped.clear();
+  if (path.empty() || path[0] != '/') {
+    *error = "not an absolute path";
+    return false;
+  }
+  const SNode *parent = &schema.root();
+  size_t i = 0;
+  while (i < path.size()) {
+    if (path[i] != '/') {
+      *error = "'/' expected at offset " + std::to_string(i);
+      return false;
+    }
+    ++i;
+    size_t start = i;
+    while (i < path.size() && path[i] != '/' && path[i] != '{' && path[i] != '[') ++i;
+    std::string_view name = path.substr(start, i - start);
+    std::string_view module;
+    size_t colon = name.find(':');
+    if (colon != std::string_view::npos) {
+      module = name.substr(0, colon);
+      name = name.substr(colon + 1);
+    }
+    if (name.empty()) {
+      *error = "empty element at offset " + std::to_string(start);
+      return false;
+    }
+    if (out->n > 0 && out->e[out->n - 1].s->is_list() &&
+        out->e[out->n - 1].sel == PathElem::kNone && !schema_path) {
+      *error = "list \"" + out->e[out->n - 1].s->name + "\" needs keys or an index";
+      return false;
+    }
+    if (parent->kind == NodeKind::kLeaf || parent->kind == NodeKind::kLeafList) {
+      *error = "\"" + parent->name + "\" is a leaf and has no children";
+      return false;
+    }
+    bool ambiguous;
+    const SNode *s = parent->Child(name, module, &ambiguous);
+    if (s == nullptr) {
+      *error = ambiguous
+                   ? "element \"" + std::string(name) + "\" is ambiguous, give its module"
+                   : "unknown element \"" + (module.empty() ? "" : std::string(module) + ":") +
+                         std::string(name) + "\"";
+      return false;
+    }
+    if (out->n == MAXDEPTH) {
+      *error = "deeper than " + std::to_string(MAXDEPTH) + " elements";
+      return false;
+    }
+    PathElem &elem = out->e[out->n++];
+    elem.s = s;
+    elem.sel = PathElem::kNone;
+    elem.nkeys = 0;
+    if (i < path.size() && (path[i] == '{' || path[i] == '[')) {
+      if (!s->is_list()) {
+        *error = "\"" + s->name + "\" is not a list";
+        return false;
+      }
+      if (path[i] == '{') {
+        if (!ParseKeys(path, &i, out, &elem, error) || !CanonicalKeys(&elem, error)) return false;
+        elem.sel = PathElem::kKeys;
+      } else {
+        size_t close = path.find(']', i);
+        std::string_view digits = close == std::string_view::npos
+                                      ? std::string_view()
+                                      : path.substr(i + 1, close - i - 1);
+        long index = 0;
+        bool ok = !digits.empty() && digits.size() < 10;
+        for (char c : digits) {
+          ok = ok && c >= '0' && c <= '9';
+          index = index * 10 + (c - '0');
+        }
+        if (!ok) {
+          *error = "bad index \"[" + std::string(digits) + "]\"";
+          return false;
+        }
+        elem.sel = PathElem::kIndex;
+        elem.index = index;
+        i = close + 1;
+      }
+      if (i < path.size() && path[i] != '/') {
+        *error = "'/' expected after the keys of \"" + s->name + "\"";
+        return false;
+      }
+    }
+    parent = s;
+  }
+  if (out->n == 0) {
+    *error = "empty path";
+    return false;
+  }
+  if (path.back() == '/') {
+    *error = "trailing '/'";
+    return false;
+  }
+  return true;
+}
+
+Target Resolve(const DataTree &tree, const ParsedPath &path) {
+  Target t;
+  const DNode *cur = &tree.root();
+  bool present = true;
+  for (int i = 0; i < path.n; ++i) {
+    const PathElem &elem = path.e[i];
+    const SNode *s = elem.s;
+    t.s = s;
+    switch (s->kind) {
+      case NodeKind::kList:
+      case NodeKind::kLeafList: {
+        const ListInst *list = cur ? cur->List(s) : nullptr;
+        if (elem.sel == PathElem::kNone) {
+          t.list_ref = true;
+          t.owner = cur;
+          t.list = list;
+          t.present = present && list != nullptr && !list->entries.empty();
+          return t;
+        }
+        const DNode *entry = nullptr;
+        if (list != nullptr) {
+          if (elem.sel == PathElem::kKeys) {
+            auto it = list->by_key.find(elem.keystr);
+            if (it != list->by_key.end()) entry = it->second;
+          } else if (static_cast<size_t>(elem.index) < list->entries.size()) {
+            entry = list->entries[elem.index];
+          }
+        }
+        cur = entry;
+        present = present && entry != nullptr;
+        break;
+      }
+      case NodeKind::kContainer:
+        cur = cur ? cur->Child(s) : nullptr;
+        break;
+      default:
+        cur = cur ? cur->Child(s) : nullptr;
+        present = present && cur != nullptr;
+        break;
+    }
+  }
+  t.node = cur;
+  t.present = present;
+  return t;
+}
+
+void AppendQuotedKey(std::string_view text, std::string *out) {
+  bool quote = text.empty();
+  for (char c : text) {
+    if (IsBlank(c) || c == '{' || c == '}' || c == '"' || c == '\\') quote = true;
+  }
+  if (!quote) {
+    out->append(text);
+    return;
+  }
+  out->push_back('"');
+  for (char c : text) {
+    if (c == '"' || c == '\\') out->push_back('\\');
+    out->push_back(c);
+  }
+  out->push_back('"');
+}
+
+}  // namespace ipapp::store

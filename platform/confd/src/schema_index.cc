@@ -1,0 +1,419 @@
+#include "schema_index.h"
+
+#include <ipapp_ns.h>
+
+#include <map>
+#include <mutex>
+#include <stdexcept>
+#include <unordered_map>
+
+namespace ipapp::store {
+namespace {
+
+// Names whose tag numbers the interface model's generated header fixes.
+const std::map<std::string_view, uint32_t> &FixedTags() {
+  static const std::map<std::string_view, uint32_t> tags = {
+      {"l3", ipapp_l3},
+      {"loopback", ipapp_loopback},
+      {"mgmt", ipapp_mgmt},
+      {"address", ipapp_address},
+      {"lower-layer-if", ipapp_lower_layer_if},
+      {"vlan", ipapp_vlan},
+      {"vrf", ipapp_vrf},
+  };
+  return tags;
+}
+
+uint32_t Fnv1a(std::string_view text, uint32_t seed) {
+  uint32_t h = 2166136261u ^ seed;
+  for (unsigned char c : text) {
+    h ^= c;
+    h *= 16777619u;
+  }
+  return h;
+}
+
+struct Registry {
+  std::mutex mu;
+  std::unordered_map<std::string, uint32_t> tag_by_name;
+  std::unordered_map<uint32_t, std::string> name_by_tag;
+  std::unordered_map<uint32_t, std::string> module_by_ns;
+  std::unordered_map<int32_t, std::string> enum_names;
+  std::unordered_map<int32_t, bool> enum_ambiguous;
+};
+
+Registry &Reg() {
+  static Registry *reg = new Registry;  // outlives every user, never destroyed
+  return *reg;
+}
+
+bool IsFixedTag(uint32_t tag) {
+  for (const auto &[name, value] : FixedTags()) {
+    if (value == tag) return true;
+  }
+  return false;
+}
+
+void RegisterEnum(const std::string &name, int32_t value) {
+  Registry &reg = Reg();
+  std::lock_guard<std::mutex> lock(reg.mu);
+  auto [it, added] = reg.enum_names.emplace(value, name);
+  if (!added && it->second != name) reg.enum_ambiguous[value] = true;
+}
+
+std::string_view Bare(const char *name) {
+  std::string_view n(name ? name : "");
+  size_t colon = n.find(':');
+  return colon == std::string_view::npos ? n : n.substr(colon + 1);
+}
+
+// String-derived types the store converts by their typedef name.
+bool KnownStringType(std::string_view name, confd_vtype *vtype) {
+  static const std::map<std::string_view, confd_vtype> known = {
+      {"ipv4-address", C_IPV4},
+      {"ipv4-address-no-zone", C_IPV4},
+      {"ipv6-address", C_IPV6},
+      {"ipv6-address-no-zone", C_IPV6},
+      {"hex-string", C_BINARY},
+      {"ipv4-address-and-prefix-length", C_IPV4_AND_PLEN},
+      {"ipv6-address-and-prefix-length", C_IPV6_AND_PLEN},
+  };
+  auto it = known.find(name);
+  if (it == known.end()) return false;
+  *vtype = it->second;
+  return true;
+}
+
+const lysp_tpdf *FindTypedef(const lysp_module *pmod, std::string_view name) {
+  if (pmod == nullptr) return nullptr;
+  LY_ARRAY_COUNT_TYPE i;
+  const lysp_tpdf *tpdf;
+  LY_ARRAY_FOR(pmod->typedefs, i) {
+    tpdf = &pmod->typedefs[i];
+    if (name == tpdf->name) return tpdf;
+  }
+  return nullptr;
+}
+
+const char *BaseTypeName(LY_DATA_TYPE type) {
+  switch (type) {
+    case LY_TYPE_BINARY:
+      return "binary";
+    case LY_TYPE_UINT8:
+      return "uint8";
+    case LY_TYPE_UINT16:
+      return "uint16";
+    case LY_TYPE_UINT32:
+      return "uint32";
+    case LY_TYPE_UINT64:
+      return "uint64";
+    case LY_TYPE_STRING:
+      return "string";
+    case LY_TYPE_BITS:
+      return "bits";
+    case LY_TYPE_BOOL:
+      return "boolean";
+    case LY_TYPE_DEC64:
+      return "decimal64";
+    case LY_TYPE_EMPTY:
+      return "empty";
+    case LY_TYPE_ENUM:
+      return "enumeration";
+    case LY_TYPE_IDENT:
+      return "identityref";
+    case LY_TYPE_INST:
+      return "instance-identifier";
+    case LY_TYPE_LEAFREF:
+      return "leafref";
+    case LY_TYPE_UNION:
+      return "union";
+    case LY_TYPE_INT8:
+      return "int8";
+    case LY_TYPE_INT16:
+      return "int16";
+    case LY_TYPE_INT32:
+      return "int32";
+    case LY_TYPE_INT64:
+      return "int64";
+    default:
+      return "unknown";
+  }
+}
+
+LeafType MapType(const lysc_node *ly) {
+  const lysc_type *type = ly->nodetype == LYS_LEAF
+                              ? reinterpret_cast<const lysc_node_leaf *>(ly)->type
+                              : reinterpret_cast<const lysc_node_leaflist *>(ly)->type;
+  LeafType out;
+  switch (type->basetype) {
+    case LY_TYPE_INT8:
+      out.vtype = C_INT8;
+      break;
+    case LY_TYPE_INT16:
+      out.vtype = C_INT16;
+      break;
+    case LY_TYPE_INT32:
+      out.vtype = C_INT32;
+      break;
+    case LY_TYPE_INT64:
+      out.vtype = C_INT64;
+      break;
+    case LY_TYPE_UINT8:
+      out.vtype = C_UINT8;
+      break;
+    case LY_TYPE_UINT16:
+      out.vtype = C_UINT16;
+      break;
+    case LY_TYPE_UINT32:
+      out.vtype = C_UINT32;
+      break;
+    case LY_TYPE_UINT64:
+      out.vtype = C_UINT64;
+      break;
+    case LY_TYPE_BOOL:
+      out.vtype = C_BOOL;
+      break;
+    case LY_TYPE_ENUM: {
+      out.vtype = C_ENUM_VALUE;
+      auto *en = reinterpret_cast<const lysc_type_enum *>(type);
+      LY_ARRAY_COUNT_TYPE i;
+      LY_ARRAY_FOR(en->enums, i) {
+        out.enums.push_back({en->enums[i].name, en->enums[i].value});
+        RegisterEnum(en->enums[i].name, en->enums[i].value);
+      }
+      break;
+    }
+    case LY_TYPE_STRING: {
+      // The compiled type forgets typedef names; the parsed leaf keeps them.
+      out.vtype = C_BUF;
+      out.name = "string";
+      const lysp_type *pt = nullptr;
+      if (ly->priv != nullptr) {
+        pt = ly->nodetype == LYS_LEAF ? &static_cast<const lysp_node_leaf *>(ly->priv)->type
+                                      : &static_cast<const lysp_node_leaflist *>(ly->priv)->type;
+      }
+      for (int depth = 0; pt != nullptr && depth < 16; ++depth) {
+        std::string_view bare = Bare(pt->name);
+        confd_vtype vt;
+        if (KnownStringType(bare, &vt)) {
+          out.vtype = vt;
+          out.name = std::string(bare);
+          break;
+        }
+        const lysp_tpdf *tpdf = FindTypedef(pt->pmod, bare);
+        pt = tpdf ? &tpdf->type : nullptr;
+      }
+      return out;
+    }
+    default:
+      out.vtype = C_BUF;
+      break;
+  }
+  out.name = BaseTypeName(type->basetype);
+  return out;
+}
+
+}  // namespace
+
+uint32_t TagOf(std::string_view name) {
+  Registry &reg = Reg();
+  std::lock_guard<std::mutex> lock(reg.mu);
+  auto it = reg.tag_by_name.find(std::string(name));
+  if (it != reg.tag_by_name.end()) return it->second;
+  uint32_t tag;
+  auto fixed = FixedTags().find(name);
+  if (fixed != FixedTags().end()) {
+    tag = fixed->second;
+  } else {
+    uint32_t seed = 0;
+    do {
+      tag = Fnv1a(name, seed++) & 0x7FFFFFFFu;
+    } while (tag == 0 || IsFixedTag(tag));
+  }
+  auto [other, added] = reg.name_by_tag.emplace(tag, std::string(name));
+  if (!added && other->second != name) {
+    throw std::runtime_error("element names '" + other->second + "' and '" + std::string(name) +
+                             "' share the tag number " + std::to_string(tag));
+  }
+  reg.tag_by_name.emplace(std::string(name), tag);
+  return tag;
+}
+
+const std::string *TagName(uint32_t tag) {
+  Registry &reg = Reg();
+  std::lock_guard<std::mutex> lock(reg.mu);
+  auto it = reg.name_by_tag.find(tag);
+  return it == reg.name_by_tag.end() ? nullptr : &it->second;
+}
+
+uint32_t NsOf(std::string_view module, std::string_view uri) {
+  uint32_t ns = uri == ipapp__ns_uri ? uint32_t{ipapp__ns} : Fnv1a(uri, 0) & 0x7FFFFFFFu;
+  Registry &reg = Reg();
+  std::lock_guard<std::mutex> lock(reg.mu);
+  auto [it, added] = reg.module_by_ns.emplace(ns, std::string(module));
+  if (!added && it->second != module) {
+    throw std::runtime_error("modules '" + it->second + "' and '" + std::string(module) +
+                             "' share the namespace number " + std::to_string(ns));
+  }
+  return ns;
+}
+
+const std::string *NsModule(uint32_t ns) {
+  Registry &reg = Reg();
+  std::lock_guard<std::mutex> lock(reg.mu);
+  auto it = reg.module_by_ns.find(ns);
+  return it == reg.module_by_ns.end() ? nullptr : &it->second;
+}
+
+const std::string *EnumName(int32_t value) {
+  Registry &reg = Reg();
+  std::lock_guard<std::mutex> lock(reg.mu);
+  if (reg.enum_ambiguous.count(value)) return nullptr;
+  auto it = reg.enum_names.find(value);
+  return it == reg.enum_names.end() ? nullptr : &it->second;
+}
+
+const SNode *SNode::Child(std::string_view child_name, std::string_view child_module,
+                          bool *ambiguous) const {
+  const SNode *found = nullptr;
+  *ambiguous = false;
+  for (const SNode *c : children) {
+    if (c->name != child_name) continue;
+    if (!child_module.empty()) {
+      if (c->module == child_module) return c;
+      continue;
+    }
+    if (found != nullptr) {
+      *ambiguous = true;
+      return nullptr;
+    }
+    found = c;
+  }
+  return found;
+}
+
+SchemaIndex::SchemaIndex(ly_ctx *ctx, const std::vector<const lys_module *> &modules) : ctx_(ctx) {
+  nodes_.emplace_back();  // the root
+  try {
+    for (const lys_module *mod : modules) {
+      if (mod->implemented && mod->compiled) AddChildren(&nodes_.front(), nullptr, mod);
+    }
+  } catch (...) {
+    ly_ctx_destroy(ctx_);
+    throw;
+  }
+}
+
+SchemaIndex::~SchemaIndex() {
+  ly_ctx_destroy(ctx_);
+}
+
+const SNode *SchemaIndex::Find(const lysc_node *ly) const {
+  auto it = by_ly_.find(ly);
+  return it == by_ly_.end() ? nullptr : it->second;
+}
+
+void SchemaIndex::AddChildren(SNode *parent, const lysc_node *ly_parent,
+                              const lys_module *top_module) {
+  const lysc_node *child = nullptr;
+  const lysc_module *cmod = ly_parent ? nullptr : top_module->compiled;
+  while ((child = lys_getnext(child, ly_parent, cmod, 0)) != nullptr) {
+    if (!(child->nodetype & (LYS_CONTAINER | LYS_LIST | LYS_LEAF | LYS_LEAFLIST))) continue;
+    SNode *node = AddNode(parent, child);
+    if (child->nodetype & (LYS_CONTAINER | LYS_LIST)) AddChildren(node, child, top_module);
+    if (node->is_list()) {
+      for (const SNode *c : node->children) {
+        if (c->is_key) node->keys.push_back(c);
+      }
+      if (node->keys.empty() || node->keys.size() >= MAXKEYLEN) {
+        throw std::runtime_error("list " + PathOf(*node) + " has " +
+                                 std::to_string(node->keys.size()) + " keys");
+      }
+      node->object_leaves = node->keys;
+      for (const SNode *c : node->children) {
+        if (c->is_leaf() && !c->is_key) node->object_leaves.push_back(c);
+      }
+    }
+  }
+}
+
+SNode *SchemaIndex::AddNode(SNode *parent, const lysc_node *ly) {
+  SNode &node = nodes_.emplace_back();
+  node.ly = ly;
+  node.name = ly->name;
+  node.module = ly->module->name;
+  node.parent = parent == &nodes_.front() ? nullptr : parent;
+  node.index = static_cast<int>(parent->children.size());
+  node.tag = TagOf(node.name);
+  node.ns = NsOf(node.module, ly->module->ns);
+  switch (ly->nodetype) {
+    case LYS_CONTAINER:
+      node.kind = (ly->flags & LYS_PRESENCE) ? NodeKind::kPresence : NodeKind::kContainer;
+      break;
+    case LYS_LIST:
+      node.kind = NodeKind::kList;
+      break;
+    case LYS_LEAFLIST:
+      node.kind = NodeKind::kLeafList;
+      node.type = MapType(ly);
+      break;
+    default:
+      node.kind = NodeKind::kLeaf;
+      node.is_key = lysc_is_key(ly);
+      node.type = MapType(ly);
+      break;
+  }
+  parent->children.push_back(&node);
+  by_ly_.emplace(ly, &node);
+  return &node;
+}
+
+std::string SchemaIndex::PathOf(const SNode &s) {
+  std::vector<const SNode *> chain;
+  for (const SNode *n = &s; n != nullptr; n = n->parent) chain.push_back(n);
+  std::string out;
+  const std::string *module = nullptr;
+  for (auto it = chain.rbegin(); it != chain.rend(); ++it) {
+    out += '/';
+    if (module != nullptr && *module != (*it)->module) out += (*it)->module + ":";
+    out += (*it)->name;
+    module = &(*it)->module;
+  }
+  return out;
+}
+
+}  // namespace ipapp::store
+
+namespace ipapp::store {
+namespace {
+
+thread_local std::string libyang_log;
+
+void LogToBuffer(LY_LOG_LEVEL level, const char *msg, const char *path) {
+  if (level > LY_LLWRN) return;
+  if (!libyang_log.empty()) libyang_log += '\n';
+  libyang_log += msg ? msg : "";
+  if (path != nullptr && *path != '\0') {
+    libyang_log += " (";
+    libyang_log += path;
+    libyang_log += ")";
+  }
+}
+
+}  // namespace
+
+void CaptureLibyangLog() {
+  static std::once_flag once;
+  std::call_once(once, [] {
+    ly_set_log_clb(LogToBuffer, 1);
+    ly_log_options(LY_LOLOG | LY_LOSTORE_LAST);
+  });
+}
+
+std::string TakeLibyangLog() {
+  std::string out;
+  out.swap(libyang_log);
+  return out;
+}
+
+}  // namespace ipapp::store

@@ -1,0 +1,103 @@
+// The element's schema as the data store reads it: one SNode per data node
+// of the compiled modules, with the value type of every leaf (type map of
+// the store), keys, children in schema order and the tag numbers that
+// keypaths carry.
+#ifndef IPAPP_STORE_SCHEMA_INDEX_H
+#define IPAPP_STORE_SCHEMA_INDEX_H
+
+#include <confd_lib.h>
+#include <libyang/libyang.h>
+
+#include <cstdint>
+#include <deque>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+namespace ipapp::store {
+
+enum class NodeKind { kContainer, kPresence, kList, kLeaf, kLeafList };
+
+struct EnumItem {
+  std::string name;
+  int32_t value;
+};
+
+/// Value type of a leaf: the ConfD type it maps to, and what parsing and
+/// printing need to know about it.
+struct LeafType {
+  confd_vtype vtype = C_BUF;
+  std::string name;  ///< YANG type name, for messages ("int32", "hex-string")
+  std::vector<EnumItem> enums;
+};
+
+struct SNode {
+  const lysc_node *ly = nullptr;
+  std::string name;
+  std::string module;
+  const SNode *parent = nullptr;  ///< null for top-level nodes and the root
+  NodeKind kind = NodeKind::kContainer;
+  uint32_t tag = 0;
+  uint32_t ns = 0;
+  int index = 0;  ///< position among the parent's children
+  bool is_key = false;
+  std::vector<const SNode *> children;       ///< schema order
+  std::vector<const SNode *> keys;           ///< lists: key leaves in key order
+  std::vector<const SNode *> object_leaves;  ///< lists: keys, then the other leaf children
+  LeafType type;                             ///< leaves and leaf-lists
+
+  bool is_leaf() const { return kind == NodeKind::kLeaf; }
+  bool is_list() const { return kind == NodeKind::kList; }
+  /// Child by name; module empty matches any module. Sets *ambiguous when
+  /// two modules' children share the name and no module was given.
+  const SNode *Child(std::string_view name, std::string_view module, bool *ambiguous) const;
+};
+
+/// Owns the libyang context the index was built from.
+class SchemaIndex {
+ public:
+  /// ctx must have been created with LY_CTX_SET_PRIV_PARSED; modules lists
+  /// the implemented modules in the order their top-level nodes are kept.
+  /// Throws std::runtime_error on a schema the store cannot serve.
+  SchemaIndex(ly_ctx *ctx, const std::vector<const lys_module *> &modules);
+  ~SchemaIndex();
+  SchemaIndex(const SchemaIndex &) = delete;
+  SchemaIndex &operator=(const SchemaIndex &) = delete;
+
+  ly_ctx *ctx() const { return ctx_; }
+  const SNode &root() const { return nodes_.front(); }
+  const SNode *Find(const lysc_node *ly) const;
+  /// Schema path in keypath syntax: "/config/interface/ipapp:l3".
+  static std::string PathOf(const SNode &s);
+
+ private:
+  void AddChildren(SNode *parent, const lysc_node *ly_parent, const lys_module *top_module);
+  SNode *AddNode(SNode *parent, const lysc_node *ly);
+
+  ly_ctx *ctx_;
+  std::deque<SNode> nodes_;
+  std::unordered_map<const lysc_node *, const SNode *> by_ly_;
+};
+
+/// Tag number of an element name: the fixed numbers of the interface
+/// model's names, a stable hash for every other name. Registers the name for
+/// TagName(). Throws std::runtime_error if two names would share a number.
+uint32_t TagOf(std::string_view name);
+/// Name of a registered tag, or null.
+const std::string *TagName(uint32_t tag);
+/// Namespace hash of a module (registered for NsModule()).
+uint32_t NsOf(std::string_view module, std::string_view uri);
+const std::string *NsModule(uint32_t ns);
+/// Name of an enumeration value when every loaded enumeration agrees on it.
+const std::string *EnumName(int32_t value);
+
+/// Routes libyang's messages into a per-thread buffer instead of stderr
+/// (idempotent, process-wide).
+void CaptureLibyangLog();
+/// This thread's libyang messages since the last call, one per line.
+std::string TakeLibyangLog();
+
+}  // namespace ipapp::store
+
+#endif  // IPAPP_STORE_SCHEMA_INDEX_H

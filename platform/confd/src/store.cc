@@ -1,0 +1,406 @@
+#include "store.h"
+
+#include <cstdlib>
+#include <cstring>
+
+#include "values.h"
+
+int confd_errno = 0;
+
+namespace ipapp::store {
+namespace {
+
+// Calls recorded per transaction before the trace stops growing (a
+// benchmark that never clears it must not exhaust memory).
+constexpr size_t kTraceLimit = size_t{1} << 20;
+
+struct Registry {
+  int next_thandle = 1;
+  int next_socket = 100;
+  uint64_t next_cursor = 1;
+  std::unordered_map<int, std::shared_ptr<Txn>> by_thandle;
+  std::unordered_map<int, int> cdb_socket_owner;
+  std::unordered_map<uint64_t, int> cursor_owner;
+  std::unordered_map<void *, int> dup_owner;
+};
+
+Registry &Reg() {
+  static Registry *reg = new Registry;  // outlives every user, never destroyed
+  return *reg;
+}
+
+thread_local int current_thandle = 0;
+thread_local std::string last_error;
+
+}  // namespace
+
+std::mutex &StoreMutex() {
+  static std::mutex *mu = new std::mutex;
+  return *mu;
+}
+
+void SetLastError(int err, std::string text) {
+  confd_errno = err;
+  last_error = std::move(text);
+}
+
+Txn::Txn(int thandle, int maapi_socket, std::shared_ptr<const SchemaIndex> schema,
+         std::unique_ptr<DataTree> running, std::unique_ptr<DataTree> candidate)
+    : thandle_(thandle),
+      maapi_socket_(maapi_socket),
+      schema_(std::move(schema)),
+      running_(std::move(running)),
+      candidate_(std::move(candidate)) {}
+
+Txn::~Txn() {
+  for (void *p : dups) std::free(p);
+  for (auto &ctx : contexts_) std::free(ctx->validate_opaque);
+}
+
+confd_trans_ctx *Txn::NewContext(const std::string &opaque, void *host) {
+  auto ctx = std::make_unique<confd_trans_ctx>();
+  std::memset(ctx.get(), 0, sizeof(confd_trans_ctx));
+  ctx->fd = -1;
+  ctx->vfd = -1;
+  ctx->thandle = thandle_;
+  ctx->vcb_opaque = host;
+  ctx->validate_opaque = strdup(opaque.c_str());
+  ctx->internal = this;
+  std::lock_guard<std::mutex> lock(StoreMutex());
+  contexts_.push_back(std::move(ctx));
+  return contexts_.back().get();
+}
+
+void Txn::SetError(std::string text) {
+  std::lock_guard<std::mutex> lock(StoreMutex());
+  error_ = std::move(text);
+  has_error_ = true;
+}
+
+std::string Txn::Error() const {
+  std::lock_guard<std::mutex> lock(StoreMutex());
+  return error_;
+}
+
+bool Txn::HasError() const {
+  std::lock_guard<std::mutex> lock(StoreMutex());
+  return has_error_;
+}
+
+void Txn::ClearError() {
+  std::lock_guard<std::mutex> lock(StoreMutex());
+  error_.clear();
+  has_error_ = false;
+}
+
+void Txn::AddFault(FaultRecord fault) {
+  std::lock_guard<std::mutex> lock(StoreMutex());
+  faults_.push_back(std::move(fault));
+}
+
+std::vector<FaultRecord> Txn::Faults() const {
+  std::lock_guard<std::mutex> lock(StoreMutex());
+  return faults_;
+}
+
+void Txn::AddTraceLocked(const char *call, std::string path, int result, std::string detail) {
+  if (trace_.size() >= kTraceLimit) {
+    ++trace_dropped_;
+    return;
+  }
+  trace_.push_back({call, std::move(path), result, std::move(detail)});
+}
+
+std::vector<TraceRecord> Txn::Trace() const {
+  std::lock_guard<std::mutex> lock(StoreMutex());
+  std::vector<TraceRecord> out = trace_;
+  if (trace_dropped_ > 0) {
+    out.push_back({"(trace full)", "", 0, std::to_string(trace_dropped_) + " calls not recorded"});
+  }
+  return out;
+}
+
+void Txn::ClearTrace() {
+  std::lock_guard<std::mutex> lock(StoreMutex());
+  trace_.clear();
+  trace_dropped_ = 0;
+}
+
+Resources Txn::Open() const {
+  std::lock_guard<std::mutex> lock(StoreMutex());
+  Resources r;
+  r.cursors = static_cast<int>(cursors.size());
+  for (const auto &[sock, info] : cdb_sockets) r.cdb_sessions += info.session ? 1 : 0;
+  r.dup_values = static_cast<int>(dups.size());
+  return r;
+}
+
+void Txn::FailCdbSessions(bool fail) {
+  std::lock_guard<std::mutex> lock(StoreMutex());
+  fail_cdb_ = fail;
+}
+
+bool Txn::fail_cdb_sessions() const {
+  return fail_cdb_;
+}
+
+void Txn::FailMaapiSocket(bool fail) {
+  std::lock_guard<std::mutex> lock(StoreMutex());
+  fail_maapi_ = fail;
+}
+
+bool Txn::fail_maapi_socket() const {
+  std::lock_guard<std::mutex> lock(StoreMutex());
+  return fail_maapi_;
+}
+
+const std::string &Txn::Keep(std::string bytes) {
+  std::lock_guard<std::mutex> lock(StoreMutex());
+  return kept_.emplace_back(std::move(bytes));
+}
+
+std::shared_ptr<Txn> CreateTxn(std::shared_ptr<const SchemaIndex> schema,
+                               std::unique_ptr<DataTree> running,
+                               std::unique_ptr<DataTree> candidate) {
+  std::lock_guard<std::mutex> lock(StoreMutex());
+  Registry &reg = Reg();
+  int thandle = reg.next_thandle++;
+  int sock = reg.next_socket++;
+  auto txn = std::make_shared<Txn>(thandle, sock, std::move(schema), std::move(running),
+                                   std::move(candidate));
+  reg.by_thandle.emplace(thandle, txn);
+  return txn;
+}
+
+void EndTxn(int thandle) {
+  std::shared_ptr<Txn> txn;
+  {
+    std::lock_guard<std::mutex> lock(StoreMutex());
+    Registry &reg = Reg();
+    auto it = reg.by_thandle.find(thandle);
+    if (it == reg.by_thandle.end()) return;
+    txn = std::move(it->second);
+    reg.by_thandle.erase(it);
+    for (const auto &[sock, info] : txn->cdb_sockets) reg.cdb_socket_owner.erase(sock);
+    for (const auto &[id, cursor] : txn->cursors) reg.cursor_owner.erase(id);
+    for (void *p : txn->dups) reg.dup_owner.erase(p);
+    txn->cdb_sockets.clear();
+    txn->cursors.clear();
+  }
+  // The last reference frees the trees and the duplicated buffers.
+}
+
+std::shared_ptr<Txn> FindTxnLocked(int thandle) {
+  Registry &reg = Reg();
+  auto it = reg.by_thandle.find(thandle);
+  return it == reg.by_thandle.end() ? nullptr : it->second;
+}
+
+std::shared_ptr<Txn> FindTxn(int thandle) {
+  std::lock_guard<std::mutex> lock(StoreMutex());
+  return FindTxnLocked(thandle);
+}
+
+std::shared_ptr<Txn> FindCdbSocketLocked(int sock) {
+  Registry &reg = Reg();
+  auto it = reg.cdb_socket_owner.find(sock);
+  return it == reg.cdb_socket_owner.end() ? nullptr : FindTxnLocked(it->second);
+}
+
+std::shared_ptr<Txn> FindCursorLocked(uint64_t id) {
+  Registry &reg = Reg();
+  auto it = reg.cursor_owner.find(id);
+  return it == reg.cursor_owner.end() ? nullptr : FindTxnLocked(it->second);
+}
+
+uint64_t NewCursorIdLocked(int thandle) {
+  Registry &reg = Reg();
+  uint64_t id = reg.next_cursor++;
+  reg.cursor_owner.emplace(id, thandle);
+  return id;
+}
+
+void ForgetCursorLocked(uint64_t id) {
+  Reg().cursor_owner.erase(id);
+}
+
+void AddDupLocked(Txn &txn, void *ptr) {
+  txn.dups.insert(ptr);
+  Reg().dup_owner.emplace(ptr, txn.thandle());
+}
+
+bool FreeDup(void *ptr) {
+  std::lock_guard<std::mutex> lock(StoreMutex());
+  Registry &reg = Reg();
+  auto it = reg.dup_owner.find(ptr);
+  if (it == reg.dup_owner.end()) return false;
+  std::shared_ptr<Txn> txn = FindTxnLocked(it->second);
+  reg.dup_owner.erase(it);
+  if (txn) txn->dups.erase(ptr);
+  std::free(ptr);
+  return true;
+}
+
+int OpenCdbSocket(int thandle) {
+  std::lock_guard<std::mutex> lock(StoreMutex());
+  std::shared_ptr<Txn> txn = FindTxnLocked(thandle);
+  if (!txn) return -1;
+  Registry &reg = Reg();
+  int sock = reg.next_socket++;
+  reg.cdb_socket_owner.emplace(sock, thandle);
+  txn->cdb_sockets.emplace(sock, CdbSocket{});
+  return sock;
+}
+
+void CloseCdbSocket(int sock) {
+  std::lock_guard<std::mutex> lock(StoreMutex());
+  std::shared_ptr<Txn> txn = FindCdbSocketLocked(sock);
+  Reg().cdb_socket_owner.erase(sock);
+  if (txn) txn->cdb_sockets.erase(sock);
+}
+
+void SetCurrentTxn(int thandle) {
+  current_thandle = thandle;
+}
+int CurrentTxn() {
+  return current_thandle;
+}
+
+bool KeypathBuilder::PushTag(const SNode &s) {
+  if (n_ == MAXDEPTH) return false;
+  Elem &e = e_[n_++];
+  e.nkeys = 0;
+  CONFD_SET_XMLTAG(&e.v[0], s.tag, s.ns);
+  return true;
+}
+
+bool KeypathBuilder::PushKeys(const confd_value_t *keys, int n) {
+  if (n_ == MAXDEPTH || n < 1 || n >= MAXKEYLEN) return false;
+  Elem &e = e_[n_++];
+  e.nkeys = n;
+  for (int i = 0; i < n; ++i) e.v[i] = keys[i];
+  return true;
+}
+
+bool KeypathBuilder::PushEntry(const DNode &entry) {
+  confd_value_t keys[MAXKEYLEN];
+  int n = 0;
+  if (entry.s->is_list()) {
+    for (size_t i = 0; i < entry.s->keys.size(); ++i) keys[n++] = entry.Key(i);
+  } else {
+    keys[n++] = entry.value;  // leaf-list entry
+  }
+  return PushKeys(keys, n);
+}
+
+void KeypathBuilder::Fill(confd_hkeypath_t *kp) const {
+  kp->len = n_;
+  for (int i = 0; i < n_; ++i) {
+    const Elem &e = e_[i];
+    confd_value_t *out = kp->v[n_ - 1 - i];
+    int n = e.nkeys ? e.nkeys : 1;
+    for (int k = 0; k < n; ++k) out[k] = e.v[k];
+    CONFD_SET_NOEXISTS(&out[n]);
+  }
+}
+
+bool KeypathOfPath(Txn &txn, const DataTree &tree, const ParsedPath &path, KeypathBuilder *kp,
+                   std::string *error) {
+  for (int i = 0; i < path.n; ++i) {
+    const PathElem &elem = path.e[i];
+    if (!kp->PushTag(*elem.s)) {
+      *error = "keypath deeper than " + std::to_string(MAXDEPTH);
+      return false;
+    }
+    if (elem.sel == PathElem::kKeys) {
+      confd_value_t keys[MAXKEYLEN];
+      for (int k = 0; k < elem.nkeys; ++k) {
+        std::string storage;
+        std::string why;
+        const LeafType &type = elem.s->keys[k]->type;
+        std::string text(elem.keys[k]);
+        if (type.vtype == C_BUF) {
+          const std::string &kept = txn.Keep(std::move(text));
+          CONFD_SET_BUF(&keys[k], kept.c_str(), kept.size());
+        } else {
+          const std::string &kept = txn.Keep(std::string(text));
+          if (!ParseValue(type, kept, &keys[k], &storage, &why)) {
+            *error = why;
+            return false;
+          }
+          if (keys[k].type == C_BINARY) {
+            const std::string &bytes = txn.Keep(std::move(storage));
+            CONFD_SET_BINARY(&keys[k], bytes.data(), bytes.size());
+          }
+        }
+      }
+      if (!kp->PushKeys(keys, elem.nkeys)) {
+        *error = "keypath deeper than " + std::to_string(MAXDEPTH);
+        return false;
+      }
+    } else if (elem.sel == PathElem::kIndex) {
+      ParsedPath prefix;
+      prefix.n = i + 1;
+      for (int j = 0; j <= i; ++j) prefix.e[j] = path.e[j];
+      Target t = Resolve(tree, prefix);
+      if (t.node == nullptr) {
+        *error = "no entry [" + std::to_string(elem.index) + "] in list \"" + elem.s->name + "\"";
+        return false;
+      }
+      if (!kp->PushEntry(*t.node)) {
+        *error = "keypath deeper than " + std::to_string(MAXDEPTH);
+        return false;
+      }
+    }
+  }
+  return true;
+}
+
+bool KeypathOfNode(const DNode &node, KeypathBuilder *kp) {
+  const DNode *chain[MAXDEPTH];
+  int n = 0;
+  for (const DNode *d = &node; d->parent != nullptr; d = d->parent) {  // up to the root
+    if (n == MAXDEPTH) return false;
+    chain[n++] = d;
+  }
+  for (int i = n - 1; i >= 0; --i) {
+    const DNode &d = *chain[i];
+    if (!kp->PushTag(*d.s)) return false;
+    if ((d.s->is_list() || d.s->kind == NodeKind::kLeafList) && !kp->PushEntry(d)) return false;
+  }
+  return true;
+}
+
+bool FormatKeypath(const confd_hkeypath_t &kp, std::string *out) {
+  uint32_t ns = 0;
+  for (int i = kp.len - 1; i >= 0; --i) {
+    const confd_value_t *e = kp.v[i];
+    if (e[0].type == C_XMLTAG) {
+      const std::string *name = TagName(e[0].val.xmltag.tag);
+      if (name == nullptr) return false;
+      *out += '/';
+      if (i != kp.len - 1 && e[0].val.xmltag.ns != ns) {
+        const std::string *module = NsModule(e[0].val.xmltag.ns);
+        if (module != nullptr) *out += *module + ":";
+      }
+      *out += *name;
+      ns = e[0].val.xmltag.ns;
+      continue;
+    }
+    *out += '{';
+    for (int k = 0; k < MAXKEYLEN && e[k].type != C_NOEXISTS; ++k) {
+      std::string text;
+      if (!FormatValue(e[k], &text)) return false;
+      if (k) *out += ' ';
+      AppendQuotedKey(text, out);
+    }
+    *out += '}';
+  }
+  return true;
+}
+
+}  // namespace ipapp::store
+
+extern "C" const char *confd_lasterr(void) {
+  return ipapp::store::last_error.c_str();
+}

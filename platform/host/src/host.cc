@@ -1,0 +1,382 @@
+#include <ipapp/host.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <regex>
+#include <sstream>
+
+#include "kxconfd_host.h"
+#include "store.h"
+
+namespace ipapp::host {
+namespace {
+
+namespace fs = std::filesystem;
+using store::DNode;
+using store::NodeKind;
+using store::SNode;
+
+// Modules whose top-level nodes come first, in this order: the order in
+// which the element runs validation follows it.
+const char *const kModuleOrder[] = {"shellcfg", "ipapp", "QX-RTM-MIB", "rtm-global",
+                                    "shellcfg-internal"};
+constexpr const char *kExtModule = "ipapp-ext";
+
+std::string Where(const std::string &source, int line) {
+  return line > 0 ? source + ":" + std::to_string(line) : source;
+}
+
+// Line number libyang names in a message ("line number 12"), or 0.
+int LineOf(const std::string &log) {
+  static const std::regex line_re("[Ll]ine number ([0-9]+)");
+  std::smatch m;
+  return std::regex_search(log, m, line_re) ? std::stoi(m[1]) : 0;
+}
+
+std::string FirstError(std::string log, const std::string &fallback) {
+  if (log.empty()) return fallback;
+  size_t nl = log.find('\n');
+  return nl == std::string::npos ? log : log.substr(0, nl);
+}
+
+class SchemaImpl : public Schema {
+ public:
+  explicit SchemaImpl(std::shared_ptr<const store::SchemaIndex> index) : index_(std::move(index)) {}
+  const std::vector<BoundNode> &bound_nodes() const override { return bound_; }
+  const std::shared_ptr<const store::SchemaIndex> &index() const { return index_; }
+  void CollectBindings(const std::string &dir);
+
+ private:
+  void Visit(const SNode &s, const lys_module *ext_module, const std::string &dir);
+
+  std::shared_ptr<const store::SchemaIndex> index_;
+  std::vector<BoundNode> bound_;
+};
+
+void SchemaImpl::CollectBindings(const std::string &dir) {
+  const lys_module *ext = ly_ctx_get_module_implemented(index_->ctx(), kExtModule);
+  if (ext == nullptr) ext = ly_ctx_get_module_latest(index_->ctx(), kExtModule);
+  if (ext == nullptr) return;
+  for (const SNode *top : index_->root().children) Visit(*top, ext, dir);
+}
+
+void SchemaImpl::Visit(const SNode &s, const lys_module *ext_module, const std::string &dir) {
+  auto *parsed = static_cast<const lysp_node *>(s.ly->priv);
+  BoundNode bound;
+  bound.path = store::SchemaIndex::PathOf(s);
+  const lysp_ext_instance *exts = parsed ? parsed->exts : nullptr;
+  LY_ARRAY_COUNT_TYPE i;
+  LY_ARRAY_FOR(exts, i) {
+    const lysp_ext_instance &ext = exts[i];
+    std::string name = ext.name ? ext.name : "";
+    std::string local = name.substr(name.find(':') + 1);
+    bool ours = false;
+    if (ext.def != nullptr && ext_module->parsed != nullptr) {
+      LY_ARRAY_COUNT_TYPE j;
+      LY_ARRAY_FOR(ext_module->parsed->extensions, j) {
+        ours = ours || ext.def == &ext_module->parsed->extensions[j];
+      }
+    }
+    if (!ours) continue;
+    std::string arg = ext.argument ? ext.argument : "";
+    if (local == "validate" || local == "validate-once") {
+      bound.bindings.push_back(
+          {local == "validate" ? Binding::Kind::kPerEntry : Binding::Kind::kOnce, arg});
+    } else if (local == "dependency") {
+      store::ParsedPath path;
+      std::string why;
+      if (!store::ParsePath(*index_, arg, true, &path, &why)) {
+        throw InputError(dir, 0, "dependency \"" + arg + "\" of " + bound.path + ": " + why);
+      }
+      bound.dependencies.push_back(store::SchemaIndex::PathOf(*path.last()));
+    }
+  }
+  if (!bound.bindings.empty() || !bound.dependencies.empty()) bound_.push_back(std::move(bound));
+  for (const SNode *c : s.children) Visit(*c, ext_module, dir);
+}
+
+// Instance of a data node in keypath syntax.
+std::string InstancePath(const DNode &node) {
+  store::KeypathBuilder kb;
+  confd_hkeypath_t kp;
+  std::string out;
+  if (store::KeypathOfNode(node, &kb)) {
+    kb.Fill(&kp);
+    store::FormatKeypath(kp, &out);
+  }
+  return out;
+}
+
+// A subtree as text, for comparing running with candidate.
+void Serialize(const DNode &node, std::string *out) {
+  for (const DNode::Slot &slot : node.slots) {
+    if (slot.node != nullptr) {
+      *out += slot.node->s->name;
+      if (slot.node->s->kind == NodeKind::kLeaf) {
+        *out += '=' + slot.node->text + ';';
+      } else {
+        *out += '{';
+        Serialize(*slot.node, out);
+        *out += '}';
+      }
+    }
+    if (slot.list != nullptr) {
+      for (const DNode *e : slot.list->entries) {
+        *out += e->s->name + '[' + e->keystr + "]{";
+        Serialize(*e, out);
+        *out += '}';
+      }
+    }
+  }
+}
+
+// The data nodes a parsed schema path names in one tree, in store order
+// (list references: the entries).
+std::vector<const DNode *> Collect(const store::DataTree &tree, const store::ParsedPath &path) {
+  std::vector<const DNode *> cur = {&tree.root()};
+  for (int i = 0; i < path.n; ++i) {
+    const store::PathElem &elem = path.e[i];
+    std::vector<const DNode *> next;
+    for (const DNode *d : cur) {
+      if (elem.s->is_list() || elem.s->kind == NodeKind::kLeafList) {
+        const store::ListInst *list = d->List(elem.s);
+        if (list == nullptr) continue;
+        if (elem.sel == store::PathElem::kKeys) {
+          auto it = list->by_key.find(elem.keystr);
+          if (it != list->by_key.end()) next.push_back(it->second);
+        } else if (elem.sel == store::PathElem::kIndex) {
+          if (static_cast<size_t>(elem.index) < list->entries.size()) {
+            next.push_back(list->entries[elem.index]);
+          }
+        } else {
+          next.insert(next.end(), list->entries.begin(), list->entries.end());
+        }
+      } else if (const DNode *c = d->Child(elem.s)) {
+        next.push_back(c);
+      }
+    }
+    cur.swap(next);
+  }
+  return cur;
+}
+
+class TransactionImpl : public Transaction {
+ public:
+  TransactionImpl(std::shared_ptr<const SchemaImpl> schema, std::shared_ptr<store::Txn> txn)
+      : schema_(std::move(schema)),
+        txn_(std::move(txn)),
+        host_(std::make_unique<kxconfd>(txn_->thandle())) {}
+  ~TransactionImpl() override { store::EndTxn(txn_->thandle()); }
+
+  confd_trans_ctx *Context(const std::string &opaque) override {
+    store::SetCurrentTxn(txn_->thandle());
+    return txn_->NewContext(opaque, host_.get());
+  }
+
+  confd_hkeypath_t Keypath(const std::string &path) const override {
+    store::ParsedPath parsed = Parse(path);
+    store::KeypathBuilder kb;
+    std::string why;
+    if (!store::KeypathOfPath(*txn_, txn_->candidate(), parsed, &kb, &why)) {
+      throw InputError(path, 0, why);
+    }
+    confd_hkeypath_t kp;
+    kb.Fill(&kp);
+    return kp;
+  }
+
+  std::string ErrorText() const override { return txn_->Error(); }
+  bool HasError() const override { return txn_->HasError(); }
+  void ClearError() override { txn_->ClearError(); }
+
+  std::vector<Fault> Faults() const override {
+    std::vector<Fault> out;
+    for (auto &f : txn_->Faults()) out.push_back({f.kind, f.function, f.file, f.line, f.message});
+    return out;
+  }
+
+  std::vector<TraceEntry> Trace() const override {
+    std::vector<TraceEntry> out;
+    for (auto &t : txn_->Trace()) out.push_back({t.call, t.path, t.result, t.detail});
+    return out;
+  }
+  void ClearTrace() override { txn_->ClearTrace(); }
+
+  OpenResources Open() const override {
+    store::Resources r = txn_->Open();
+    return {r.cursors, r.cdb_sessions, r.dup_values};
+  }
+
+  void FailCdbSessions(bool fail) override { txn_->FailCdbSessions(fail); }
+  void FailMaapiSocket(bool fail) override { txn_->FailMaapiSocket(fail); }
+
+  bool Changed(const std::string &schema_path) const override {
+    store::ParsedPath parsed = Parse(schema_path);
+    auto snapshot = [&](const store::DataTree &tree) {
+      std::map<std::string, std::string> out;
+      for (const DNode *d : Collect(tree, parsed)) {
+        std::string text;
+        if (d->s->kind == NodeKind::kLeaf) {
+          text = d->text;
+        } else {
+          Serialize(*d, &text);
+          // An empty non-presence container is no data.
+          if (text.empty() && d->s->kind == NodeKind::kContainer) continue;
+        }
+        out.emplace(InstancePath(*d), std::move(text));
+      }
+      return out;
+    };
+    return snapshot(txn_->running()) != snapshot(txn_->candidate());
+  }
+
+  std::vector<std::string> Instances(const std::string &schema_path) const override {
+    store::ParsedPath parsed = Parse(schema_path);
+    if (!parsed.last()->is_list()) throw InputError(schema_path, 0, "not a list");
+    std::vector<std::string> out;
+    for (const DNode *d : Collect(txn_->candidate(), parsed)) out.push_back(InstancePath(*d));
+    return out;
+  }
+
+ private:
+  store::ParsedPath Parse(const std::string &path) const {
+    store::ParsedPath parsed;
+    std::string why;
+    if (!store::ParsePath(txn_->schema(), path, true, &parsed, &why)) {
+      throw InputError(path, 0, why);
+    }
+    return parsed;
+  }
+
+  std::shared_ptr<const SchemaImpl> schema_;
+  std::shared_ptr<store::Txn> txn_;
+  std::unique_ptr<kxconfd> host_;
+};
+
+std::unique_ptr<store::DataTree> ParseData(const store::SchemaIndex &index,
+                                           const DataSource &source) {
+  lyd_node *tree = nullptr;
+  bool blank = std::all_of(source.text.begin(), source.text.end(),
+                           [](unsigned char c) { return std::isspace(c); });
+  if (!blank) {
+    store::TakeLibyangLog();
+    LY_ERR err = lyd_parse_data_mem(index.ctx(), source.text.c_str(),
+                                    source.format == DataSource::Format::kXml ? LYD_XML : LYD_JSON,
+                                    LYD_PARSE_STRICT, LYD_VALIDATE_NO_STATE, &tree);
+    if (err != LY_SUCCESS) {
+      std::string log = store::TakeLibyangLog();
+      lyd_free_all(tree);
+      throw InputError(source.name, LineOf(log), FirstError(log, "cannot be parsed"));
+    }
+  }
+  try {
+    return std::make_unique<store::DataTree>(index, tree);
+  } catch (const store::DataError &e) {
+    throw InputError(source.name, 0, e.what());
+  }
+}
+
+}  // namespace
+
+InputError::InputError(const std::string &source, int line, const std::string &message)
+    : std::runtime_error(Where(source, line) + ": " + message),
+      source_(source),
+      line_(line),
+      message_(message) {}
+
+DataSource DataSource::Xml(std::string text, std::string name) {
+  return {Format::kXml, std::move(text), std::move(name)};
+}
+
+DataSource DataSource::Json(std::string text, std::string name) {
+  return {Format::kJson, std::move(text), std::move(name)};
+}
+
+DataSource DataSource::Empty(std::string name) {
+  return {Format::kXml, "", std::move(name)};
+}
+
+DataSource DataSource::File(const std::string &path) {
+  std::string ext = fs::path(path).extension().string();
+  Format format;
+  if (ext == ".xml") {
+    format = Format::kXml;
+  } else if (ext == ".json") {
+    format = Format::kJson;
+  } else {
+    throw InputError(path, 0, "unknown data format \"" + ext + "\" (expected .xml or .json)");
+  }
+  std::ifstream in(path, std::ios::binary);
+  if (!in) throw InputError(path, 0, "cannot be read");
+  std::ostringstream text;
+  text << in.rdbuf();
+  return {format, text.str(), path};
+}
+
+std::string Schema::DefaultDir() {
+  return IPAPP_DEFAULT_YANG_DIR;
+}
+
+std::shared_ptr<const Schema> Schema::Load(const std::string &dir) {
+  store::CaptureLibyangLog();
+  std::error_code ec;
+  if (!fs::is_directory(dir, ec)) throw InputError(dir, 0, "not a directory");
+  std::vector<std::string> names;
+  for (const auto &entry : fs::directory_iterator(dir, ec)) {
+    if (entry.path().extension() != ".yang") continue;
+    std::string stem = entry.path().stem().string();
+    names.push_back(stem.substr(0, stem.find('@')));
+  }
+  if (names.empty()) throw InputError(dir, 0, "holds no YANG modules");
+  auto rank = [](const std::string &name) {
+    auto it = std::find(std::begin(kModuleOrder), std::end(kModuleOrder), name);
+    return static_cast<size_t>(it - std::begin(kModuleOrder));
+  };
+  std::sort(names.begin(), names.end(), [&](const std::string &a, const std::string &b) {
+    return rank(a) != rank(b) ? rank(a) < rank(b) : a < b;
+  });
+
+  store::TakeLibyangLog();
+  ly_ctx *ctx = nullptr;
+  if (ly_ctx_new(dir.c_str(),
+                 LY_CTX_SET_PRIV_PARSED | LY_CTX_NO_YANGLIBRARY | LY_CTX_DISABLE_SEARCHDIR_CWD,
+                 &ctx) != LY_SUCCESS) {
+    throw InputError(dir, 0, FirstError(store::TakeLibyangLog(), "no libyang context"));
+  }
+  std::vector<const lys_module *> modules;
+  for (const std::string &name : names) {
+    const lys_module *mod = ly_ctx_load_module(ctx, name.c_str(), nullptr, nullptr);
+    if (mod == nullptr) {
+      std::string log = store::TakeLibyangLog();
+      ly_ctx_destroy(ctx);
+      throw InputError((fs::path(dir) / (name + ".yang")).string(), LineOf(log),
+                       FirstError(log, "cannot be loaded"));
+    }
+    modules.push_back(mod);
+  }
+  std::shared_ptr<store::SchemaIndex> index;
+  try {
+    index = std::make_shared<store::SchemaIndex>(ctx, modules);
+  } catch (const std::runtime_error &e) {
+    throw InputError(dir, 0, e.what());
+  }
+  auto schema = std::make_shared<SchemaImpl>(index);
+  schema->CollectBindings(dir);
+  return schema;
+}
+
+std::unique_ptr<Transaction> Transaction::Create(std::shared_ptr<const Schema> schema,
+                                                 const DataSource &running,
+                                                 const DataSource &candidate) {
+  auto impl = std::dynamic_pointer_cast<const SchemaImpl>(schema);
+  if (!impl) throw InputError("<schema>", 0, "not a schema of this host");
+  const store::SchemaIndex &index = *impl->index();
+  auto running_tree = ParseData(index, running);
+  auto candidate_tree = ParseData(index, candidate);
+  auto txn = store::CreateTxn(impl->index(), std::move(running_tree), std::move(candidate_tree));
+  return std::make_unique<TransactionImpl>(impl, std::move(txn));
+}
+
+}  // namespace ipapp::host

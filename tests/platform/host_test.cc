@@ -1,0 +1,171 @@
+// The test host: modules and their bindings, strict data loading, the
+// commit checker's queries, and the element services.
+#include <id_vrf.h>
+#include <ifuid.h>
+#include <unistd.h>
+
+#include <filesystem>
+
+#include "platform_fixture.h"
+
+namespace ipapp::test {
+namespace {
+
+using host::Binding;
+
+TEST(HostSchemaTest, BoundNodesFollowTheElementsOrder) {
+  const auto &nodes = TestSchema()->bound_nodes();
+  std::vector<std::string> paths;
+  for (const auto &n : nodes) paths.push_back(n.path);
+  EXPECT_EQ(paths,
+            (std::vector<std::string>{
+                "/config/interface/ipapp:l3", "/config/interface/ipapp:loopback",
+                "/config/interface/ipapp:mgmt", "/QX-RTM-MIB/rtmStaticRtTable/rtmStaticRtEntry",
+                "/internal/int-ldp-intf-l3"}));
+  const host::BoundNode &l3 = nodes[0];
+  ASSERT_EQ(l3.bindings.size(), 7u);
+  EXPECT_EQ(l3.bindings[0].opaque, "intf_l3_name_validation");
+  EXPECT_EQ(l3.bindings[0].kind, Binding::Kind::kOnce);
+  EXPECT_EQ(l3.bindings[6].opaque, "lower_layer_prot_cross_validation");
+  EXPECT_EQ(l3.bindings[6].kind, Binding::Kind::kPerEntry);
+  EXPECT_EQ(l3.dependencies, (std::vector<std::string>{
+                                 "/config/interface/ipapp:loopback", "/config/interface/ipapp:mgmt",
+                                 "/QX-RTM-MIB/rtmStaticRtTable", "/rtmStaticRtEntry-global",
+                                 "/internal/int-ldp-intf-l3"}));
+  EXPECT_EQ(nodes[4].bindings[0].opaque, "ldp_interface_validation");
+}
+
+TEST(HostSchemaTest, UnreadableModulesAreInputErrors) {
+  EXPECT_THROW(host::Schema::Load("/nonexistent/yang"), host::InputError);
+
+  namespace fs = std::filesystem;
+  fs::path dir = fs::temp_directory_path() / ("platform_test_yang_" + std::to_string(getpid()));
+  fs::create_directories(dir);
+  for (const auto &entry : fs::directory_iterator(IPAPP_YANG_DIR)) {
+    fs::copy_file(entry.path(), dir / entry.path().filename(),
+                  fs::copy_options::overwrite_existing);
+  }
+  {
+    std::ofstream broken(dir / "rtm-global.yang", std::ios::trunc);
+    broken << "module rtm-global {\n  yang-version 1.1;\n  namespace \"urn:ipapp:rtm-global\";\n"
+              "  prefix rtm-global;\n  leaf x { type nosuchtype; }\n}\n";
+  }
+  try {
+    host::Schema::Load(dir.string());
+    ADD_FAILURE() << "loaded";
+  } catch (const host::InputError &e) {
+    EXPECT_EQ(e.source(), (dir / "rtm-global.yang").string());
+    EXPECT_NE(e.message().find("nosuchtype"), std::string::npos) << e.message();
+  }
+  fs::remove_all(dir);
+}
+
+TEST(HostDataTest, BadDataNamesItsSourceAndLine) {
+  struct Case {
+    const char *xml;
+    int line;
+    const char *message_part;
+  };
+  const Case cases[] = {
+      {"<config xmlns=\"urn:ipapp:shellcfg\">\n<interface>\n<l3 xmlns=\"urn:ipapp:ipapp\">"
+       "<name>x</name>\n<lower-layer-if><vlan>abc</vlan></lower-layer-if></l3></interface></"
+       "config>",
+       4, "Invalid type int32 value \"abc\""},
+      {"<config xmlns=\"urn:ipapp:shellcfg\">\n<interface>\n<l3 xmlns=\"urn:ipapp:ipapp\">"
+       "<name>x</name>\n<vlan>1</vlan></l3></interface></config>",
+       4, "vlan"},
+      {"<config xmlns=\"urn:ipapp:shellcfg\">\n<interface>\n<l3 xmlns=\"urn:ipapp:ipapp\">"
+       "<name>x</name>\n<ipv4><address><ip>10.0.0.1/280</ip></address></ipv4></l3>"
+       "</interface></config>",
+       4, "10.0.0.1/280"},
+      {"<config xmlns=\"urn:ipapp:shellcfg\">\n<interface>\n</config>", 3, ""},
+  };
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.xml);
+    try {
+      MakeTransaction("", c.xml);
+      ADD_FAILURE() << "accepted";
+    } catch (const host::InputError &e) {
+      EXPECT_EQ(e.source(), "<candidate>");
+      EXPECT_EQ(e.line(), c.line);
+      EXPECT_NE(e.message().find(c.message_part), std::string::npos) << e.message();
+      EXPECT_EQ(std::string(e.what()).rfind("<candidate>:" + std::to_string(c.line) + ": ", 0), 0u);
+    }
+  }
+  // The store's own conversion refuses what the pattern lets through.
+  EXPECT_THROW(MakeTransaction(
+                   "<config xmlns=\"urn:ipapp:shellcfg\"><interface><l3 xmlns=\"urn:ipapp:ipapp\">"
+                   "<name>x</name><ipv6><address><ip>1:2:3:4:5:6:7:8:9/64</ip></address></ipv6>"
+                   "</l3></interface></config>",
+                   ""),
+               host::InputError);
+  EXPECT_THROW(host::DataSource::File("config.txt"), host::InputError);
+}
+
+TEST(HostDataTest, JsonDataIsAcceptedLikeXml) {
+  auto tx = host::Transaction::Create(
+      TestSchema(), host::DataSource::Empty(),
+      host::DataSource::Json(R"({"shellcfg:config": {"interface": {"ipapp:l3": [
+          {"name": "core1", "vrf": "red"}]}}})"));
+  EXPECT_EQ(tx->Instances("/config/interface/l3"),
+            (std::vector<std::string>{"/config/interface/ipapp:l3{core1}"}));
+}
+
+TEST(HostDataTest, ChangedComparesRunningAndCandidateBelowASchemaNode) {
+  std::string running = ExampleConfig();
+  std::string candidate = running;
+  candidate.replace(candidate.find("<vrf>red</vrf>"), 14, "<vrf>blue</vrf>");
+  auto tx = MakeTransaction(running, candidate);
+  struct Case {
+    const char *path;
+    bool changed;
+  };
+  const Case cases[] = {
+      {"/config/interface/ipapp:l3", true},
+      {"/shellcfg:config/shellcfg:interface/ipapp:l3/ipapp:vrf", true},
+      {"/config/interface/l3/ipv4", false},
+      {"/config/interface/loopback", false},
+      {"/QX-RTM-MIB/rtmStaticRtTable", false},
+      {"/internal/int-ldp-intf-l3", false},
+  };
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.path);
+    EXPECT_EQ(tx->Changed(c.path), c.changed);
+  }
+  auto added = MakeTransaction("", DataFile("routes.xml"));
+  EXPECT_TRUE(added->Changed("/QX-RTM-MIB/rtmStaticRtTable"));
+  EXPECT_TRUE(added->Changed("/rtmStaticRtEntry-global"));
+  EXPECT_FALSE(added->Changed("/config/interface/l3"));
+  EXPECT_THROW(added->Changed("/config/nosuch"), host::InputError);
+}
+
+TEST(HostDataTest, ContextCarriesTheTransaction) {
+  auto tx = MakeTransaction("", "");
+  confd_trans_ctx *a = tx->Context("ipv4_addr_validation");
+  confd_trans_ctx *b = tx->Context("other");
+  EXPECT_NE(a, b);
+  EXPECT_STREQ(a->validate_opaque, "ipv4_addr_validation");
+  EXPECT_EQ(a->thandle, b->thandle);
+  EXPECT_EQ(a->vcb_opaque, b->vcb_opaque);
+  EXPECT_NE(kxconfd_instance_get(static_cast<kxconfd_t *>(a->vcb_opaque)), nullptr);
+}
+
+TEST(ElementServicesTest, InterfaceIdentifiersAndVrfIdentities) {
+  ifuid_t id = 0;
+  EXPECT_EQ(ifuid_l3_vlan_from_components(&id, 100), 0);
+  EXPECT_EQ(id, 0x0C000064u);
+  EXPECT_EQ(ifuid_to_ifindex(id), 1100);
+  EXPECT_EQ(ifuid_l3_vlan_from_components(&id, 4094), 0);
+  EXPECT_EQ(ifuid_to_ifindex(id), 5094);
+  id = 7;
+  EXPECT_EQ(ifuid_l3_vlan_from_components(&id, 0), -1);
+  EXPECT_EQ(ifuid_l3_vlan_from_components(&id, 4095), -1);
+  EXPECT_EQ(id, 7u);
+  EXPECT_EQ(ifuid_to_ifindex(0), -1);
+  EXPECT_EQ(ifuid_to_ifindex(0x0D000064u), -1);
+  EXPECT_EQ(IdVrfFromComponent(0), 0u);
+  EXPECT_EQ(IdVrfFromComponent(42), 42u);
+}
+
+}  // namespace
+}  // namespace ipapp::test

@@ -1,0 +1,210 @@
+// Lists: the store's entry order, cursors, [N], bulk reads, and the
+// accounting of cursors and duplicated values.
+#include <vector>
+
+#include "platform_fixture.h"
+
+namespace ipapp::test {
+namespace {
+
+std::string OspfTable(int entries) {
+  std::string xml = "<internal xmlns=\"urn:ipapp:shellcfg-internal\">";
+  for (int i = 0; i < entries; ++i) {
+    std::string name = "l3-if" + std::to_string(i);
+    xml += "<ospf-interface-l3><instance>" + std::to_string(i) + "</instance><area>0.0.0." +
+           std::to_string(i % 3) + "</area><if-name>" + name + "</if-name>";
+    if (i % 2 == 0) xml += "<ospf-pm-if-name>" + name + "</ospf-pm-if-name>";
+    xml += "</ospf-interface-l3>";
+  }
+  return xml + "</internal>";
+}
+
+const char kUnordered[] = R"(
+<config xmlns="urn:ipapp:shellcfg"><interface>
+  <l3 xmlns="urn:ipapp:ipapp"><name>b</name></l3>
+  <l3 xmlns="urn:ipapp:ipapp"><name>a9</name>
+    <ipv4><address>
+      <secondary><ip>10.0.0.9/24</ip></secondary><secondary><ip>10.0.0.10/24</ip></secondary>
+      <secondary><ip>10.0.0.9/16</ip></secondary><secondary><ip>9.0.0.1/8</ip></secondary>
+    </address></ipv4></l3>
+  <l3 xmlns="urn:ipapp:ipapp"><name>B</name></l3>
+  <l3 xmlns="urn:ipapp:ipapp"><name>a10</name></l3>
+</interface></config>
+<internal xmlns="urn:ipapp:shellcfg-internal"><vrf-config>
+  <indexTOstring><index>10</index></indexTOstring><indexTOstring><index>9</index></indexTOstring>
+  <indexTOstring><index>100</index></indexTOstring><indexTOstring><index>2</index></indexTOstring>
+</vrf-config></internal>
+<QX-RTM-MIB xmlns="urn:ipapp:QX-RTM-MIB"><rtmStaticRtTable>
+  <rtmStaticRtEntry><rtmStaticRtFteIndex>1</rtmStaticRtFteIndex>
+    <rtmStaticRtNetworkAddrType>ipv4</rtmStaticRtNetworkAddrType><rtmStaticRtNetworkAddr>01:00:00:00</rtmStaticRtNetworkAddr>
+    <rtmStaticRtNetworkPrefixLen>8</rtmStaticRtNetworkPrefixLen><rtmStaticRtNextHopAddrType>ipv4</rtmStaticRtNextHopAddrType>
+    <rtmStaticRtNextHopAddr>01:00:00:01</rtmStaticRtNextHopAddr></rtmStaticRtEntry>
+  <rtmStaticRtEntry><rtmStaticRtFteIndex>0</rtmStaticRtFteIndex>
+    <rtmStaticRtNetworkAddrType>ipv6</rtmStaticRtNetworkAddrType><rtmStaticRtNetworkAddr>00:00:00:00:00:00:00:00:00:00:00:00:00:00:00:00</rtmStaticRtNetworkAddr>
+    <rtmStaticRtNetworkPrefixLen>0</rtmStaticRtNetworkPrefixLen><rtmStaticRtNextHopAddrType>ipv6</rtmStaticRtNextHopAddrType>
+    <rtmStaticRtNextHopAddr>20:01:0d:b8:00:00:00:00:00:00:00:00:00:00:00:01</rtmStaticRtNextHopAddr></rtmStaticRtEntry>
+  <rtmStaticRtEntry><rtmStaticRtFteIndex>0</rtmStaticRtFteIndex>
+    <rtmStaticRtNetworkAddrType>ipv4</rtmStaticRtNetworkAddrType><rtmStaticRtNetworkAddr>0a:00:00:00</rtmStaticRtNetworkAddr>
+    <rtmStaticRtNetworkPrefixLen>8</rtmStaticRtNetworkPrefixLen><rtmStaticRtNextHopAddrType>ipv4</rtmStaticRtNextHopAddrType>
+    <rtmStaticRtNextHopAddr>0a:00:00:01</rtmStaticRtNextHopAddr></rtmStaticRtEntry>
+  <rtmStaticRtEntry><rtmStaticRtFteIndex>0</rtmStaticRtFteIndex>
+    <rtmStaticRtNetworkAddrType>ipv4</rtmStaticRtNetworkAddrType><rtmStaticRtNetworkAddr>09:ff:00:00</rtmStaticRtNetworkAddr>
+    <rtmStaticRtNetworkPrefixLen>16</rtmStaticRtNetworkPrefixLen><rtmStaticRtNextHopAddrType>ipv4</rtmStaticRtNextHopAddrType>
+    <rtmStaticRtNextHopAddr>0a:00:00:01</rtmStaticRtNextHopAddr></rtmStaticRtEntry>
+</rtmStaticRtTable></QX-RTM-MIB>)";
+
+class StoreListTest : public StoreTest {
+ protected:
+  /// First keys through a cursor, printed.
+  std::vector<std::string> CursorKeys(const std::string &path) {
+    std::vector<std::string> keys;
+    maapi_cursor mc;
+    EXPECT_EQ(maapi_init_cursor(sock_, th_, &mc, "%s", path.c_str()), CONFD_OK) << confd_lasterr();
+    for (maapi_get_next(&mc); mc.n != 0; maapi_get_next(&mc)) keys.push_back(Text(mc.keys[0]));
+    maapi_destroy_cursor(&mc);
+    return keys;
+  }
+  /// First keys through [N].
+  std::vector<std::string> IndexedKeys(const std::string &list, const std::string &key) {
+    std::vector<std::string> keys;
+    int n = maapi_num_instances(sock_, th_, "%s", list.c_str());
+    for (int i = 0; i < n; ++i) keys.push_back(Get(list + "[" + std::to_string(i) + "]/" + key));
+    return keys;
+  }
+};
+
+TEST_F(StoreListTest, EntriesAreInKeyOrderWhateverTheInputOrder) {
+  Load(kUnordered);
+  using V = std::vector<std::string>;
+  const V names = {"B", "a10", "a9", "b"};  // bytewise
+  EXPECT_EQ(CursorKeys("/config/interface/l3"), names);
+  EXPECT_EQ(IndexedKeys("/config/interface/l3", "name"), names);
+  const V indexes = {"2", "9", "10", "100"};  // numerically
+  EXPECT_EQ(CursorKeys("/internal/vrf-config/indexTOstring"), indexes);
+  EXPECT_EQ(IndexedKeys("/internal/vrf-config/indexTOstring", "index"), indexes);
+  // Addresses by their bytes, then the prefix length.
+  EXPECT_EQ(CursorKeys("/config/interface/l3{a9}/ipv4/address/secondary"),
+            (V{"9.0.0.1/8", "10.0.0.9/16", "10.0.0.9/24", "10.0.0.10/24"}));
+  // Several keys compared key by key: index, then family, then bytes.
+  EXPECT_EQ(
+      tx_->Instances("/QX-RTM-MIB/rtmStaticRtTable/rtmStaticRtEntry"),
+      (V{"/QX-RTM-MIB/rtmStaticRtTable/rtmStaticRtEntry{0 ipv4 09:ff:00:00 16 ipv4 0a:00:00:01}",
+         "/QX-RTM-MIB/rtmStaticRtTable/rtmStaticRtEntry{0 ipv4 0a:00:00:00 8 ipv4 0a:00:00:01}",
+         "/QX-RTM-MIB/rtmStaticRtTable/rtmStaticRtEntry{0 ipv6 "
+         "00:00:00:00:00:00:00:00:00:00:00:00:00:00:00:00 0 ipv6 "
+         "20:01:0d:b8:00:00:00:00:00:00:00:00:00:00:00:01}",
+         "/QX-RTM-MIB/rtmStaticRtTable/rtmStaticRtEntry{1 ipv4 01:00:00:00 8 ipv4 01:00:00:01}"}));
+  maapi_cursor mc;
+  ASSERT_EQ(maapi_init_cursor(sock_, th_, &mc, "/QX-RTM-MIB/rtmStaticRtTable/rtmStaticRtEntry"),
+            CONFD_OK);
+  maapi_get_next(&mc);
+  ASSERT_EQ(mc.n, 6);
+  EXPECT_EQ(mc.keys[0].type, C_UINT32);
+  EXPECT_EQ(mc.keys[1].type, C_ENUM_VALUE);
+  EXPECT_EQ(mc.keys[2].type, C_BINARY);
+  EXPECT_EQ(mc.keys[3].type, C_INT32);
+  EXPECT_EQ(Text(mc.keys[5]), "0a:00:00:01");
+  maapi_destroy_cursor(&mc);
+}
+
+TEST_F(StoreListTest, CursorOnAnEmptyOrMissingListEndsAtOnce) {
+  Load("");
+  EXPECT_TRUE(CursorKeys("/config/interface/ipapp:l3").empty());
+  EXPECT_TRUE(CursorKeys("/config/interface/loopback{x}/ipv4/address").empty());
+  EXPECT_EQ(maapi_exists(sock_, th_, "/config/interface/ipapp:l3"), 0);
+  EXPECT_EQ(maapi_num_instances(sock_, th_, "/config/interface/ipapp:l3"), 0);
+  maapi_cursor mc;
+  EXPECT_EQ(maapi_init_cursor(sock_, th_, &mc, "/config/interface/l3{x}/vrf"), CONFD_ERR);
+  EXPECT_EQ(confd_errno, CONFD_ERR_BADPATH);
+  EXPECT_TRUE(tx_->Open().empty());
+}
+
+TEST_F(StoreListTest, GetObjectsReadsBatchesUntilTheListIsExhausted) {
+  Load(OspfTable(40));
+  std::vector<std::string> expected = CursorKeys("/internal/ospf-interface-l3");
+  ASSERT_EQ(expected.size(), 40u);
+
+  maapi_cursor mc;
+  ASSERT_EQ(maapi_init_cursor(sock_, th_, &mc, "/internal/ospf-interface-l3"), CONFD_OK);
+  std::vector<int> batches;
+  std::vector<std::string> instances;
+  std::vector<std::string> pm_names;
+  confd_value_t values[32 * 4];
+  do {
+    int n = 32;
+    ASSERT_EQ(maapi_get_objects(&mc, values, 4, &n), CONFD_OK);
+    batches.push_back(n);
+    for (int i = 0; i < n; ++i) {
+      confd_value_t *obj = &values[i * 4];
+      EXPECT_EQ(obj[0].type, C_UINT32);
+      EXPECT_EQ(obj[1].type, C_IPV4);
+      EXPECT_EQ(obj[2].type, C_BUF);
+      instances.push_back(Text(obj[0]));
+      pm_names.push_back(obj[3].type == C_NOEXISTS ? "-" : Text(obj[3]));
+      for (int j = 0; j < 4; ++j) confd_free_value(&obj[j]);
+    }
+  } while (mc.n != 0);
+  maapi_destroy_cursor(&mc);
+  EXPECT_EQ(batches, (std::vector<int>{32, 8}));
+  EXPECT_EQ(instances, expected);
+  // Values in schema order, keys first; an absent leaf is C_NOEXISTS.
+  EXPECT_EQ(pm_names[0], "l3-if0");
+  EXPECT_EQ(pm_names[1], "-");
+  EXPECT_TRUE(tx_->Open().empty());
+
+  // Exactly one batch's worth: the first call reports the end.
+  Load(OspfTable(32));
+  ASSERT_EQ(maapi_init_cursor(sock_, th_, &mc, "/internal/ospf-interface-l3"), CONFD_OK);
+  int n = 32;
+  ASSERT_EQ(maapi_get_objects(&mc, values, 1, &n), CONFD_OK);
+  EXPECT_EQ(n, 32);
+  EXPECT_EQ(mc.n, 0);
+  EXPECT_EQ(tx_->Open().dup_values, 0);  // uint32 keys are not duplicated
+  maapi_destroy_cursor(&mc);
+}
+
+TEST_F(StoreListTest, AccountingCatchesLeakedCursorsAndUnfreedValues) {
+  Load(ExampleConfig());
+  maapi_cursor mc;
+  ASSERT_EQ(maapi_init_cursor(sock_, th_, &mc, "/config/interface/l3"), CONFD_OK);
+  confd_value_t v1, v2;
+  ASSERT_EQ(maapi_get_elem(sock_, th_, &v1, "/config/interface/l3{core1}/vrf"), CONFD_OK);
+  ASSERT_EQ(maapi_get_elem(sock_, th_, &v2, "/config/interface/l3{core1}/lower-layer-if/vlan"),
+            CONFD_OK);
+  host::OpenResources open = tx_->Open();
+  EXPECT_EQ(open.cursors, 1);
+  EXPECT_EQ(open.dup_values, 1);  // the string; the int32 holds nothing to free
+  EXPECT_FALSE(open.empty());
+
+  confd_free_dup_to_value(&v1);
+  confd_free_value(&v1);  // a second release is harmless
+  maapi_destroy_cursor(&mc);
+  EXPECT_TRUE(tx_->Open().empty());
+
+  // Cursor keys point into the store: releasing them frees nothing.
+  ASSERT_EQ(maapi_init_cursor(sock_, th_, &mc, "/config/interface/l3"), CONFD_OK);
+  maapi_get_next(&mc);
+  confd_free_value(&mc.keys[0]);
+  EXPECT_STREQ(CONFD_GET_CBUFPTR(&mc.keys[0]), "core1");
+  EXPECT_EQ(tx_->Trace().back().result, CONFD_ERR);
+
+  // Ending the transaction reclaims what was left open; the stale cursor
+  // is then refused instead of read.
+  ASSERT_EQ(maapi_get_elem(sock_, th_, &v1, "/config/interface/l3{core1}/vrf"), CONFD_OK);
+  tx_.reset();
+  EXPECT_EQ(maapi_get_next(&mc), CONFD_ERR);
+  EXPECT_EQ(mc.n, 0);
+  maapi_destroy_cursor(&mc);
+}
+
+TEST_F(StoreListTest, BadIndexesAndNonListsAreRefused) {
+  Load(ExampleConfig());
+  EXPECT_EQ(maapi_exists(sock_, th_, "/config/interface/l3[5]"), 0);
+  EXPECT_EQ(maapi_num_instances(sock_, th_, "/config/interface/l3{core1}"), CONFD_ERR);
+  EXPECT_STREQ(confd_lasterr(), "maapi_num_instances: \"/config/interface/l3{core1}\": not a list");
+  maapi_cursor mc{};
+  EXPECT_EQ(maapi_get_next(&mc), CONFD_ERR);  // never initialised
+}
+
+}  // namespace
+}  // namespace ipapp::test
