@@ -1,0 +1,285 @@
+// Rules of ValidateConfig: interface addresses, static routes, LDP.
+#include "validate_config.h"
+
+namespace ip_application {
+namespace config_valid {
+
+namespace {
+
+constexpr char kInvalidInterface[] = "invalid interface being handled by IP-App validation";
+// IPv4 prefixes longer than this have no network or broadcast address.
+constexpr unsigned int kMaxCheckedPrefixLen = 30;
+// Weight of the route table: an IPv6 route counts twice.
+constexpr uint32_t kMaxStaticRouteWeight = 1000;
+
+bool SameRoutingDomain(const std::string &a, const std::string &b) {
+  if (a == b) return true;
+  // The management VRF shares the global address space.
+  auto is_default = [](const std::string &vrf) { return vrf == "global" || vrf == "mgmt"; };
+  return is_default(a) && is_default(b);
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+// Interface addresses
+
+int ValidateConfig::ValidateInterfaceIPv4(const Config &config, InterfaceType type) {
+  const InterfaceConfig *own = config.intf_by_type(type);
+  if (own == nullptr) {
+    error_msg = kInvalidInterface;
+    return -1;
+  }
+  const std::vector<Interface> &intfs = own->interfaces;
+  for (auto i = intfs.begin(); i != intfs.end(); ++i) {
+    if (!InterfaceIPv4IsValid(*i)) return -1;
+    if (InterfaceHasDuplicateIpv4(*i)) return -1;
+    for (auto j = i + 1; j != intfs.end(); ++j) {
+      if (InterfaceIPv4Overlap(*i, *j)) return -1;
+    }
+    if (InterfaceIPv4MatchStaticRouteNextHop(*i, config.static_routes)) return -1;
+  }
+  return InterfaceIPv4Overlap(*own, config.intf_configs) == 0 ? 0 : -1;
+}
+
+int ValidateConfig::ValidateInterfaceIPv6(const Config &config, InterfaceType type) {
+  const InterfaceConfig *own = config.intf_by_type(type);
+  if (own == nullptr) {
+    error_msg = kInvalidInterface;
+    return -1;
+  }
+  const std::vector<Interface> &intfs = own->interfaces;
+  for (auto i = intfs.begin(); i != intfs.end(); ++i) {
+    if (InterfaceHasDuplicateIpv6(*i)) return -1;
+    for (auto j = i + 1; j != intfs.end(); ++j) {
+      if (InterfaceIPv6Overlap(*i, *j)) return -1;
+    }
+    if (InterfaceIPv6MatchStaticRouteNextHop(*i, config.static_routes)) return -1;
+  }
+  return InterfaceIPv6Overlap(*own, config.intf_configs) == 0 ? 0 : -1;
+}
+
+bool ValidateConfig::InterfaceIPv4IsValid(const Interface &intf) {
+  for (const addrkit::IPv4AddrMask &p : intf.ipv4) {
+    if (p.prefix_len() > kMaxCheckedPrefixLen) continue;  // /31 and /32
+    if (p.IsNetworkAddress()) {
+      error_msg = intf.name + " ipv4 address " + p.addr_prefix_len() +
+                  " cannot be configured as network address.";
+      return false;
+    }
+    if (p.IsBroadcastAddress()) {
+      error_msg = intf.name + " ipv4 address " + p.addr_prefix_len() +
+                  " cannot be configured as broadcast address.";
+      return false;
+    }
+  }
+  return true;
+}
+
+bool ValidateConfig::InterfaceHasDuplicateIpv4(const Interface &intf) {
+  for (auto p = intf.ipv4.begin(); p != intf.ipv4.end(); ++p) {
+    for (auto q = std::next(p); q != intf.ipv4.end(); ++q) {
+      if (p->addr().addr() == q->addr().addr()) {
+        error_msg = intf.name + " has duplicated IPv4 address " + p->addr().to_string();
+        return true;
+      }
+    }
+  }
+  return false;
+}
+
+bool ValidateConfig::InterfaceHasDuplicateIpv6(const Interface &intf) {
+  for (auto p = intf.ipv6.begin(); p != intf.ipv6.end(); ++p) {
+    for (auto q = std::next(p); q != intf.ipv6.end(); ++q) {
+      if (p->addr() == q->addr()) {  // bytes and zone
+        error_msg = intf.name + " has duplicated IPv6 address " + p->addr().to_string();
+        return true;
+      }
+    }
+  }
+  return false;
+}
+
+bool ValidateConfig::InterfaceIPv4Overlap(const Interface &a, const Interface &b) {
+  if (!SameRoutingDomain(a.vrf, b.vrf)) return false;
+  for (const addrkit::IPv4AddrMask &x : a.ipv4) {
+    for (const addrkit::IPv4AddrMask &y : b.ipv4) {
+      if (x.Overlap(y)) {
+        error_msg = a.name + " vrf " + a.vrf + " ipv4 address " + x.addr_prefix_len() +
+                    " overlaps with " + b.name + " vrf " + b.vrf + " ipv4 address " +
+                    y.addr_prefix_len() + ".";
+        return true;
+      }
+    }
+  }
+  return false;
+}
+
+bool ValidateConfig::InterfaceIPv6Overlap(const Interface &a, const Interface &b) {
+  // IPv6 prefixes conflict across VRFs as well.
+  for (const addrkit::IPv6AddrMask &x : a.ipv6) {
+    for (const addrkit::IPv6AddrMask &y : b.ipv6) {
+      if (x.Overlap(y)) {
+        error_msg = a.name + " ipv6 address " + x.to_string() + " overlaps with " + b.name +
+                    " ipv6 address " + y.to_string() + ".";
+        return true;
+      }
+    }
+  }
+  return false;
+}
+
+int ValidateConfig::InterfaceIPv4Overlap(const InterfaceConfig &own,
+                                         const std::vector<InterfaceConfig *> &all) {
+  for (const InterfaceConfig *other : all) {
+    if (other->type == own.type) continue;  // compared pairwise by the driver
+    for (const Interface &x : other->interfaces) {
+      for (const Interface &y : own.interfaces) {
+        if (InterfaceIPv4Overlap(y, x)) return 1;
+      }
+    }
+  }
+  return 0;
+}
+
+int ValidateConfig::InterfaceIPv6Overlap(const InterfaceConfig &own,
+                                         const std::vector<InterfaceConfig *> &all) {
+  for (const InterfaceConfig *other : all) {
+    if (other->type == own.type) continue;
+    for (const Interface &x : other->interfaces) {
+      for (const Interface &y : own.interfaces) {
+        if (InterfaceIPv6Overlap(y, x)) return 1;
+      }
+    }
+  }
+  return 0;
+}
+
+// ---------------------------------------------------------------------------
+// Static routes
+
+int ValidateConfig::ValidateStaticRoute(const Config &config) {
+  // Both run; the limit message overwrites a next-hop message.
+  const int next_hop = ValidateStaticRouteNextHop(config);
+  const int limit = ValidateStaticRouteLimit(config);
+  return next_hop | limit;
+}
+
+int ValidateConfig::ValidateStaticRouteLimit(const Config &config) {
+  const uint32_t weight = config.static_routes.ipv4_count + 2u * config.static_routes.ipv6_count;
+  if (weight <= kMaxStaticRouteWeight) return 0;
+  error_msg = "The maximum number of available static routes was exceeded.";
+  return -1;
+}
+
+int ValidateConfig::ValidateStaticRouteNextHop(const Config &config) {
+  const StaticRouteConfig &routes = config.static_routes;
+  for (const InterfaceConfig *reader : config.intf_configs) {
+    for (const Interface &intf : reader->interfaces) {
+      if (routes.ip_version == 4) {
+        if (InterfaceIPv4MatchStaticRouteNextHop(intf, routes)) return -1;
+      } else if (routes.ip_version == 6) {
+        if (InterfaceIPv6MatchStaticRouteNextHop(intf, routes)) return -1;
+      }
+    }
+  }
+  return 0;
+}
+
+bool ValidateConfig::InterfaceIPv4MatchStaticRouteNextHop(const Interface &intf,
+                                                          const StaticRouteConfig &routes) {
+  for (const std::shared_ptr<StaticRoute> &route : routes.routes) {
+    if (intf.vrf != route->vrf) continue;  // no default-VRF equivalence here
+    for (const addrkit::IPv4AddrMask &p : intf.ipv4) {
+      const addrkit::IPv4Addr addr(p.addr().addr());
+      if (route->next_hop() == addr) {
+        error_msg = intf.name + " ipv4 address " + p.addr_prefix_len() + " and static route " +
+                    route->network() + " next-hop " + route->next_hop().to_string() +
+                    " cannot have address conflict.";
+        return true;
+      }
+    }
+  }
+  return false;
+}
+
+bool ValidateConfig::InterfaceIPv6MatchStaticRouteNextHop(const Interface &intf,
+                                                          const StaticRouteConfig &routes) {
+  for (const std::shared_ptr<StaticRoute> &route : routes.routes) {
+    if (intf.vrf != route->vrf) continue;
+    for (const addrkit::IPv6AddrMask &p : intf.ipv6) {
+      const addrkit::IPv6Addr addr(p.addr().bytes(), p.addr().scope());
+      if (route->next_hop() == addr) {
+        error_msg = intf.name + " ipv6 address " + p.to_string() + " and static route " +
+                    route->network() + " next-hop " + route->next_hop().to_string() +
+                    " cannot have address conflict.";
+        return true;
+      }
+    }
+  }
+  return false;
+}
+
+int ValidateConfig::ValidateStaticRouteOutputIntf(const Config &first, const Config &second) {
+  // Only first's interfaces are examined; second contributes its routes.
+  for (const InterfaceConfig *reader : first.intf_configs) {
+    for (const Interface &intf : reader->interfaces) {
+      if (intf.ifu_id != 0) continue;
+      if (InterfaceMatchStaticRouteOutputIntf(intf, first.static_routes)) return -1;
+      if (InterfaceMatchStaticRouteOutputIntf(intf, second.static_routes)) return -1;
+    }
+  }
+  return 0;
+}
+
+bool ValidateConfig::InterfaceMatchStaticRouteOutputIntf(const Interface &intf,
+                                                         const StaticRouteConfig &routes) {
+  for (const std::shared_ptr<StaticRoute> &route : routes.routes) {
+    if (route->intf_name == intf.name && intf.ifu_id == 0) {
+      // No final full stop: the text is fixed as the operator knows it.
+      error_msg = intf.name +
+                  " is being used by a static route. Lower-layer-if cannot be removed from this "
+                  "interface";
+      return true;
+    }
+  }
+  return false;
+}
+
+// ---------------------------------------------------------------------------
+// LDP
+
+int ValidateConfig::ValidateLdp(const Config &config) {
+  return ValidateLdpCrossIfL3(config.l3, config.ldp) ? 0 : -1;
+}
+
+bool ValidateConfig::ValidateLdpCrossIfL3(const L3Config &l3, const LdpConfig &ldp) {
+  for (const std::shared_ptr<LdpIf> &rec : ldp.interfaces) {
+    for (const Interface &intf : l3.interfaces) {
+      if (intf.name != rec->name) continue;
+      if (!rec->address.IsUnspecified() &&
+          (intf.ipv4.empty() || intf.ipv4.front() != rec->address)) {
+        error_msg = "IPv4 address " + rec->address.to_string() +
+                    " cannot be modified nor deleted when configured with LDP interface.";
+        return false;
+      }
+      if (intf.ipv4.size() > 1) {
+        error_msg =
+            "secondary IPv4 address configuration and LDP interface assignment are not "
+            "supported for the same interface " +
+            intf.name + ".";
+        return false;
+      }
+    }
+  }
+  return true;
+}
+
+int ToHandlerResult(confd_trans_ctx *tctx, int result, const ValidateConfig &rules) {
+  if (result == 0) return CONFD_OK;
+  confd_trans_seterr(tctx, "%s", rules.error_msg.c_str());
+  return CONFD_ERR;
+}
+
+}  // namespace config_valid
+}  // namespace ip_application
