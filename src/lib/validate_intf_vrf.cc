@@ -30,16 +30,17 @@ constexpr int kKeyTextSize = 8192;
 
 // Whether the XPath expression, evaluated below "/internal" in the
 // transaction, selects a non-empty value. The call's own result is not
-// looked at.
+// looked at. Only a non-empty result is freed; an empty one is left to the
+// data store, as the element's handlers always did.
 bool InternalXpathMatches(int32_t sock, confd_trans_ctx *tctx, const char *format,
                           const std::string &name) {
   char expr[kExprSize];
   snprintf(expr, sizeof expr, format, name.c_str());
   char *result = nullptr;
   maapi_xpath_eval_expr(sock, tctx->thandle, expr, &result, nullptr, "/internal");
-  const bool matched = result != nullptr && result[0] != '\0';
+  if (result == nullptr || result[0] == '\0') return false;
   free(result);
-  return matched;
+  return true;
 }
 
 std::string BufText(const confd_value_t &v) {

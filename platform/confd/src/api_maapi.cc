@@ -92,6 +92,7 @@ int maapi_init_cursor(int sock, int thandle, struct maapi_cursor *mc, const char
     ipapp::store::CursorState &state = call.txn().cursors[id];
     state.list = t.list;
     state.s = t.s;
+    state.path = mc->path;
     mc->cursor_id = reinterpret_cast<void *>(static_cast<uintptr_t>(id));
   }
   return call.Done(CONFD_OK);
@@ -157,12 +158,14 @@ void maapi_destroy_cursor(struct maapi_cursor *mc) {
     auto id = static_cast<uint64_t>(reinterpret_cast<uintptr_t>(mc->cursor_id));
     std::shared_ptr<ipapp::store::Txn> txn = ipapp::store::FindCursorLocked(id);
     if (txn) {
+      // mc->path is the state's path; that of a cursor the store no longer
+      // knows was freed when its transaction ended.
+      std::free(txn->cursors.at(id).path);
       txn->cursors.erase(id);
       ipapp::store::ForgetCursorLocked(id);
       call.Use(txn);
     }
   }
-  std::free(mc->path);
   mc->path = nullptr;
   mc->cursor_id = nullptr;
   mc->n = 0;

@@ -182,7 +182,10 @@ void EndTxn(int thandle) {
     txn = std::move(it->second);
     reg.by_thandle.erase(it);
     for (const auto &[sock, info] : txn->cdb_sockets) reg.cdb_socket_owner.erase(sock);
-    for (const auto &[id, cursor] : txn->cursors) reg.cursor_owner.erase(id);
+    for (const auto &[id, cursor] : txn->cursors) {
+      reg.cursor_owner.erase(id);
+      std::free(cursor.path);  // a cursor left open: its path goes with the transaction
+    }
     for (void *p : txn->dups) reg.dup_owner.erase(p);
     txn->cdb_sockets.clear();
     txn->cursors.clear();
@@ -302,6 +305,9 @@ void KeypathBuilder::Fill(confd_hkeypath_t *kp) const {
     for (int k = 0; k < n; ++k) out[k] = e.v[k];
     CONFD_SET_NOEXISTS(&out[n]);
   }
+  // Callbacks look at fixed depths without checking len (intf_iter reads v[4]
+  // of any changed node): the elements beyond the path must read as absent.
+  for (int i = n_; i < MAXDEPTH; ++i) CONFD_SET_NOEXISTS(&kp->v[i][0]);
 }
 
 bool KeypathOfPath(Txn &txn, const DataTree &tree, const ParsedPath &path, KeypathBuilder *kp,

@@ -51,6 +51,7 @@ struct CursorState {
   const ListInst *list = nullptr;  ///< null: an empty list
   const SNode *s = nullptr;
   size_t next = 0;  ///< entry the next read hands out
+  char *path = nullptr;  ///< the caller's mc->path; freed here if never destroyed
 };
 
 struct CdbSocket {

@@ -1,10 +1,11 @@
 #include <ipapp/host.h>
 
 #include <algorithm>
+#include <cctype>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <map>
-#include <regex>
 #include <sstream>
 
 #include "kxconfd_host.h"
@@ -30,9 +31,16 @@ std::string Where(const std::string &source, int line) {
 
 // Line number libyang names in a message ("line number 12"), or 0.
 int LineOf(const std::string &log) {
-  static const std::regex line_re("[Ll]ine number ([0-9]+)");
-  std::smatch m;
-  return std::regex_search(log, m, line_re) ? std::stoi(m[1]) : 0;
+  for (const char *marker : {"line number ", "Line number "}) {
+    size_t at = log.find(marker);
+    if (at == std::string::npos) continue;
+    at += std::strlen(marker);
+    int line = 0;
+    while (at < log.size() && std::isdigit(static_cast<unsigned char>(log[at])) && line < 100000000)
+      line = line * 10 + (log[at++] - '0');
+    if (line > 0) return line;
+  }
+  return 0;
 }
 
 std::string FirstError(std::string log, const std::string &fallback) {
