@@ -1,5 +1,8 @@
-// Diff-iteration callbacks that collect the interfaces a transaction touches,
-// for the cross-protocol handlers. Both name an interface the way the
+// Interface address handlers ("ipv4_addr_validation" and
+// "ipv6_addr_validation" on the l3, loopback and mgmt lists: the keypath names
+// the interface kind, the whole configuration of the family is checked), and
+// the diff-iteration callbacks that collect the interfaces a transaction
+// touches, for the cross-protocol handlers. Both name an interface the way the
 // "/internal" protocol tables do ("l3-" + key, "loopback-" + key) and keep the
 // first change reported for it: later changes of the same interface in one
 // walk never overwrite it.
@@ -12,7 +15,9 @@
 #include <sstream>
 #include <string>
 
+#include "config.h"
 #include "cross_validation_util.h"
+#include "validate_config.h"
 
 namespace {
 
@@ -73,4 +78,44 @@ confd_iter_ret intf_iter_oper_lower_layer(confd_hkeypath_t *kp, confd_iter_op op
     vlans->emplace(name, CONFD_GET_INT32(newv));
   }
   return ITER_RECURSE;
+}
+
+using ip_application::config_valid::Config;
+using ip_application::config_valid::InterfaceType;
+using ip_application::config_valid::kInterfaceUnknown;
+using ip_application::config_valid::ToHandlerResult;
+using ip_application::config_valid::ValidateConfig;
+
+namespace {
+
+constexpr char kInvalidInterface[] = "invalid interface being handled by IP-App validation";
+
+}  // namespace
+
+// ---- /config/interface/ipapp:{l3,loopback,mgmt} addresses ------------------
+
+int validate_ipv4_addr(int32_t sock, confd_trans_ctx *tctx, confd_hkeypath_t *kp,
+                       confd_value_t * /*newval*/) {
+  const InterfaceType type = Config::intf_type_from_confd_path(kp);
+  if (type == kInterfaceUnknown) {
+    confd_trans_seterr(tctx, "%s", kInvalidInterface);
+    return CONFD_ERR;
+  }
+  Config config(sock, tctx, 4);
+  ValidateConfig rules;
+  int result = rules.ValidateInterfaceIPv4(config, type);
+  if (result == 0) result = rules.ValidateLdp(config);
+  return ToHandlerResult(tctx, result, rules);
+}
+
+int validate_ipv6_addr(int32_t sock, confd_trans_ctx *tctx, confd_hkeypath_t *kp,
+                       confd_value_t * /*newval*/) {
+  const InterfaceType type = Config::intf_type_from_confd_path(kp);
+  if (type == kInterfaceUnknown) {
+    confd_trans_seterr(tctx, "%s", kInvalidInterface);
+    return CONFD_ERR;
+  }
+  Config config(sock, tctx, 6);
+  ValidateConfig rules;
+  return ToHandlerResult(tctx, rules.ValidateInterfaceIPv6(config, type), rules);
 }
