@@ -1,0 +1,291 @@
+// ipapp-check end to end: the bundled examples with the verdicts their table
+// documents, the JSON report, which validations a commit runs, bad input and
+// plug-in failures.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cctype>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+namespace fs = std::filesystem;
+using nlohmann::json;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+
+const fs::path kScratch =
+    fs::temp_directory_path() / ("ipapp-check-test-" + std::to_string(getpid()));
+class ScratchCleanup : public ::testing::Environment {
+  void TearDown() override { fs::remove_all(kScratch); }
+};
+const auto *const kCleanup = ::testing::AddGlobalTestEnvironment(new ScratchCleanup);
+
+std::string Slurp(const fs::path &path) {
+  std::stringstream text;
+  text << std::ifstream(path).rdbuf();
+  return text.str();
+}
+
+fs::path WriteFile(const std::string &name, const std::string &text) {
+  fs::create_directories(kScratch);
+  std::ofstream(kScratch / name) << text;
+  return kScratch / name;
+}
+
+std::string Example(const std::string &name) {
+  return std::string(IPAPP_SOURCE_DIR) + "/examples/" + name;
+}
+
+struct ToolResult {
+  int status = -12345;  // pre-filled: a run that never finished is caught
+  std::string out, err;
+  std::string FirstLine() const { return out.substr(0, out.find('\n')); }
+  json Json() const { return json::parse(out); }
+};
+
+// Runs ipapp-check; fake_mode, when given, becomes IPAPP_FAKE_MODE of the
+// fake plug-in. Arguments carry no quotes.
+ToolResult RunTool(const std::vector<std::string> &args, const std::string &fake_mode = "") {
+  fs::create_directories(kScratch);
+  std::string cmd = fake_mode.empty() ? "" : "IPAPP_FAKE_MODE=" + fake_mode + " ";
+  cmd += IPAPP_CHECK_EXE;
+  for (const std::string &a : args) cmd += " '" + a + "'";
+  cmd += " >" + (kScratch / "out").string() + " 2>" + (kScratch / "err").string();
+  ToolResult r;
+  int rc = std::system(cmd.c_str());
+  if (rc != -1 && WIFEXITED(rc)) r.status = WEXITSTATUS(rc);
+  r.out = Slurp(kScratch / "out");
+  r.err = Slurp(kScratch / "err");
+  return r;
+}
+
+ToolResult Check(const std::string &candidate, std::vector<std::string> more = {},
+                 const std::string &fake_mode = "") {
+  more.insert(more.begin(), {"--running", Example("running.xml"), "--candidate", candidate});
+  return RunTool(more, fake_mode);
+}
+
+// --- The examples, as the table of examples/README.md documents them -------
+
+struct ExampleRow {
+  std::string file, first_line;
+  std::vector<std::string> args;  // after the executable, paths made absolute
+};
+void PrintTo(const ExampleRow &row, std::ostream *os) {
+  *os << row.file;
+}
+
+std::vector<ExampleRow> ReadExampleTable() {
+  // | `file` | what it shows | `first line` | `command` |
+  static const std::regex row(R"(^\| `([^`]+)` \|.*\| `([^`]+)` \| `([^`]+)` \|$)");
+  std::vector<ExampleRow> rows;
+  std::ifstream in(Example("README.md"));
+  for (std::string line; std::getline(in, line);) {
+    std::smatch m;
+    if (!std::regex_match(line, m, row)) continue;
+    ExampleRow r{m[1], m[2], {}};
+    std::istringstream words(m[3].str());
+    std::string word;
+    words >> word;  // the executable
+    while (words >> word) {
+      r.args.push_back(word.rfind("examples/", 0) == 0 ? IPAPP_SOURCE_DIR "/" + word : word);
+    }
+    rows.push_back(std::move(r));
+  }
+  return rows;
+}
+
+class ExampleTest : public ::testing::TestWithParam<ExampleRow> {};
+
+TEST_P(ExampleTest, GivesDocumentedVerdict) {
+  ToolResult r = RunTool(GetParam().args);
+  EXPECT_EQ(r.FirstLine(), GetParam().first_line) << r.out << r.err;
+  EXPECT_EQ(r.status, GetParam().first_line == "accepted" ? 0 : 1) << r.err;
+}
+
+INSTANTIATE_TEST_SUITE_P(Examples, ExampleTest, ::testing::ValuesIn(ReadExampleTable()),
+                         [](const ::testing::TestParamInfo<ExampleRow> &info) {
+                           std::string name = fs::path(info.param.file).stem().string();
+                           for (char &c : name) {
+                             if (!std::isalnum(static_cast<unsigned char>(c))) c = '_';
+                           }
+                           return name;
+                         });
+
+// --- Reports -----------------------------------------------------------------
+
+TEST(CheckReport, KeepGoingReportsEveryRefusalInJson) {
+  ToolResult r = Check(Example("several-faults.xml"), {"--keep-going", "--format", "json"});
+  ASSERT_EQ(r.status, 1) << r.err;
+  json doc = r.Json();
+  EXPECT_EQ(doc["verdict"], "refused");
+  std::vector<std::string> refused_by;
+  for (const json &refusal : doc["refusals"]) {
+    EXPECT_TRUE(refusal["keypath"].is_string() && refusal["error"].is_string());
+    refused_by.push_back(refusal["validation"]);
+  }
+  EXPECT_THAT(refused_by, ElementsAre("intf_l3_name_validation", "ipv4_addr_prot_cross_validation",
+                                      "static_route_l3_intf_validation"));
+  EXPECT_GT(doc["invocations"].size(), 3u);  // it went on past the refusals
+  for (const json &inv : doc["invocations"]) EXPECT_TRUE(inv["result"].is_number_integer());
+}
+
+TEST(CheckReport, JsonCarriesFaultsAndTrace) {
+  ToolResult r = Check(Example("accept-unspecified-mgmt.xml"), {"--trace", "--format", "json"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  const json doc = r.Json();
+  ASSERT_FALSE(doc["faults"].empty());
+  const json fault = {{"function", "ReadConfig"},
+                      {"file", "src/lib/config"},
+                      {"line", 452},
+                      {"message", "Unspecified IPv4 address for key '0'"}};
+  for (const json &f : doc["faults"]) EXPECT_EQ(f, fault);
+  std::vector<std::string> paths;
+  for (const json &inv : doc["invocations"]) {
+    for (const json &e : inv["trace"]) paths.push_back(e["path"]);
+  }
+  EXPECT_THAT(paths, ::testing::Contains("/config/interface/ipapp:mgmt{0}/ipv4/address/ip"));
+}
+
+// --- Which validations a commit runs (fake plug-in, no rules) ---------------
+
+std::string Config(const std::string &mgmt_address, const std::string &ldp_address) {
+  return R"(<config xmlns="urn:ipapp:shellcfg"><interface>
+  <l3 xmlns="urn:ipapp:ipapp"><name>a</name><lower-layer-if><vlan>10</vlan></lower-layer-if></l3>
+  <l3 xmlns="urn:ipapp:ipapp"><name>b</name></l3>
+  <mgmt xmlns="urn:ipapp:ipapp"><name>0</name><ipv4><address><ip>)" +
+         mgmt_address + R"(</ip></address></ipv4></mgmt></interface></config>
+<internal xmlns="urn:ipapp:shellcfg-internal"><int-ldp-intf-l3><if-name>l3-a</if-name>
+  <lower-layer>l3-vlan</lower-layer><vlan>10</vlan><address>)" +
+         ldp_address + "</address></int-ldp-intf-l3></internal>\n";
+}
+
+TEST(CommitPlan, RunsBoundPointsOfChangedNodesAndTheirDependents) {
+  const std::string l3 = " /config/interface/ipapp:l3";
+  const std::vector<std::string> l3_points = {"intf_l3_name_validation" + l3,
+                                              "ipv4_addr_validation" + l3,
+                                              "ipv6_addr_validation" + l3,
+                                              "ipv4_addr_prot_cross_validation" + l3,
+                                              "intf_vrf_validation" + l3,
+                                              "static_route_l3_intf_validation" + l3,
+                                              "lower_layer_prot_cross_validation" + l3 + "{a}",
+                                              "lower_layer_prot_cross_validation" + l3 + "{b}"};
+  auto after_l3 = [&](std::vector<std::string> tail) {
+    tail.insert(tail.begin(), l3_points.begin(), l3_points.end());
+    return tail;
+  };
+  const std::string lo = " /config/interface/ipapp:loopback";
+  const std::string route = " /QX-RTM-MIB/rtmStaticRtTable/rtmStaticRtEntry";
+  struct Case {
+    const char *name;
+    std::string candidate;
+    std::vector<std::string> expected;  // "validation keypath"
+  };
+  const std::vector<Case> cases = {
+      {"nothing changed", Config("192.168.1.1/24", "10.0.0.1/24"), {}},
+      // The management list triggers l3 and loopback, itself, and the routes.
+      {"mgmt address", Config("192.168.1.2/24", "10.0.0.1/24"),
+       after_l3({"ipv4_addr_validation" + lo, "ipv6_addr_validation" + lo,
+                 "ipv4_addr_prot_cross_validation" + lo, "intf_vrf_validation" + lo,
+                 "ipv4_addr_validation /config/interface/ipapp:mgmt",
+                 "ipv6_addr_validation /config/interface/ipapp:mgmt",
+                 "ipv4_addr_route_validation" + route, "ipv6_addr_route_validation" + route})},
+      // The LDP table triggers l3 and itself only.
+      {"ldp table", Config("192.168.1.1/24", "10.0.0.2/24"),
+       after_l3({"ldp_interface_validation /internal/int-ldp-intf-l3"})},
+  };
+  const std::string running = WriteFile("running.xml", Config("192.168.1.1/24", "10.0.0.1/24"));
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.name);
+    const std::string candidate = WriteFile("candidate.xml", c.candidate);
+    ToolResult r = RunTool({"--running", running, "--candidate", candidate, "--plugin",
+                            IPAPP_FAKE_PLUGIN, "--format", "json"});
+    ASSERT_EQ(r.status, 0) << r.err;
+    std::vector<std::string> ran;
+    const json doc = r.Json();
+    for (const json &inv : doc["invocations"]) {
+      ran.push_back(inv["validation"].get<std::string>() + " " + inv["keypath"].get<std::string>());
+    }
+    EXPECT_EQ(ran, c.expected);
+  }
+  // Without --keep-going the first refusal ends the commit.
+  ToolResult refused = Check(Example("vrf-ospf.xml"), {"--plugin", IPAPP_FAKE_PLUGIN}, "refuse");
+  EXPECT_EQ(refused.status, 1);
+  EXPECT_EQ(refused.out,
+            "refused: intf_l3_name_validation refused\n"
+            "  validation: intf_l3_name_validation\n"
+            "  keypath: /config/interface/ipapp:l3\n");
+}
+
+// --- Bad input and plug-in failures -----------------------------------------
+
+TEST(CheckInput, BadFilesAreNamedAndExitTwo) {
+  // Each fault stands on line 3 of its file.
+  const std::string head =
+      "<config xmlns=\"urn:ipapp:shellcfg\"><interface>\n<l3 xmlns=\"urn:ipapp:ipapp\">\n";
+  const std::string tail = "</l3></interface></config>\n";
+  const std::vector<std::pair<std::string, std::string>> cases = {
+      // file, text
+      {"broken.xml", head + "<name>a</nam>"},
+      {"unknown.xml", head + "<name>a</name><speed>10</speed>" + tail},
+      {"address.xml",
+       head + "<name>a</name><ipv4><address><ip>10.1.1.300/24</ip></address></ipv4>" + tail},
+      {"broken.json", R"({"shellcfg:config": {)"},
+      {"config.txt", "<config/>"},
+      {"missing.xml", ""}};
+  for (const auto &[file, text] : cases) {
+    SCOPED_TRACE(file);
+    const std::string path = text.empty() ? "/nonexistent/" + file : WriteFile(file, text).string();
+    const std::string expected = file.rfind(".xml") != std::string::npos && !text.empty()
+                                     ? file + ":3:"  // the line, where the parser knows it
+                                     : file;
+    ToolResult as_candidate = RunTool({"--candidate", path, "--plugin", IPAPP_FAKE_PLUGIN});
+    EXPECT_EQ(as_candidate.status, 2);
+    EXPECT_THAT(as_candidate.err, HasSubstr(expected));
+    EXPECT_EQ(as_candidate.out, "");
+    ToolResult as_running = RunTool({"--running", path, "--candidate", Example("running.xml")});
+    EXPECT_EQ(as_running.status, 2);
+    EXPECT_THAT(as_running.err, HasSubstr(expected));
+  }
+}
+
+TEST(CheckInput, BadUsageExitsTwo) {
+  for (const auto &args : std::vector<std::vector<std::string>>{
+           {}, {"--candidate", Example("running.xml"), "--format", "yaml"}, {"--no-such-flag"}}) {
+    SCOPED_TRACE(::testing::PrintToString(args));
+    EXPECT_EQ(RunTool(args).status, 2);
+  }
+}
+
+TEST(CheckPlugin, UnusablePluginExitsThree) {
+  struct Case {
+    std::string plugin, mode, message;
+  };
+  for (const Case &c : std::vector<Case>{
+           {"/nonexistent/libip_app_validation.so", "", "/nonexistent/libip_app_validation.so"},
+           {IPAPP_FAKE_PLUGIN, "wrong-point", "\"other_point\""}}) {
+    SCOPED_TRACE(c.message);
+    ToolResult r = Check(Example("vrf-ospf.xml"), {"--plugin", c.plugin}, c.mode);
+    EXPECT_EQ(r.status, 3);
+    EXPECT_THAT(r.err, HasSubstr(c.message));
+  }
+  // An exception leaving validate ends the commit even with --keep-going.
+  ToolResult r =
+      Check(Example("vrf-ospf.xml"), {"--plugin", IPAPP_FAKE_PLUGIN, "--keep-going"}, "throw");
+  EXPECT_EQ(r.status, 3);
+  EXPECT_EQ(r.FirstLine(), "plug-in failure: fake failure in intf_l3_name_validation");
+  EXPECT_THAT(r.err, HasSubstr("fake failure in intf_l3_name_validation"));
+}
+
+}  // namespace

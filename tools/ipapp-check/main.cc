@@ -1,0 +1,228 @@
+// ipapp-check: tells whether the element would accept a candidate
+// configuration, by running the commit's validation callbacks through the
+// plug-in the way the element's data-model daemon does.
+//
+// Exit status: 0 accepted, 1 refused, 2 bad usage or bad input, 3 the plug-in
+// could not be loaded or an exception left it.
+#include <CLI/CLI.hpp>
+#include <nlohmann/json.hpp>
+
+#include <ipapp/check_engine.h>
+#include <ipapp/host.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <iostream>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace fs = std::filesystem;
+using ipapp::check::Invocation;
+using ipapp::check::Report;
+
+namespace {
+
+enum ExitCode { kAccepted = 0, kRefused = 1, kBadInput = 2, kPluginFailure = 3 };
+
+struct Args {
+  std::string running;
+  std::string candidate;
+  std::string plugin;
+  std::string yang;
+  std::string format = "text";
+  bool keep_going = false;
+  bool trace = false;
+};
+
+// The first existing candidate, or the first one when none exists (so the
+// error that follows names a sensible place).
+std::string FirstExisting(const std::vector<fs::path> &candidates) {
+  for (const fs::path &p : candidates) {
+    std::error_code ec;
+    if (!p.empty() && fs::exists(p, ec)) return p.lexically_normal().string();
+  }
+  return candidates.front().lexically_normal().string();
+}
+
+// Where the plug-in and the modules are when nothing is said: installed next
+// to the executable (${bindir}/../${libdir}, ${datadir}/ip_app_validation), or
+// else where this build tree made them.
+fs::path ExecutableDir() {
+  std::error_code ec;
+  fs::path self = fs::read_symlink("/proc/self/exe", ec);
+  return ec ? fs::current_path() : self.parent_path();
+}
+
+std::string DefaultPlugin() {
+  const fs::path lib = ExecutableDir() / IPAPP_CHECK_BIN_TO_LIB;
+  return FirstExisting({lib / "ip_app_validation" / IPAPP_CHECK_PLUGIN_NAME,
+                        lib / IPAPP_CHECK_PLUGIN_NAME, fs::path(IPAPP_CHECK_BUILD_PLUGIN)});
+}
+
+std::string DefaultYangDir() {
+  return FirstExisting({ExecutableDir() / IPAPP_CHECK_BIN_TO_DATA / "ip_app_validation" / "yang",
+                        fs::path(IPAPP_CHECK_SOURCE_YANG)});
+}
+
+void PrintTrace(std::ostream &out, const Invocation &inv) {
+  out << "trace: " << inv.validation << " " << inv.keypath << " -> "
+      << (inv.failed ? "exception" : std::to_string(inv.result)) << "\n";
+  for (const ipapp::host::TraceEntry &e : inv.trace) {
+    out << "  " << e.call;
+    if (!e.path.empty()) out << " " << e.path;
+    out << " = " << e.result;
+    if (!e.detail.empty()) out << " (" << e.detail << ")";
+    out << "\n";
+  }
+}
+
+void PrintText(std::ostream &out, const Report &report, bool trace) {
+  if (const Invocation *failure = report.failure()) {
+    out << "plug-in failure: " << failure->error << "\n"
+        << "  validation: " << failure->validation << "\n"
+        << "  keypath: " << failure->keypath << "\n";
+  } else if (report.accepted()) {
+    out << "accepted\n";
+  }
+  for (const Invocation *r : report.refusals()) {
+    out << "refused: " << r->error << "\n"
+        << "  validation: " << r->validation << "\n"
+        << "  keypath: " << r->keypath << "\n";
+  }
+  // Every validation that reads the same bad item records the same fault:
+  // show each once, in the order first recorded.
+  std::vector<std::pair<std::string, int>> faults;
+  for (const ipapp::host::Fault &f : report.faults) {
+    std::string text =
+        f.function + " (" + f.file + ":" + std::to_string(f.line) + "): " + f.message;
+    auto same = std::find_if(faults.begin(), faults.end(),
+                             [&](const auto &seen) { return seen.first == text; });
+    if (same == faults.end()) {
+      faults.emplace_back(std::move(text), 1);
+    } else {
+      ++same->second;
+    }
+  }
+  for (const auto &[text, count] : faults) {
+    out << "fault: " << text;
+    if (count > 1) out << " (recorded " << count << " times)";
+    out << "\n";
+  }
+  if (trace) {
+    for (const Invocation &inv : report.invocations) PrintTrace(out, inv);
+  }
+}
+
+nlohmann::json ToJson(const Report &report, bool trace) {
+  nlohmann::json doc;
+  const Invocation *failure = report.failure();
+  doc["verdict"] = failure ? "failed" : report.accepted() ? "accepted" : "refused";
+  doc["refusals"] = nlohmann::json::array();
+  for (const Invocation *r : report.refusals()) {
+    doc["refusals"].push_back(
+        {{"validation", r->validation}, {"keypath", r->keypath}, {"error", r->error}});
+  }
+  if (failure) {
+    doc["failure"] = {{"validation", failure->validation},
+                      {"keypath", failure->keypath},
+                      {"error", failure->error}};
+  }
+  doc["faults"] = nlohmann::json::array();
+  for (const ipapp::host::Fault &f : report.faults) {
+    doc["faults"].push_back(
+        {{"function", f.function}, {"file", f.file}, {"line", f.line}, {"message", f.message}});
+  }
+  doc["invocations"] = nlohmann::json::array();
+  for (const Invocation &inv : report.invocations) {
+    nlohmann::json item = {
+        {"validation", inv.validation}, {"keypath", inv.keypath}, {"result", inv.result}};
+    if (trace) {
+      item["trace"] = nlohmann::json::array();
+      for (const ipapp::host::TraceEntry &e : inv.trace) {
+        item["trace"].push_back(
+            {{"call", e.call}, {"path", e.path}, {"result", e.result}, {"detail", e.detail}});
+      }
+    }
+    doc["invocations"].push_back(std::move(item));
+  }
+  return doc;
+}
+
+int Run(const Args &args) {
+  // Declared first so that the transaction ends before the plug-in unloads.
+  std::optional<ipapp::check::Plugin> plugin;
+  std::shared_ptr<const ipapp::host::Schema> schema;
+  std::unique_ptr<ipapp::host::Transaction> tx;
+  const std::string yang = args.yang.empty() ? DefaultYangDir() : args.yang;
+  try {
+    schema = ipapp::host::Schema::Load(yang);
+    auto running = args.running.empty() ? ipapp::host::DataSource::Empty("<empty running>")
+                                        : ipapp::host::DataSource::File(args.running);
+    auto candidate = ipapp::host::DataSource::File(args.candidate);
+    tx = ipapp::host::Transaction::Create(schema, running, candidate);
+  } catch (const ipapp::host::InputError &e) {
+    std::cerr << "ipapp-check: " << e.what() << "\n";
+    return kBadInput;
+  }
+
+  const std::string plugin_path = args.plugin.empty() ? DefaultPlugin() : args.plugin;
+  try {
+    plugin.emplace(plugin_path);
+  } catch (const ipapp::check::PluginError &e) {
+    std::cerr << "ipapp-check: " << e.what() << "\n";
+    return kPluginFailure;
+  }
+
+  ipapp::check::Options options;
+  options.keep_going = args.keep_going;
+  options.trace = args.trace;
+  Report report;
+  try {
+    report = ipapp::check::RunCommit(*plugin, *schema, *tx, options);
+  } catch (const ipapp::host::InputError &e) {
+    std::cerr << "ipapp-check: " << e.what() << "\n";
+    return kBadInput;
+  }
+
+  if (args.format == "json") {
+    std::cout << ToJson(report, args.trace).dump(2) << "\n";
+  } else {
+    PrintText(std::cout, report, args.trace);
+  }
+  if (const Invocation *failure = report.failure()) {
+    std::cerr << "ipapp-check: exception from the plug-in in " << failure->validation << " on "
+              << failure->keypath << ": " << failure->error << "\n";
+    return kPluginFailure;
+  }
+  return report.accepted() ? kAccepted : kRefused;
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  CLI::App app{"Tells whether the element would accept a candidate configuration."};
+  Args args;
+  app.add_option("--running", args.running, "running configuration (.xml or .json); default empty");
+  app.add_option("--candidate", args.candidate, "candidate configuration (.xml or .json)")
+      ->required();
+  app.add_option("--plugin", args.plugin,
+                 "validation plug-in (default: the one installed or built)");
+  app.add_option("--yang", args.yang, "directory of the element's YANG modules");
+  app.add_option("--format", args.format, "output format")->check(CLI::IsMember({"text", "json"}));
+  app.add_flag("--keep-going", args.keep_going, "run every validation instead of stopping");
+  app.add_flag("--trace", args.trace, "show every data-store call of each validation");
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError &e) {
+    int rc = app.exit(e);
+    return rc == 0 ? 0 : kBadInput;
+  }
+  try {
+    return Run(args);
+  } catch (const std::exception &e) {
+    std::cerr << "ipapp-check: " << e.what() << "\n";
+    return kBadInput;
+  }
+}
