@@ -28,31 +28,31 @@ IPAPP_EXPORT int validate(confd_trans_ctx *tctx, confd_hkeypath_t *kp, confd_val
 
 // Handlers: MAAPI socket, transaction context, keypath, new value; 0 accepts,
 // -1 refuses with the error text set.
-IPAPP_EXPORT int validate_intf_l3_name(int32_t sock, confd_trans_ctx *tctx,
-                                       confd_hkeypath_t *kp, confd_value_t *newval);
+IPAPP_EXPORT int validate_intf_l3_name(int32_t sock, confd_trans_ctx *tctx, confd_hkeypath_t *kp,
+                                       confd_value_t *newval);
 IPAPP_EXPORT int validate_intf_vrf(int32_t sock, confd_trans_ctx *tctx, confd_hkeypath_t *kp,
                                    confd_value_t *newval);
 IPAPP_EXPORT int validate_ipv4_addr(int32_t sock, confd_trans_ctx *tctx, confd_hkeypath_t *kp,
                                     confd_value_t *newval);
 IPAPP_EXPORT int validate_ipv6_addr(int32_t sock, confd_trans_ctx *tctx, confd_hkeypath_t *kp,
                                     confd_value_t *newval);
-IPAPP_EXPORT int validate_ipv4_addr_route(int32_t sock, confd_trans_ctx *tctx,
-                                          confd_hkeypath_t *kp, confd_value_t *newval);
-IPAPP_EXPORT int validate_ipv6_addr_route(int32_t sock, confd_trans_ctx *tctx,
-                                          confd_hkeypath_t *kp, confd_value_t *newval);
-IPAPP_EXPORT int validate_route_l3_intf(int32_t sock, confd_trans_ctx *tctx,
-                                        confd_hkeypath_t *kp, confd_value_t *newval);
+IPAPP_EXPORT int validate_ipv4_addr_route(int32_t sock, confd_trans_ctx *tctx, confd_hkeypath_t *kp,
+                                          confd_value_t *newval);
+IPAPP_EXPORT int validate_ipv6_addr_route(int32_t sock, confd_trans_ctx *tctx, confd_hkeypath_t *kp,
+                                          confd_value_t *newval);
+IPAPP_EXPORT int validate_route_l3_intf(int32_t sock, confd_trans_ctx *tctx, confd_hkeypath_t *kp,
+                                        confd_value_t *newval);
 IPAPP_EXPORT int validate_ldp_intf(int32_t sock, confd_trans_ctx *tctx, confd_hkeypath_t *kp,
                                    confd_value_t *newval);
 
 // Interface iteration and IP presence.
-IPAPP_EXPORT confd_iter_ret intf_iter(confd_hkeypath_t *kp, confd_iter_op op,
-                                      confd_value_t *oldv, confd_value_t *newv, void *state);
+IPAPP_EXPORT confd_iter_ret intf_iter(confd_hkeypath_t *kp, confd_iter_op op, confd_value_t *oldv,
+                                      confd_value_t *newv, void *state);
 IPAPP_EXPORT confd_iter_ret intf_iter_oper_lower_layer(confd_hkeypath_t *kp, confd_iter_op op,
                                                        confd_value_t *oldv, confd_value_t *newv,
                                                        void *state);
-IPAPP_EXPORT int check_intf_ip_presence(int32_t sock, confd_trans_ctx *tctx,
-                                        std::string list_path, std::string &err);
+IPAPP_EXPORT int check_intf_ip_presence(int32_t sock, confd_trans_ctx *tctx, std::string list_path,
+                                        std::string &err);
 
 // OSPF and OSPFv3 cross validation.
 IPAPP_EXPORT int validate_ipv4_addr_cross_ospf_intf(int32_t sock, confd_trans_ctx *tctx,

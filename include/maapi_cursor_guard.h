@@ -8,9 +8,14 @@
 class MaapiCursorGuard {
  public:
   explicit MaapiCursorGuard(maapi_cursor *cursor) : cursor_(cursor) {}
-  ~MaapiCursorGuard() { maapi_destroy_cursor(cursor_); }
+  ~MaapiCursorGuard() {
+    if (cursor_ != nullptr) maapi_destroy_cursor(cursor_);
+  }
   MaapiCursorGuard(const MaapiCursorGuard &) = delete;
   MaapiCursorGuard &operator=(const MaapiCursorGuard &) = delete;
+
+  /// Leaves the cursor open: whoever called this keeps it.
+  void Release() { cursor_ = nullptr; }
 
  private:
   maapi_cursor *cursor_;

@@ -8,32 +8,19 @@
 #include <confd_lib.h>
 #include <confd_maapi.h>
 #include <kxconfd.h>
+#include <maapi_cursor_guard.h>
 
 #include <cstdarg>
 #include <cstdint>
 #include <cstdio>
+#include <map>
+#include <set>
 #include <string>
 
 namespace ip_application::cross_valid {
 
 /// Objects asked for per maapi_get_objects call.
 constexpr int kBatchObjects = 32;
-
-/// Destroys an initialised cursor when the scope ends, exceptions included.
-/// Release() hands the cursor back to whoever keeps it open.
-class CursorGuard {
- public:
-  explicit CursorGuard(maapi_cursor *mc) : mc_(mc) {}
-  ~CursorGuard() {
-    if (mc_ != nullptr) maapi_destroy_cursor(mc_);
-  }
-  CursorGuard(const CursorGuard &) = delete;
-  CursorGuard &operator=(const CursorGuard &) = delete;
-  void Release() { mc_ = nullptr; }
-
- private:
-  maapi_cursor *mc_;
-};
 
 /// One maapi_get_objects batch: up to kBatchObjects objects of kWidth values.
 /// Values still held (strings are duplicated by the read) are released when
@@ -92,6 +79,18 @@ inline KxConfdInterface *HostInterface(confd_trans_ctx *tctx) {
 inline bool TableInUse(int32_t sock, confd_trans_ctx *tctx, const char *path) {
   return maapi_exists(sock, tctx->thandle, "%s", path) == 1 &&
          maapi_num_instances(sock, tctx->thandle, "%s", path) != 0;
+}
+
+/// Walks the transaction's changes below kp (printed with confd_pp_kpath)
+/// with one of the interface-collecting callbacks into state.
+template <typename State>
+void CollectChanges(int32_t sock, confd_trans_ctx *tctx, confd_hkeypath_t *kp,
+                    confd_iter_ret (*iter)(confd_hkeypath_t *, confd_iter_op, confd_value_t *,
+                                           confd_value_t *, void *),
+                    State *state) {
+  char path[8192];
+  confd_pp_kpath(path, sizeof path, kp);
+  maapi_keypath_diff_iterate(sock, tctx->thandle, iter, 0, state, "%s", path);
 }
 
 /// printf into a std::string of any length.

@@ -12,7 +12,7 @@
 
 #include "cross_validation_util.h"
 
-using ip_application::cross_valid::CursorGuard;
+using ip_application::cross_valid::CollectChanges;
 using ip_application::cross_valid::FormatText;
 using ip_application::cross_valid::HostInterface;
 using ip_application::cross_valid::ObjectBatch;
@@ -43,17 +43,15 @@ static int get_lower_layer_vlan(confd_trans_ctx *tctx, confd_hkeypath_t *kp) {
 // LSR-id may not be deleted (intf_iter records loopbacks only on deletion).
 static int validate_loopback_cross_ldp_router_id(int32_t sock, confd_trans_ctx *tctx,
                                                  confd_hkeypath_t *kp) {
-  char path[8192];
-  confd_pp_kpath(path, sizeof path, kp);
   std::set<std::string> changed;
-  maapi_keypath_diff_iterate(sock, tctx->thandle, intf_iter, 0, &changed, "%s", path);
+  CollectChanges(sock, tctx, kp, intf_iter, &changed);
   if (changed.empty()) return CONFD_OK;
 
   maapi_cursor cursor{};
   if (maapi_init_cursor(sock, tctx->thandle, &cursor, "%s", kLdpLoopbackList) != CONFD_OK) {
     return CONFD_OK;
   }
-  CursorGuard cursor_guard(&cursor);
+  MaapiCursorGuard cursor_guard(&cursor);
   ObjectBatch<1> batch;
   int result = CONFD_OK;
 
@@ -82,18 +80,15 @@ static int validate_loopback_cross_ldp_router_id(int32_t sock, confd_trans_ctx *
 static int validate_l3_interface_cross_ldp_interface_lower_layer(int32_t sock,
                                                                  confd_trans_ctx *tctx,
                                                                  confd_hkeypath_t *kp) {
-  char path[8192];
-  confd_pp_kpath(path, sizeof path, kp);
   std::map<std::string, int> new_vlans;
-  maapi_keypath_diff_iterate(sock, tctx->thandle, intf_iter_oper_lower_layer, 0, &new_vlans, "%s",
-                             path);
+  CollectChanges(sock, tctx, kp, intf_iter_oper_lower_layer, &new_vlans);
   if (new_vlans.empty()) return CONFD_OK;
 
   maapi_cursor cursor{};
   if (maapi_init_cursor(sock, tctx->thandle, &cursor, "%s", kLdpL3List) != CONFD_OK) {
     return CONFD_OK;
   }
-  CursorGuard cursor_guard(&cursor);
+  MaapiCursorGuard cursor_guard(&cursor);
   ObjectBatch<1> batch;
 
   do {

@@ -16,7 +16,7 @@
 
 #include "cross_validation_util.h"
 
-using ip_application::cross_valid::CursorGuard;
+using ip_application::cross_valid::CollectChanges;
 using ip_application::cross_valid::FormatText;
 using ip_application::cross_valid::HostInterface;
 using ip_application::cross_valid::ObjectBatch;
@@ -82,7 +82,7 @@ int check_intf_ip_presence(int32_t sock, confd_trans_ctx *tctx, std::string list
   if (maapi_init_cursor(sock, tctx->thandle, &mc_intf, "%s", list_path.c_str()) != CONFD_OK) {
     return -1;
   }
-  CursorGuard cursor_guard(&mc_intf);
+  MaapiCursorGuard cursor_guard(&mc_intf);
 
   // The key count decides; maapi_get_next's result is not looked at.
   maapi_get_next(&mc_intf);
@@ -122,17 +122,15 @@ int validate_ipv4_addr_cross_ospf_intf(int32_t sock, confd_trans_ctx *tctx, conf
                                        confd_value_t * /*newval*/) {
   if (!TableInUse(sock, tctx, kOspfIntfList)) return CONFD_OK;
 
-  char path[8192];
-  confd_pp_kpath(path, sizeof path, kp);
   std::set<std::string> changed;
-  maapi_keypath_diff_iterate(sock, tctx->thandle, intf_iter, 0, &changed, "%s", path);
+  CollectChanges(sock, tctx, kp, intf_iter, &changed);
   if (changed.empty()) return CONFD_OK;
 
   maapi_cursor cursor{};
   if (maapi_init_cursor(sock, tctx->thandle, &cursor, "%s", kOspfIntfList) != CONFD_OK) {
     return CONFD_OK;
   }
-  CursorGuard cursor_guard(&cursor);
+  MaapiCursorGuard cursor_guard(&cursor);
   ObjectBatch<kOspfIntfValues> batch;
   int result = CONFD_OK;
 
@@ -214,7 +212,7 @@ int validate_lower_layer_cross_ospfv3(int32_t sock, confd_trans_ctx *tctx,
   if (maapi_init_cursor(sock, tctx->thandle, &mc_intf, "%s", kOspfv3IntfList) != CONFD_OK) {
     return CONFD_OK;
   }
-  CursorGuard cursor_guard(&mc_intf);
+  MaapiCursorGuard cursor_guard(&mc_intf);
 
   maapi_get_next(&mc_intf);
   while (mc_intf.n != 0) {
