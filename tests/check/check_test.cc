@@ -242,6 +242,7 @@ TEST(CheckInput, BadFilesAreNamedAndExitTwo) {
       {"address.xml",
        head + "<name>a</name><ipv4><address><ip>10.1.1.300/24</ip></address></ipv4>" + tail},
       {"broken.json", R"({"shellcfg:config": {)"},
+      {"truncated.json", R"({"shellcfg:config": )"},
       {"config.txt", "<config/>"},
       {"missing.xml", ""}};
   for (const auto &[file, text] : cases) {

@@ -8,6 +8,8 @@
 #include <map>
 #include <sstream>
 
+#include <nlohmann/json.hpp>
+
 #include "kxconfd_host.h"
 #include "store.h"
 
@@ -263,11 +265,30 @@ class TransactionImpl : public Transaction {
   std::unique_ptr<kxconfd> host_;
 };
 
+// libyang's JSON parser takes some truncated texts for empty data; the
+// syntax is checked on its own first so that those are refused as well.
+void CheckJsonSyntax(const DataSource &source) {
+  if (nlohmann::json::accept(source.text)) return;
+  try {
+    const nlohmann::json parsed = nlohmann::json::parse(source.text);
+  } catch (const nlohmann::json::parse_error &e) {
+    const size_t end = std::min<size_t>(e.byte > 0 ? e.byte - 1 : 0, source.text.size());
+    const int line =
+        1 + static_cast<int>(std::count(source.text.begin(), source.text.begin() + end, '\n'));
+    std::string why = e.what();
+    const size_t colon = why.find(": ", why.find("parse error"));
+    throw InputError(
+        source.name, line,
+        "malformed JSON: " + (colon == std::string::npos ? why : why.substr(colon + 2)));
+  }
+}
+
 std::unique_ptr<store::DataTree> ParseData(const store::SchemaIndex &index,
                                            const DataSource &source) {
   lyd_node *tree = nullptr;
   bool blank = std::all_of(source.text.begin(), source.text.end(),
                            [](unsigned char c) { return std::isspace(c); });
+  if (!blank && source.format == DataSource::Format::kJson) CheckJsonSyntax(source);
   if (!blank) {
     store::TakeLibyangLog();
     LY_ERR err = lyd_parse_data_mem(index.ctx(), source.text.c_str(),
