@@ -275,7 +275,8 @@ TEST(CheckPlugin, UnusablePluginExitsThree) {
   };
   for (const Case &c : std::vector<Case>{
            {"/nonexistent/libip_app_validation.so", "", "/nonexistent/libip_app_validation.so"},
-           {IPAPP_FAKE_PLUGIN, "wrong-point", "\"other_point\""}}) {
+           {IPAPP_FAKE_PLUGIN, "wrong-point", "\"other_point\""},
+           {IPAPP_FAKE_PLUGIN, "abort", "the plug-in aborted in intf_l3_name_validation"}}) {
     SCOPED_TRACE(c.message);
     ToolResult r = Check(Example("vrf-ospf.xml"), {"--plugin", c.plugin}, c.mode);
     EXPECT_EQ(r.status, 3);

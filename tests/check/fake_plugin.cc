@@ -5,6 +5,7 @@
 //   refuse          every callback refuses with "<validation> refused"
 //   throw           validate throws std::runtime_error("fake failure in <validation>")
 //   wrong-point     get_validation_point answers "other_point"
+//   abort           validate aborts the process, as a failed assertion does
 #include <confd_lib.h>
 
 #include <cstdio>
@@ -37,6 +38,7 @@ extern "C" int validate(confd_trans_ctx *tctx, confd_hkeypath_t *, confd_value_t
   if (mode == "throw") {
     throw std::runtime_error(std::string("fake failure in ") + tctx->validate_opaque);
   }
+  if (mode == "abort") std::abort();
   if (mode == "refuse") {
     confd_trans_seterr(tctx, "%s refused", tctx->validate_opaque);
     return CONFD_ERR;

@@ -10,7 +10,11 @@
 #include <ipapp/check_engine.h>
 #include <ipapp/host.h>
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <csignal>
+#include <cstring>
 #include <filesystem>
 #include <iostream>
 #include <optional>
@@ -150,6 +154,27 @@ nlohmann::json ToJson(const Report &report, bool trace) {
   return doc;
 }
 
+// A failed assertion in the plug-in aborts the process, as it would abort the
+// element's daemon. The checker reports it as a plug-in failure instead of
+// dying with the signal; the assertion's own report is already on stderr.
+char g_abort_message[512];
+
+extern "C" void OnPluginAbort(int) {
+  (void)!write(STDERR_FILENO, g_abort_message, strlen(g_abort_message));
+  _exit(kPluginFailure);
+}
+
+class AbortReport {
+ public:
+  AbortReport() { previous_ = std::signal(SIGABRT, OnPluginAbort); }
+  ~AbortReport() { std::signal(SIGABRT, previous_); }
+  AbortReport(const AbortReport &) = delete;
+  AbortReport &operator=(const AbortReport &) = delete;
+
+ private:
+  void (*previous_)(int);
+};
+
 int Run(const Args &args) {
   // Declared first so that the transaction ends before the plug-in unloads.
   std::optional<ipapp::check::Plugin> plugin;
@@ -180,6 +205,12 @@ int Run(const Args &args) {
   options.trace = args.trace;
   Report report;
   try {
+    AbortReport abort_report;
+    options.before_each = [](const std::string &validation, const std::string &keypath) {
+      snprintf(g_abort_message, sizeof g_abort_message,
+               "ipapp-check: the plug-in aborted in %s on %s\n", validation.c_str(),
+               keypath.c_str());
+    };
     report = ipapp::check::RunCommit(*plugin, *schema, *tx, options);
   } catch (const ipapp::host::InputError &e) {
     std::cerr << "ipapp-check: " << e.what() << "\n";

@@ -121,6 +121,7 @@ Report RunCommit(const Plugin &plugin, const host::Schema &schema, host::Transac
     newval.type = C_NOEXISTS;
     tx.ClearError();
     tx.ClearTrace();
+    if (options.before_each) options.before_each(inv.validation, inv.keypath);
     try {
       inv.result = plugin.Validate(tx.Context(call.validation), &kp, &newval);
       inv.error = tx.ErrorText();

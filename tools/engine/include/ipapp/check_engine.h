@@ -8,6 +8,7 @@
 #include <confd_lib.h>
 #include <ipapp/host.h>
 
+#include <functional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -74,6 +75,8 @@ struct Invocation {
 struct Options {
   bool keep_going = false;  ///< run every callback instead of stopping at a refusal
   bool trace = false;       ///< keep each callback's data-store calls
+  /// Called before each callback with its validation name and keypath text.
+  std::function<void(const std::string &, const std::string &)> before_each;
 };
 
 /// The outcome of one commit.
