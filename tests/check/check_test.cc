@@ -142,7 +142,7 @@ TEST(CheckReport, KeepGoingReportsEveryRefusalInJson) {
 }
 
 TEST(CheckReport, JsonCarriesFaultsAndTrace) {
-  ToolResult r = Check(Example("accept-unspecified-mgmt.xml"), {"--trace", "--format", "json"});
+  ToolResult r = Check(Example("accept-zero-mgmt-address.xml"), {"--trace", "--format", "json"});
   ASSERT_EQ(r.status, 0) << r.err;
   const json doc = r.Json();
   ASSERT_FALSE(doc["faults"].empty());
