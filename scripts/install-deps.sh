@@ -9,7 +9,7 @@ packages=(
   libyang2-dev libyang2-tools
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   nlohmann-json3-dev libcli11-dev
-  python3
+  binutils
 )
 
 missing=()
