@@ -15,19 +15,6 @@
 
 namespace addrkit {
 
-namespace {
-
-// inet_pton stops at the first NUL; text with an embedded one would be
-// accepted on its prefix alone.
-void RequireNoEmbeddedNul(const std::string &text) {
-  if (text.find('\0') != std::string::npos) {
-    throw boost::system::system_error(
-        boost::system::error_code(EINVAL, boost::system::system_category()));
-  }
-}
-
-}  // namespace
-
 IPAddr::~IPAddr() = default;
 
 // ---------------------------------------------------------------- IPv4Addr
@@ -62,7 +49,6 @@ uint32_t IPv4Addr::to_host() const {
 }
 
 void IPv4Addr::set_addr(const std::string &text) {
-  RequireNoEmbeddedNul(text);
   const auto bytes = boost::asio::ip::make_address_v4(text).to_bytes();
   std::memcpy(&addr_, bytes.data(), sizeof addr_);
 }
@@ -144,7 +130,6 @@ bool IPv6Addr::is_link_local_multicast() const {
 // A zone that is neither gives scope 0. The address part before "%" may be
 // at most 63 characters.
 void IPv6Addr::set_addr(const std::string &text) {
-  RequireNoEmbeddedNul(text);
   const auto parsed = boost::asio::ip::make_address_v6(text);
   bytes_ = parsed.to_bytes();
   scope_ = static_cast<uint32_t>(parsed.scope_id());

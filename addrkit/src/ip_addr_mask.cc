@@ -21,13 +21,14 @@ struct PrefixText {
   unsigned int len = 0;
 };
 
-// Splits "address/len" at the last "/". The length must be one or more
+// Splits "address/len" at its one "/" (interface names in a zone never
+// hold one). The length must be one or more
 // decimal digits (no sign, no blanks) and is range-checked while it is
 // accumulated, so no overlong digit string can wrap into range.
 PrefixText SplitPrefix(const std::string &text, const char *family, unsigned int max_len) {
   const std::string what = std::string("invalid ") + family + " prefix \"" + text + "\": ";
-  const size_t slash = text.rfind('/');
-  if (slash == std::string::npos) {
+  const size_t slash = text.find('/');
+  if (slash == std::string::npos || text.find('/', slash + 1) != std::string::npos) {
     throw std::invalid_argument(what + "expected address/length");
   }
   PrefixText out;

@@ -49,7 +49,8 @@ TEST(AddrMaskTest, RejectsMalformedTextNamingIt) {
       EXPECT_NE(std::string(e.what()).find('"' + std::string(t) + '"'), std::string::npos);
     }
   }
-  for (const char *t : {"::1", "::1/129", "::1/384", "10.0.0.1/8", "::1/64x", "::1 /64"}) {
+  for (const char *t :
+       {"::1", "::1/129", "::1/384", "10.0.0.1/8", "::1/64x", "::1 /64", "fe80::1%lo/64/64"}) {
     EXPECT_THROW(IPv6AddrMask{t}, std::invalid_argument) << t;
   }
   EXPECT_EQ(IPv4AddrMask("10.0.0.1/08").prefix_len(), 8u);

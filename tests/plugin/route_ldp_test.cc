@@ -53,19 +53,26 @@ TEST_F(RouteTest, NextHopConflictsInTheSameVrfOnly) {
   const std::string conflict =
       "l3 a ipv4 address 10.0.0.1/24 and static route 192.168.0.0/16 next-hop 10.0.0.1 cannot "
       "have address conflict.";
-  RunCases("ipv4_addr_route_validation",
-           {
-               {"both red", Interfaces(L3("a", V4("10.0.0.1/24") + Vrf("red"))) + red, kRoutePath,
-                conflict},
-               {"route red", Interfaces(L3("a", V4("10.0.0.1/24"))) + red, kRoutePath, ""},
-               {"route without VRF name is global", Interfaces(L3("a", V4("10.0.0.1/24"))) + global,
-                kRoutePath, conflict},
-               {"no mgmt equivalence",
-                Interfaces(L3("a", V4("10.0.0.1/24") + Vrf("mgmt"))) + global, kRoutePath, ""},
-               {"loopback /32", Interfaces(Lo("0", LoV4({"10.0.0.1/32"}))) + global, kRoutePath,
-                "loopback 0 ipv4 address 10.0.0.1/32 and static route 192.168.0.0/16 next-hop "
-                "10.0.0.1 cannot have address conflict."},
-           });
+  RunCases(
+      "ipv4_addr_route_validation",
+      {
+          {"both red", Interfaces(L3("a", V4("10.0.0.1/24") + Vrf("red"))) + red, kRoutePath,
+           conflict},
+          {"route red", Interfaces(L3("a", V4("10.0.0.1/24"))) + red, kRoutePath, ""},
+          {"route without VRF name is global", Interfaces(L3("a", V4("10.0.0.1/24"))) + global,
+           kRoutePath, conflict},
+          {"no mgmt equivalence", Interfaces(L3("a", V4("10.0.0.1/24") + Vrf("mgmt"))) + global,
+           kRoutePath, ""},
+          {"loopback /32", Interfaces(Lo("0", LoV4({"10.0.0.1/32"}))) + global, kRoutePath,
+           "loopback 0 ipv4 address 10.0.0.1/32 and static route 192.168.0.0/16 next-hop "
+           "10.0.0.1 cannot have address conflict."},
+          // A prefix length the family cannot have reads as no prefix.
+          {"prefix length 33",
+           Interfaces(L3("a", V4("10.0.0.1/24"))) + Routes(Route("192.168.0.0", 33, "10.0.0.1")),
+           kRoutePath,
+           "l3 a ipv4 address 10.0.0.1/24 and static route 0.0.0.0/0 next-hop 10.0.0.1 "
+           "cannot have address conflict."},
+      });
 }
 
 TEST_F(RouteTest, OutputInterfaceKeepsItsLowerLayer) {
