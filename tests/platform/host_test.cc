@@ -102,6 +102,50 @@ TEST(HostDataTest, BadDataNamesItsSourceAndLine) {
   EXPECT_THROW(host::DataSource::File("config.txt"), host::InputError);
 }
 
+TEST(HostDataTest, KeysThatDifferOnlyInSpellingAreOneEntryGivenTwice) {
+  const std::string route =
+      "<rtmStaticRtEntry><rtmStaticRtFteIndex>0</rtmStaticRtFteIndex>"
+      "<rtmStaticRtNetworkAddrType>ipv4</rtmStaticRtNetworkAddrType>"
+      "<rtmStaticRtNetworkAddr>NET</rtmStaticRtNetworkAddr>"
+      "<rtmStaticRtNetworkPrefixLen>8</rtmStaticRtNetworkPrefixLen>"
+      "<rtmStaticRtNextHopAddrType>ipv4</rtmStaticRtNextHopAddrType>"
+      "<rtmStaticRtNextHopAddr>0a:00:00:01</rtmStaticRtNextHopAddr></rtmStaticRtEntry>";
+  auto routes = [&](const char *a, const char *b) {
+    std::string one = route, two = route;
+    one.replace(one.find("NET"), 3, a);
+    two.replace(two.find("NET"), 3, b);
+    return "<QX-RTM-MIB xmlns=\"urn:ipapp:QX-RTM-MIB\"><rtmStaticRtTable>" + one + two +
+           "</rtmStaticRtTable></QX-RTM-MIB>";
+  };
+  struct Case {
+    std::string xml;
+    const char *message;
+  };
+  const Case cases[] = {
+      {"<config xmlns=\"urn:ipapp:shellcfg\"><interface><l3 xmlns=\"urn:ipapp:ipapp\">"
+       "<name>a</name><ipv6><address><ip>2001:db8::1/64</ip></address>"
+       "<address><ip>2001:DB8::1/64</ip></address><address><ip>2001:db8:0::1/64</ip></address>"
+       "</ipv6></l3></interface></config>",
+       "entry /config/interface/ipapp:l3{a}/ipv6/address{2001:db8::1/64} is given twice: "
+       "{2001:db8::1/64} and {2001:DB8::1/64} are the same key"},
+      {routes("0a:00:00:00", "0A:00:00:00"),
+       "entry /QX-RTM-MIB/rtmStaticRtTable/rtmStaticRtEntry{0 ipv4 0a:00:00:00 8 ipv4 "
+       "0a:00:00:01} is given twice: {0 ipv4 0a:00:00:00 8 ipv4 0a:00:00:01} and "
+       "{0 ipv4 0A:00:00:00 8 ipv4 0a:00:00:01} are the same key"},
+  };
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.message);
+    try {
+      host::Transaction::Create(TestSchema(), host::DataSource::Empty(),
+                                host::DataSource::Xml(c.xml, "dup.xml"));
+      ADD_FAILURE() << "accepted";
+    } catch (const host::InputError &e) {
+      EXPECT_EQ(e.source(), "dup.xml");
+      EXPECT_EQ(e.message(), c.message);
+    }
+  }
+}
+
 TEST(HostDataTest, JsonDataIsAcceptedLikeXml) {
   auto tx = host::Transaction::Create(
       TestSchema(), host::DataSource::Empty(),

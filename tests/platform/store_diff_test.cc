@@ -103,6 +103,33 @@ TEST_F(StoreDiffTest, ChangedLeavesFollowTheirModifiedParents) {
   EXPECT_TRUE(Diff("/config/interface/ipapp:loopback").empty());
 }
 
+TEST_F(StoreDiffTest, IndexNamesOneEntryInBothTrees) {
+  // [2] is "del" in the running tree and "new one" in the candidate.
+  Load(L3(R"(<l3 xmlns="urn:ipapp:ipapp"><name>a</name></l3>
+             <l3 xmlns="urn:ipapp:ipapp"><name>b</name></l3>
+             <l3 xmlns="urn:ipapp:ipapp"><name>del</name><vrf>x</vrf></l3>
+             <l3 xmlns="urn:ipapp:ipapp"><name>z</name><vrf>x</vrf></l3>)"),
+       L3(R"(<l3 xmlns="urn:ipapp:ipapp"><name>a</name></l3>
+             <l3 xmlns="urn:ipapp:ipapp"><name>b</name></l3>
+             <l3 xmlns="urn:ipapp:ipapp"><name>new one</name><vrf>y</vrf></l3>)"));
+  struct Case {
+    const char *path;
+    Lines changes;
+  };
+  const Case cases[] = {
+      {"/config/interface/l3[2]", {"VALUE_SET /config/interface/ipapp:l3{\"new one\"}/vrf -->y"}},
+      {"/config/interface/l3[2]/vrf",
+       {"VALUE_SET /config/interface/ipapp:l3{\"new one\"}/vrf -->y"}},
+      // Only the running tree has a fourth entry.
+      {"/config/interface/l3[3]", {"DELETED /config/interface/ipapp:l3{z}/vrf x->-"}},
+      {"/config/interface/l3[4]", {}},  // in neither tree: no changes
+  };
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.path);
+    EXPECT_EQ(Diff(c.path), c.changes);
+  }
+}
+
 TEST_F(StoreDiffTest, IteratorVerdictsSteerTheWalk) {
   std::string running = L3(R"(<l3 xmlns="urn:ipapp:ipapp"><name>a</name><vrf>x</vrf></l3>
                              <l3 xmlns="urn:ipapp:ipapp"><name>b</name><vrf>x</vrf></l3>)");
@@ -163,6 +190,10 @@ TEST_F(StoreDiffTest, XpathEvaluatesInTheCandidateWithAContextPath) {
       {"ospfv3-interface-l3[ospfv3-pm-if-name='l3-core1']/ospfv3-pm-if-index", "/internal", "1100"},
       {"vrf", "/config/interface/l3{core1}", "red"},  // only in the candidate
       {"vrf", "/config/interface/l3{nosuch}", ""},
+      // The root as context; an absent context leaves the root.
+      {"internal/vrf-config/indexTOstring[index=1]/vname", "/", "red"},
+      {"internal/vrf-config/indexTOstring[index=1]/vname", "", "red"},
+      {"/internal/vrf-config/indexTOstring[index=1]/vname", "/config/interface/l3{nosuch}", "red"},
   };
   for (const Case &c : cases) {
     SCOPED_TRACE(c.expr);
@@ -173,11 +204,27 @@ TEST_F(StoreDiffTest, XpathEvaluatesInTheCandidateWithAContextPath) {
     EXPECT_STREQ(res, c.result);
     free(res);
   }
-  char *res = nullptr;
-  EXPECT_EQ(maapi_xpath_eval_expr(sock_, th_, "ospf-interface-l3[", &res, nullptr, "/internal"),
-            CONFD_ERR);
-  EXPECT_EQ(confd_errno, CONFD_ERR_XPATH);
-  EXPECT_EQ(res, nullptr);
+  struct Refused {
+    const char *expr;
+    const char *context;
+    int err;
+    const char *why;
+  };
+  const Refused refused[] = {
+      {"ospf-interface-l3[", "/internal", CONFD_ERR_XPATH, "cannot evaluate"},
+      {"count(ospf-interface-l3)", "/internal", CONFD_ERR_XPATH,
+       "cannot evaluate \"count(ospf-interface-l3)\": the result is not a node set"},
+      {"vname", "/internal/vrf-config/indexTOstring", CONFD_ERR_BADPATH,
+       "\"/internal/vrf-config/indexTOstring\": a list without keys or index is no context node"},
+  };
+  for (const Refused &r : refused) {
+    SCOPED_TRACE(r.expr);
+    char *res = nullptr;
+    EXPECT_EQ(maapi_xpath_eval_expr(sock_, th_, r.expr, &res, nullptr, "%s", r.context), CONFD_ERR);
+    EXPECT_EQ(confd_errno, r.err);
+    EXPECT_NE(std::string(confd_lasterr()).find(r.why), std::string::npos) << confd_lasterr();
+    EXPECT_EQ(res, nullptr);
+  }
 }
 
 TEST_F(StoreDiffTest, CdbSessionsReadTheRunningStore) {

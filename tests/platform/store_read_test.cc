@@ -3,7 +3,10 @@
 #include <arpa/inet.h>
 #include <ipapp_ns.h>
 
+#include <unistd.h>
+
 #include <cstring>
+#include <filesystem>
 
 #include "platform_fixture.h"
 
@@ -271,6 +274,36 @@ TEST_F(StoreReadTest, KeypathsCarryTagsAndTypedKeys) {
   EXPECT_EQ(kp.v[0][6].type, C_NOEXISTS);
 
   EXPECT_THROW(tx_->Keypath("/config/nosuch"), host::InputError);
+}
+
+TEST_F(StoreReadTest, EnumNamesComeFromTheLeafsOwnType) {
+  // Another schema in the process names value 1 differently.
+  namespace fs = std::filesystem;
+  fs::path dir = fs::temp_directory_path() / ("platform_test_enum_" + std::to_string(getpid()));
+  fs::create_directories(dir);
+  std::ofstream(dir / "enum-clash.yang")
+      << "module enum-clash { yang-version 1.1; namespace \"urn:ipapp:enum-clash\"; prefix ec;\n"
+         "  container clash { leaf kind { type enumeration { enum one { value 1; } } } } }\n";
+  std::shared_ptr<const host::Schema> other = host::Schema::Load(dir.string());
+  fs::remove_all(dir);
+  auto other_tx = host::Transaction::Create(
+      other, host::DataSource::Empty(),
+      host::DataSource::Xml("<clash xmlns=\"urn:ipapp:enum-clash\"><kind>one</kind></clash>"));
+  confd_trans_ctx *other_ctx = other_tx->Context("t");
+  int other_sock = kxconfd_maapi_socket_get(static_cast<kxconfd_t *>(other_ctx->vcb_opaque));
+
+  const std::string route =
+      "/QX-RTM-MIB/rtmStaticRtTable/rtmStaticRtEntry{0 ipv4 0a:00:00:00 8 ipv4 0a:00:00:01}";
+  EXPECT_EQ(Get(route + "/rtmStaticRtNextHopAddr"), "0a:00:00:01");
+  EXPECT_EQ(KeypathText(tx_->Keypath(route)), route);
+  EXPECT_EQ(tx_->Instances("/QX-RTM-MIB/rtmStaticRtTable/rtmStaticRtEntry"),
+            std::vector<std::string>{route});
+  // A bare value takes its name from the schema of the thread's last call.
+  EXPECT_EQ(Get(route + "/rtmStaticRtNetworkAddrType"), "ipv4");
+  confd_value_t v;
+  ASSERT_EQ(maapi_get_elem(other_sock, other_ctx->thandle, &v, "/clash/kind"), CONFD_OK);
+  EXPECT_EQ(Text(v), "one");
+  EXPECT_EQ(Get(route + "/rtmStaticRtNextHopAddrType"), "ipv4");
 }
 
 TEST(ConfdPpValueTest, PrintsEveryTypeAndReportsTheLengthItNeeded) {

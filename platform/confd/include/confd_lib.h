@@ -221,10 +221,17 @@ extern int confd_errno;
 /* Text of the last error of this thread (the path or value it concerns). */
 const char *confd_lasterr(void);
 
-/* Renders v as text; returns the length it needed, or CONFD_ERR. */
+/* Renders v as text; returns the length it needed, or CONFD_ERR. A bare
+ * C_ENUM_VALUE does not say which enumeration it belongs to: it prints as the
+ * name the schema of the transaction this thread last called into gives the
+ * value, when all enumerations of that schema agree on it, else as its
+ * number. Keys in keypaths and values read from the store print by their
+ * leaf's own type. */
 int confd_pp_value(char *buf, int bufsiz, const confd_value_t *v);
 
-/* Renders a keypath in path syntax; returns the length it needed. */
+/* Renders a keypath in path syntax; returns the length it needed. Keys print
+ * by the types of their leaves in the schema of the transaction this thread
+ * last called into. */
 int confd_pp_kpath(char *buf, int bufsiz, const confd_hkeypath_t *hkeypath);
 
 /*

@@ -79,13 +79,22 @@ void maapi_destroy_cursor(struct maapi_cursor *mc);
  */
 int maapi_get_objects(struct maapi_cursor *mc, confd_value_t *values, int n, int *nobj);
 
-/* Evaluates expr with the context node fmt; *res is the string value of the
- * result (malloc'ed, empty when nothing matches). */
+/* Evaluates expr in the new configuration with the context node fmt ("/" or
+ * "" for the root; a context that does not exist leaves the root as the
+ * context, so absolute expressions still see the whole configuration; a list
+ * without keys or index is no node and is refused with CONFD_ERR_BADPATH).
+ * *res is the string value of the first node selected (malloc'ed, empty when
+ * nothing matches). Only expressions that select nodes are supported: one
+ * whose result is a number, string or boolean (count(), string(),
+ * comparisons) is refused with CONFD_ERR_XPATH. */
 int maapi_xpath_eval_expr(int sock, int thandle, const char *expr, char **res,
                           void (*trace)(char *), const char *fmt, ...)
     __attribute__((format(printf, 6, 7)));
 
-/* Walks the changes of the transaction below fmt, parents first. */
+/* Walks the changes of the transaction below fmt, parents first. An [N] in
+ * fmt names the N-th entry of the new configuration (of the old one when the
+ * new one has fewer entries) in both; a path to a node that exists in
+ * neither configuration has no changes (CONFD_OK, iter never called). */
 int maapi_keypath_diff_iterate(int sock, int thandle,
                                enum maapi_iter_ret (*iter)(confd_hkeypath_t *kp,
                                                            enum maapi_iter_op op,

@@ -40,11 +40,22 @@ void FreeValue(const char *name, confd_value_t *v) {
   }
 }
 
+// The transaction this thread last worked on: printing without a leaf or
+// a transaction at hand takes its names from that transaction's schema.
+std::shared_ptr<ipapp::store::Txn> ThreadTxn() {
+  return ipapp::store::FindTxn(ipapp::store::CurrentTxn());
+}
+
 }  // namespace
 
 int confd_pp_value(char *buf, int bufsiz, const confd_value_t *v) {
   std::string text;
-  if (v == nullptr || !ipapp::store::FormatValue(*v, &text)) {
+  if (v != nullptr && v->type == C_ENUM_VALUE) {
+    std::shared_ptr<ipapp::store::Txn> txn = ThreadTxn();
+    const std::string *name = txn ? txn->schema().EnumName(v->val.enumvalue) : nullptr;
+    if (name != nullptr) return CopyOut(*name, buf, bufsiz);
+  }
+  if (v == nullptr || !ipapp::store::FormatValue(*v, nullptr, &text)) {
     CopyOut("", buf, bufsiz);
     ipapp::store::SetLastError(CONFD_ERR_BADTYPE,
                                std::string("confd_pp_value: no text form for a value of type ") +
@@ -56,8 +67,9 @@ int confd_pp_value(char *buf, int bufsiz, const confd_value_t *v) {
 
 int confd_pp_kpath(char *buf, int bufsiz, const confd_hkeypath_t *hkeypath) {
   std::string text;
+  std::shared_ptr<ipapp::store::Txn> txn = ThreadTxn();
   if (hkeypath == nullptr || hkeypath->len < 0 || hkeypath->len > MAXDEPTH ||
-      !ipapp::store::FormatKeypath(*hkeypath, &text)) {
+      !ipapp::store::FormatKeypath(txn ? &txn->schema() : nullptr, *hkeypath, &text)) {
     CopyOut("", buf, bufsiz);
     ipapp::store::SetLastError(CONFD_ERR_BADPATH,
                                "confd_pp_kpath: keypath with an unknown element or value");

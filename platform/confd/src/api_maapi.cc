@@ -244,33 +244,32 @@ int maapi_xpath_eval_expr(int sock, int thandle, const char *expr, char **res,
     return call.Fail(CONFD_ERR_PROTOUSAGE, "null expression or result pointer");
   }
   *res = nullptr;
-  std::string value;
-  if (!call.path().empty()) {
+  // The context node; null for the root, and for a context that does not
+  // exist (absolute expressions still see the whole configuration).
+  const lyd_node *context = nullptr;
+  if (call.path() != "/" && !call.path().empty()) {
     if (!call.Parse()) return CONFD_ERR;
+    const ipapp::store::PathElem &last = call.parsed().e[call.parsed().n - 1];
+    if (last.s->is_list() && last.sel == ipapp::store::PathElem::kNone) {
+      return call.Fail(CONFD_ERR_BADPATH, "a list without keys or index is no context node");
+    }
     Target t = Resolve(call.tree(), call.parsed());
-    if (t.node != nullptr) {
-      ly_set *set = nullptr;
-      LY_ERR err = lyd_find_xpath(t.node->ly, expr, &set);
-      if (err != LY_SUCCESS) {
-        const char *msg = ly_errmsg(call.txn().schema().ctx());
-        return call.Fail(CONFD_ERR_XPATH,
-                         std::string("cannot evaluate \"") + expr + "\": " + (msg ? msg : "error"));
+    if (t.node != nullptr) context = t.node->ly;
+  }
+  std::string value;
+  const lyd_node *tree = call.tree().ly_tree();
+  if (tree != nullptr) {
+    ly_set *set = nullptr;
+    if (lyd_find_xpath3(context, tree, expr, nullptr, &set) != LY_SUCCESS) {
+      const char *msg = ly_errmsg(call.txn().schema().ctx());
+      std::string why = msg ? msg : "error";
+      if (why.find("not a node set") != std::string::npos) {
+        why = "the result is not a node set (numbers, strings and booleans are not supported)";
       }
-      if (set->count > 0) StringValue(set->dnodes[0], &value);
-      ly_set_free(set, nullptr);
+      return call.Fail(CONFD_ERR_XPATH, std::string("cannot evaluate \"") + expr + "\": " + why);
     }
-  } else {
-    const lyd_node *tree = call.tree().ly_tree();
-    if (tree != nullptr) {
-      ly_set *set = nullptr;
-      if (lyd_find_xpath(tree, expr, &set) != LY_SUCCESS) {
-        const char *msg = ly_errmsg(call.txn().schema().ctx());
-        return call.Fail(CONFD_ERR_XPATH,
-                         std::string("cannot evaluate \"") + expr + "\": " + (msg ? msg : "error"));
-      }
-      if (set->count > 0) StringValue(set->dnodes[0], &value);
-      ly_set_free(set, nullptr);
-    }
+    if (set->count > 0) StringValue(set->dnodes[0], &value);
+    ly_set_free(set, nullptr);
   }
   *res = strdup(value.c_str());
   if (value.empty()) KeepEmptyResult(*res);

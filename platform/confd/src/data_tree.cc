@@ -4,9 +4,41 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "store.h"
 #include "values.h"
 
 namespace ipapp::store {
+namespace {
+
+// Keys of an entry as written in the data, "{k1 k2}".
+std::string WrittenKeys(const DNode &entry) {
+  std::string out = "{";
+  if (entry.s->is_list()) {
+    for (size_t i = 0; i < entry.s->keys.size(); ++i) {
+      if (i) out += ' ';
+      AppendQuotedKey(lyd_get_value(entry.Child(entry.s->keys[i])->ly), &out);
+    }
+  } else {
+    AppendQuotedKey(lyd_get_value(entry.ly), &out);
+  }
+  return out + "}";
+}
+
+// Message for two entries of one list with equal keys (first as written
+// first in the data).
+std::string Twice(const SchemaIndex &schema, const DNode &first, const DNode &second) {
+  KeypathBuilder kb;
+  confd_hkeypath_t kp;
+  std::string where;
+  if (KeypathOfNode(first, &kb)) {
+    kb.Fill(&kp);
+    FormatKeypath(&schema, kp, &where);
+  }
+  return "entry " + where + " is given twice: " + WrittenKeys(first) + " and " +
+         WrittenKeys(second) + " are the same key";
+}
+
+}  // namespace
 
 void AppendKeyText(std::string_view text, std::string *keystr) {
   if (!keystr->empty()) keystr->push_back('\0');
@@ -66,7 +98,7 @@ void DataTree::Build(DNode *parent, const lyd_node *first) {
           free(path);
           throw DataError("value \"" + std::string(canon) + "\" of " + where + ": " + error);
         } else {
-          FormatValue(node.value, &node.text);
+          FormatValue(node.value, &s->type, &node.text);
         }
         if (s->kind == NodeKind::kLeaf) {
           slot.node = &node;
@@ -101,13 +133,16 @@ void DataTree::Build(DNode *parent, const lyd_node *first) {
     }
   }
   for (ListInst *list : touched) {
-    if (list->s->is_list()) {
-      std::stable_sort(list->entries.begin(), list->entries.end(), EntryLess);
-    } else {
-      std::stable_sort(
-          list->entries.begin(), list->entries.end(),
-          [](const DNode *a, const DNode *b) { return CompareValues(a->value, b->value) < 0; });
-    }
+    bool (*less)(const DNode *, const DNode *) =
+        list->s->is_list() ? EntryLess : [](const DNode *a, const DNode *b) {
+          return CompareValues(a->value, b->value) < 0;
+        };
+    std::stable_sort(list->entries.begin(), list->entries.end(), less);
+    // libyang tells keys apart by their text, the store by their values:
+    // "2001:db8::1/64" and "2001:DB8::1/64" are one entry given twice.
+    auto twin = std::adjacent_find(list->entries.begin(), list->entries.end(),
+                                   [&](const DNode *a, const DNode *b) { return !less(a, b); });
+    if (twin != list->entries.end()) throw DataError(Twice(schema_, **twin, **(twin + 1)));
     list->by_key.reserve(list->entries.size());
     for (DNode *e : list->entries) list->by_key.emplace(e->keystr, e);
   }

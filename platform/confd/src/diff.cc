@@ -205,12 +205,18 @@ int maapi_keypath_diff_iterate(int sock, int thandle, IterFn iter, int flags, vo
   // The callback may make calls of its own: take everything from the
   // parsed path before the first one.
   ipapp::store::Txn &txn = call.txn();
-  ipapp::store::Target o = Resolve(txn.running(), call.parsed());
-  ipapp::store::Target n = Resolve(txn.candidate(), call.parsed());
+  // An [N] names one entry, compared in both trees: the candidate's N-th,
+  // else the running one's. One in neither tree has no changes, like any
+  // path to a node that exists in neither.
+  auto path = std::make_unique<ipapp::store::ParsedPath>(call.parsed());
+  if (!PinIndexes(txn.candidate(), txn.running(), path.get())) {
+    return call.Done(CONFD_OK, "0 changes");
+  }
+  ipapp::store::Target o = Resolve(txn.running(), *path);
+  ipapp::store::Target n = Resolve(txn.candidate(), *path);
   auto start = std::make_unique<KeypathBuilder>();
   std::string why;
-  if (!KeypathOfPath(txn, n.node || n.list ? txn.candidate() : txn.running(), call.parsed(),
-                     start.get(), &why)) {
+  if (!KeypathOfPath(txn, txn.candidate(), *path, start.get(), &why)) {
     return call.Fail(CONFD_ERR_BADPATH, why);
   }
   auto differ = std::make_unique<Differ>(iter, initstate, *start);

@@ -92,7 +92,7 @@ bool CanonicalKeys(PathElem *elem, std::string *error) {
       return false;
     }
     text.clear();
-    FormatValue(v, &text);
+    FormatValue(v, &type, &text);
     AppendKeyText(text, &elem->keystr);
   }
   return true;
@@ -244,6 +244,24 @@ Target Resolve(const DataTree &tree, const ParsedPath &path) {
   t.node = cur;
   t.present = present;
   return t;
+}
+
+bool PinIndexes(const DataTree &first, const DataTree &second, ParsedPath *path) {
+  const int n = path->n;
+  for (int i = 0; i < n; ++i) {
+    PathElem &elem = path->e[i];
+    if (elem.sel != PathElem::kIndex) continue;
+    path->n = i + 1;
+    const DNode *entry = Resolve(first, *path).node;
+    if (entry == nullptr) entry = Resolve(second, *path).node;
+    path->n = n;
+    if (entry == nullptr) return false;
+    elem.sel = PathElem::kKeys;
+    elem.nkeys = static_cast<int>(elem.s->keys.size());
+    for (int k = 0; k < elem.nkeys; ++k) elem.keys[k] = entry->Child(elem.s->keys[k])->text;
+    elem.keystr = entry->keystr;
+  }
+  return true;
 }
 
 void AppendQuotedKey(std::string_view text, std::string *out) {

@@ -52,6 +52,12 @@ struct Target {
 
 Target Resolve(const DataTree &tree, const ParsedPath &path);
 
+/// Turns every [N] of path into the keys of the entry it selects in first,
+/// or in second when first has no such entry, so that the path names one
+/// entry in both trees. The keys point into the trees. False when an [N]
+/// selects an entry in neither tree.
+bool PinIndexes(const DataTree &first, const DataTree &second, ParsedPath *path);
+
 /// Key text as the path syntax writes it: quoted when it holds a blank, a
 /// brace, a quote or a backslash, or is empty.
 void AppendQuotedKey(std::string_view text, std::string *out);

@@ -38,8 +38,6 @@ struct Registry {
   std::unordered_map<std::string, uint32_t> tag_by_name;
   std::unordered_map<uint32_t, std::string> name_by_tag;
   std::unordered_map<uint32_t, std::string> module_by_ns;
-  std::unordered_map<int32_t, std::string> enum_names;
-  std::unordered_map<int32_t, bool> enum_ambiguous;
 };
 
 Registry &Reg() {
@@ -52,13 +50,6 @@ bool IsFixedTag(uint32_t tag) {
     if (value == tag) return true;
   }
   return false;
-}
-
-void RegisterEnum(const std::string &name, int32_t value) {
-  Registry &reg = Reg();
-  std::lock_guard<std::mutex> lock(reg.mu);
-  auto [it, added] = reg.enum_names.emplace(value, name);
-  if (!added && it->second != name) reg.enum_ambiguous[value] = true;
 }
 
 std::string_view Bare(const char *name) {
@@ -179,7 +170,6 @@ LeafType MapType(const lysc_node *ly) {
       LY_ARRAY_COUNT_TYPE i;
       LY_ARRAY_FOR(en->enums, i) {
         out.enums.push_back({en->enums[i].name, en->enums[i].value});
-        RegisterEnum(en->enums[i].name, en->enums[i].value);
       }
       break;
     }
@@ -265,14 +255,6 @@ const std::string *NsModule(uint32_t ns) {
   return it == reg.module_by_ns.end() ? nullptr : &it->second;
 }
 
-const std::string *EnumName(int32_t value) {
-  Registry &reg = Reg();
-  std::lock_guard<std::mutex> lock(reg.mu);
-  if (reg.enum_ambiguous.count(value)) return nullptr;
-  auto it = reg.enum_names.find(value);
-  return it == reg.enum_names.end() ? nullptr : &it->second;
-}
-
 const SNode *SNode::Child(std::string_view child_name, std::string_view child_module,
                           bool *ambiguous) const {
   const SNode *found = nullptr;
@@ -292,6 +274,13 @@ const SNode *SNode::Child(std::string_view child_name, std::string_view child_mo
   return found;
 }
 
+const SNode *SNode::ChildByTag(uint32_t child_tag, uint32_t child_ns) const {
+  for (const SNode *c : children) {
+    if (c->tag == child_tag && c->ns == child_ns) return c;
+  }
+  return nullptr;
+}
+
 SchemaIndex::SchemaIndex(ly_ctx *ctx, const std::vector<const lys_module *> &modules) : ctx_(ctx) {
   nodes_.emplace_back();  // the root
   try {
@@ -306,6 +295,11 @@ SchemaIndex::SchemaIndex(ly_ctx *ctx, const std::vector<const lys_module *> &mod
 
 SchemaIndex::~SchemaIndex() {
   ly_ctx_destroy(ctx_);
+}
+
+const std::string *SchemaIndex::EnumName(int32_t value) const {
+  auto it = enum_names_.find(value);
+  return it == enum_names_.end() || it->second.empty() ? nullptr : &it->second;
 }
 
 const SNode *SchemaIndex::Find(const lysc_node *ly) const {
@@ -362,6 +356,10 @@ SNode *SchemaIndex::AddNode(SNode *parent, const lysc_node *ly) {
       node.is_key = lysc_is_key(ly);
       node.type = MapType(ly);
       break;
+  }
+  for (const EnumItem &e : node.type.enums) {
+    auto [it, added] = enum_names_.emplace(e.value, e.name);
+    if (!added && it->second != e.name) it->second.clear();
   }
   parent->children.push_back(&node);
   by_ly_.emplace(ly, &node);

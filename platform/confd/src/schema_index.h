@@ -52,6 +52,8 @@ struct SNode {
   /// Child by name; module empty matches any module. Sets *ambiguous when
   /// two modules' children share the name and no module was given.
   const SNode *Child(std::string_view name, std::string_view module, bool *ambiguous) const;
+  /// Child a keypath element names (its tag and namespace), or null.
+  const SNode *ChildByTag(uint32_t tag, uint32_t ns) const;
 };
 
 /// Owns the libyang context the index was built from.
@@ -70,6 +72,10 @@ class SchemaIndex {
   const SNode *Find(const lysc_node *ly) const;
   /// Schema path in keypath syntax: "/config/interface/ipapp:l3".
   static std::string PathOf(const SNode &s);
+  /// Name of an enumeration value when every enumeration of this schema
+  /// that defines the value agrees on its name; null otherwise. Only for
+  /// values whose leaf is unknown: a leaf's own type names its values.
+  const std::string *EnumName(int32_t value) const;
 
  private:
   void AddChildren(SNode *parent, const lysc_node *ly_parent, const lys_module *top_module);
@@ -78,6 +84,7 @@ class SchemaIndex {
   ly_ctx *ctx_;
   std::deque<SNode> nodes_;
   std::unordered_map<const lysc_node *, const SNode *> by_ly_;
+  std::unordered_map<int32_t, std::string> enum_names_;  ///< "" when names disagree
 };
 
 /// Tag number of an element name: the fixed numbers of the interface
@@ -89,8 +96,6 @@ const std::string *TagName(uint32_t tag);
 /// Namespace hash of a module (registered for NsModule()).
 uint32_t NsOf(std::string_view module, std::string_view uri);
 const std::string *NsModule(uint32_t ns);
-/// Name of an enumeration value when every loaded enumeration agrees on it.
-const std::string *EnumName(int32_t value);
 
 /// Routes libyang's messages into a per-thread buffer instead of stderr
 /// (idempotent, process-wide).

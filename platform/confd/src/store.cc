@@ -377,11 +377,13 @@ bool KeypathOfNode(const DNode &node, KeypathBuilder *kp) {
   return true;
 }
 
-bool FormatKeypath(const confd_hkeypath_t &kp, std::string *out) {
+bool FormatKeypath(const SchemaIndex *schema, const confd_hkeypath_t &kp, std::string *out) {
   uint32_t ns = 0;
+  const SNode *s = schema ? &schema->root() : nullptr;
   for (int i = kp.len - 1; i >= 0; --i) {
     const confd_value_t *e = kp.v[i];
     if (e[0].type == C_XMLTAG) {
+      if (s != nullptr) s = s->ChildByTag(e[0].val.xmltag.tag, e[0].val.xmltag.ns);
       const std::string *name = TagName(e[0].val.xmltag.tag);
       if (name == nullptr) return false;
       *out += '/';
@@ -395,8 +397,14 @@ bool FormatKeypath(const confd_hkeypath_t &kp, std::string *out) {
     }
     *out += '{';
     for (int k = 0; k < MAXKEYLEN && e[k].type != C_NOEXISTS; ++k) {
+      const LeafType *type = nullptr;
+      if (s != nullptr && s->is_list() && static_cast<size_t>(k) < s->keys.size()) {
+        type = &s->keys[k]->type;
+      } else if (s != nullptr && s->kind == NodeKind::kLeafList && k == 0) {
+        type = &s->type;
+      }
       std::string text;
-      if (!FormatValue(e[k], &text)) return false;
+      if (!FormatValue(e[k], type, &text)) return false;
       if (k) *out += ' ';
       AppendQuotedKey(text, out);
     }

@@ -50,7 +50,7 @@ struct Resources {
 struct CursorState {
   const ListInst *list = nullptr;  ///< null: an empty list
   const SNode *s = nullptr;
-  size_t next = 0;  ///< entry the next read hands out
+  size_t next = 0;       ///< entry the next read hands out
   char *path = nullptr;  ///< the caller's mc->path; freed here if never destroyed
 };
 
@@ -174,8 +174,10 @@ bool KeypathOfPath(Txn &txn, const DataTree &tree, const ParsedPath &path, Keypa
                    std::string *error);
 /// The keypath of a data node.
 bool KeypathOfNode(const DNode &node, KeypathBuilder *kp);
-/// confd_pp_kpath text of a keypath.
-bool FormatKeypath(const confd_hkeypath_t &kp, std::string *out);
+/// confd_pp_kpath text of a keypath. Keys print by the types of their
+/// leaves in schema (found through the keypath's tags); where schema is null
+/// or does not hold the element, enumeration keys print as numbers.
+bool FormatKeypath(const SchemaIndex *schema, const confd_hkeypath_t &kp, std::string *out);
 
 /// Sets confd_errno and this thread's confd_lasterr() text.
 void SetLastError(int err, std::string text);

@@ -216,7 +216,7 @@ bool ParseValue(const LeafType &type, std::string_view text, confd_value_t *v, s
   }
 }
 
-bool FormatValue(const confd_value_t &v, std::string *out) {
+bool FormatValue(const confd_value_t &v, const LeafType *type, std::string *out) {
   char buf[INET6_ADDRSTRLEN + 8];
   switch (v.type) {
     case C_BUF:
@@ -254,11 +254,17 @@ bool FormatValue(const confd_value_t &v, std::string *out) {
     case C_BOOL:
       *out += v.val.boolean ? "true" : "false";
       return true;
-    case C_ENUM_VALUE: {
-      const std::string *name = EnumName(v.val.enumvalue);
-      *out += name ? *name : std::to_string(v.val.enumvalue);
+    case C_ENUM_VALUE:
+      if (type != nullptr) {
+        for (const EnumItem &e : type->enums) {
+          if (e.value == v.val.enumvalue) {
+            *out += e.name;
+            return true;
+          }
+        }
+      }
+      *out += std::to_string(v.val.enumvalue);
       return true;
-    }
     case C_IPV4:
       inet_ntop(AF_INET, &v.val.ip, buf, sizeof buf);
       *out += buf;

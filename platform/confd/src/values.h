@@ -20,8 +20,10 @@ bool ParseValue(const LeafType &type, std::string_view text, confd_value_t *v, s
                 std::string *error);
 
 /// Appends the text form of v; false for a value without one (C_NOEXISTS,
-/// unsupported types), leaving out as it was.
-bool FormatValue(const confd_value_t &v, std::string *out);
+/// unsupported types), leaving out as it was. An enumeration value prints
+/// as the name type gives it, as its number when type is null or does not
+/// define it: names are never guessed from other leaves' enumerations.
+bool FormatValue(const confd_value_t &v, const LeafType *type, std::string *out);
 
 /// Orders two values of one type: numbers numerically, strings and binaries
 /// bytewise, addresses by their bytes and then the prefix length.

@@ -108,13 +108,13 @@ void SchemaImpl::Visit(const SNode &s, const lys_module *ext_module, const std::
 }
 
 // Instance of a data node in keypath syntax.
-std::string InstancePath(const DNode &node) {
+std::string InstancePath(const store::SchemaIndex &schema, const DNode &node) {
   store::KeypathBuilder kb;
   confd_hkeypath_t kp;
   std::string out;
   if (store::KeypathOfNode(node, &kb)) {
     kb.Fill(&kp);
-    store::FormatKeypath(kp, &out);
+    store::FormatKeypath(&schema, kp, &out);
   }
   return out;
 }
@@ -235,7 +235,7 @@ class TransactionImpl : public Transaction {
           // An empty non-presence container is no data.
           if (text.empty() && d->s->kind == NodeKind::kContainer) continue;
         }
-        out.emplace(InstancePath(*d), std::move(text));
+        out.emplace(InstancePath(txn_->schema(), *d), std::move(text));
       }
       return out;
     };
@@ -246,7 +246,9 @@ class TransactionImpl : public Transaction {
     store::ParsedPath parsed = Parse(schema_path);
     if (!parsed.last()->is_list()) throw InputError(schema_path, 0, "not a list");
     std::vector<std::string> out;
-    for (const DNode *d : Collect(txn_->candidate(), parsed)) out.push_back(InstancePath(*d));
+    for (const DNode *d : Collect(txn_->candidate(), parsed)) {
+      out.push_back(InstancePath(txn_->schema(), *d));
+    }
     return out;
   }
 
