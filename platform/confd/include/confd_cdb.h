@@ -13,26 +13,21 @@ extern "C" {
 #endif
 
 enum cdb_db_type {
-    CDB_RUNNING = 1,
-    CDB_STARTUP = 2,
-    CDB_OPERATIONAL = 3,
-    CDB_PRE_COMMIT_RUNNING = 4
+  CDB_RUNNING = 1,
+  CDB_STARTUP = 2,
+  CDB_OPERATIONAL = 3,
+  CDB_PRE_COMMIT_RUNNING = 4
 };
 typedef enum cdb_db_type cdb_db_type;
 
-enum cdb_sock_type {
-    CDB_READ_SOCKET = 0,
-    CDB_SUBSCRIPTION_SOCKET = 1,
-    CDB_DATA_SOCKET = 2
-};
+enum cdb_sock_type { CDB_READ_SOCKET = 0, CDB_SUBSCRIPTION_SOCKET = 1, CDB_DATA_SOCKET = 2 };
 
 int cdb_start_session(int sock, enum cdb_db_type db);
 int cdb_end_session(int sock);
 
 int cdb_num_instances(int sock, const char *fmt, ...) __attribute__((format(printf, 2, 3)));
 int cdb_exists(int sock, const char *fmt, ...) __attribute__((format(printf, 2, 3)));
-int cdb_get(int sock, confd_value_t *v, const char *fmt, ...)
-    __attribute__((format(printf, 3, 4)));
+int cdb_get(int sock, confd_value_t *v, const char *fmt, ...) __attribute__((format(printf, 3, 4)));
 int cdb_get_int32(int sock, int32_t *rval, const char *fmt, ...)
     __attribute__((format(printf, 3, 4)));
 int cdb_get_u_int32(int sock, u_int32_t *rval, const char *fmt, ...)

@@ -31,106 +31,106 @@ extern "C" {
 #define MAXKEYLEN 9 /* most keys of one list entry */
 
 enum confd_vtype {
-    C_NOEXISTS = 1,
-    C_XMLTAG = 2,
-    C_SYMBOL = 3,
-    C_STR = 4,
-    C_BUF = 5,
-    C_INT8 = 6,
-    C_INT16 = 7,
-    C_INT32 = 8,
-    C_INT64 = 9,
-    C_UINT8 = 10,
-    C_UINT16 = 11,
-    C_UINT32 = 12,
-    C_UINT64 = 13,
-    C_DOUBLE = 14,
-    C_IPV4 = 15,
-    C_IPV6 = 16,
-    C_BOOL = 17,
-    C_QNAME = 18,
-    C_DATETIME = 19,
-    C_DATE = 20,
-    C_TIME = 23,
-    C_DURATION = 27,
-    C_ENUM_VALUE = 28,
-    C_BIT32 = 29,
-    C_BIT64 = 30,
-    C_LIST = 31,
-    C_XMLBEGIN = 32,
-    C_XMLEND = 33,
-    C_OBJECTREF = 34,
-    C_UNION = 35,
-    C_PTR = 36,
-    C_CDBBEGIN = 37,
-    C_OID = 38,
-    C_BINARY = 39,
-    C_IPV4PREFIX = 40,
-    C_IPV6PREFIX = 41,
-    C_DEFAULT = 42,
-    C_DECIMAL64 = 43,
-    C_IDENTITYREF = 44,
-    C_XMLBEGINDEL = 45,
-    C_DQUAD = 46,
-    C_HEXSTR = 47,
-    C_IPV4_AND_PLEN = 48,
-    C_IPV6_AND_PLEN = 49,
-    C_MAXTYPE
+  C_NOEXISTS = 1,
+  C_XMLTAG = 2,
+  C_SYMBOL = 3,
+  C_STR = 4,
+  C_BUF = 5,
+  C_INT8 = 6,
+  C_INT16 = 7,
+  C_INT32 = 8,
+  C_INT64 = 9,
+  C_UINT8 = 10,
+  C_UINT16 = 11,
+  C_UINT32 = 12,
+  C_UINT64 = 13,
+  C_DOUBLE = 14,
+  C_IPV4 = 15,
+  C_IPV6 = 16,
+  C_BOOL = 17,
+  C_QNAME = 18,
+  C_DATETIME = 19,
+  C_DATE = 20,
+  C_TIME = 23,
+  C_DURATION = 27,
+  C_ENUM_VALUE = 28,
+  C_BIT32 = 29,
+  C_BIT64 = 30,
+  C_LIST = 31,
+  C_XMLBEGIN = 32,
+  C_XMLEND = 33,
+  C_OBJECTREF = 34,
+  C_UNION = 35,
+  C_PTR = 36,
+  C_CDBBEGIN = 37,
+  C_OID = 38,
+  C_BINARY = 39,
+  C_IPV4PREFIX = 40,
+  C_IPV6PREFIX = 41,
+  C_DEFAULT = 42,
+  C_DECIMAL64 = 43,
+  C_IDENTITYREF = 44,
+  C_XMLBEGINDEL = 45,
+  C_DQUAD = 46,
+  C_HEXSTR = 47,
+  C_IPV4_AND_PLEN = 48,
+  C_IPV6_AND_PLEN = 49,
+  C_MAXTYPE
 };
 
 struct xml_tag {
-    u_int32_t tag;
-    u_int32_t ns;
+  u_int32_t tag;
+  u_int32_t ns;
 };
 
 typedef struct confd_buf {
-    unsigned int size;
-    unsigned char *ptr;
+  unsigned int size;
+  unsigned char *ptr;
 } confd_buf_t;
 
 typedef struct confd_buf_const {
-    unsigned int size;
-    const unsigned char *ptr;
+  unsigned int size;
+  const unsigned char *ptr;
 } confd_buf_const_t;
 
 struct confd_ipv4_prefix {
-    struct in_addr ip;
-    u_int8_t len;
+  struct in_addr ip;
+  u_int8_t len;
 };
 
 struct confd_ipv6_prefix {
-    struct in6_addr ip6;
-    u_int8_t len;
+  struct in6_addr ip6;
+  u_int8_t len;
 };
 
 typedef struct confd_value {
-    enum confd_vtype type;
-    union {
-        struct xml_tag xmltag;
-        u_int32_t symbol;
-        confd_buf_t buf;
-        confd_buf_const_t c_buf;
-        char *s;
-        const char *c_s;
-        int8_t i8;
-        int16_t i16;
-        int32_t i32;
-        int64_t i64;
-        u_int8_t u8;
-        u_int16_t u16;
-        u_int32_t u32;
-        u_int64_t u64;
-        double d;
-        struct in_addr ip;
-        struct in6_addr ip6;
-        int boolean;
-        int32_t enumvalue;
-        u_int32_t b32;
-        u_int64_t b64;
-        struct confd_ipv4_prefix ipv4prefix;
-        struct confd_ipv6_prefix ipv6prefix;
-        void *ptr;
-    } val;
+  enum confd_vtype type;
+  union {
+    struct xml_tag xmltag;
+    u_int32_t symbol;
+    confd_buf_t buf;
+    confd_buf_const_t c_buf;
+    char *s;
+    const char *c_s;
+    int8_t i8;
+    int16_t i16;
+    int32_t i32;
+    int64_t i64;
+    u_int8_t u8;
+    u_int16_t u16;
+    u_int32_t u32;
+    u_int64_t u64;
+    double d;
+    struct in_addr ip;
+    struct in6_addr ip6;
+    int boolean;
+    int32_t enumvalue;
+    u_int32_t b32;
+    u_int64_t b64;
+    struct confd_ipv4_prefix ipv4prefix;
+    struct confd_ipv6_prefix ipv6prefix;
+    void *ptr;
+  } val;
 } confd_value_t;
 
 /* Accessors. */
@@ -161,14 +161,14 @@ typedef struct confd_value {
 /* Setters; the buffer setters do not copy. */
 #define CONFD_SET_NOEXISTS(v) ((v)->type = C_NOEXISTS)
 #define CONFD_SET_XMLTAG(v, t, n) \
-    ((v)->type = C_XMLTAG, (v)->val.xmltag.tag = (t), (v)->val.xmltag.ns = (n))
+  ((v)->type = C_XMLTAG, (v)->val.xmltag.tag = (t), (v)->val.xmltag.ns = (n))
 #define CONFD_SET_BUF(v, p, sz) \
-    ((v)->type = C_BUF, (v)->val.buf.ptr = (unsigned char *)(p), (v)->val.buf.size = (sz))
+  ((v)->type = C_BUF, (v)->val.buf.ptr = (unsigned char *)(p), (v)->val.buf.size = (sz))
 #define CONFD_SET_CBUF(v, p, sz) \
-    ((v)->type = C_BUF, (v)->val.c_buf.ptr = (const unsigned char *)(p), (v)->val.c_buf.size = (sz))
+  ((v)->type = C_BUF, (v)->val.c_buf.ptr = (const unsigned char *)(p), (v)->val.c_buf.size = (sz))
 #define CONFD_SET_STR(v, p) CONFD_SET_CBUF(v, p, strlen(p))
 #define CONFD_SET_BINARY(v, p, sz) \
-    ((v)->type = C_BINARY, (v)->val.buf.ptr = (unsigned char *)(p), (v)->val.buf.size = (sz))
+  ((v)->type = C_BINARY, (v)->val.buf.ptr = (unsigned char *)(p), (v)->val.buf.size = (sz))
 #define CONFD_SET_INT8(v, x) ((v)->type = C_INT8, (v)->val.i8 = (x))
 #define CONFD_SET_INT16(v, x) ((v)->type = C_INT16, (v)->val.i16 = (x))
 #define CONFD_SET_INT32(v, x) ((v)->type = C_INT32, (v)->val.i32 = (x))
@@ -191,8 +191,8 @@ typedef struct confd_value {
  * C_NOEXISTS).
  */
 typedef struct confd_hkeypath {
-    int len;
-    confd_value_t v[MAXDEPTH][MAXKEYLEN];
+  int len;
+  confd_value_t v[MAXDEPTH][MAXKEYLEN];
 } confd_hkeypath_t;
 
 struct confd_user_info;
@@ -200,19 +200,19 @@ struct confd_daemon_ctx;
 
 /* What a transaction callback (here: a validation callback) is handed. */
 struct confd_trans_ctx {
-    int fd;                      /* worker socket of the daemon */
-    int vfd;                     /* validation socket */
-    struct confd_daemon_ctx *dx; /* daemon context */
-    struct confd_user_info *uinfo;
-    int mode;
-    int dbname;
-    int thandle;                 /* transaction handle for MAAPI calls */
-    void *t_opaque;              /* private data of transaction callbacks */
-    void *vcb_opaque;            /* private data of the validation callback */
-    char *validate_opaque;       /* opaque string of the validation point */
-    int secondary_index;
-    int hide_inactive;
-    void *internal;              /* the data store's own bookkeeping */
+  int fd;                      /* worker socket of the daemon */
+  int vfd;                     /* validation socket */
+  struct confd_daemon_ctx *dx; /* daemon context */
+  struct confd_user_info *uinfo;
+  int mode;
+  int dbname;
+  int thandle;           /* transaction handle for MAAPI calls */
+  void *t_opaque;        /* private data of transaction callbacks */
+  void *vcb_opaque;      /* private data of the validation callback */
+  char *validate_opaque; /* opaque string of the validation point */
+  int secondary_index;
+  int hide_inactive;
+  void *internal; /* the data store's own bookkeeping */
 };
 
 /* Global state of the library. */

@@ -13,20 +13,15 @@ extern "C" {
 #endif
 
 enum maapi_iter_op {
-    MOP_CREATED = 1,
-    MOP_DELETED = 2,
-    MOP_MODIFIED = 3,
-    MOP_VALUE_SET = 4,
-    MOP_MOVED_AFTER = 5,
-    MOP_ATTR_SET = 6
+  MOP_CREATED = 1,
+  MOP_DELETED = 2,
+  MOP_MODIFIED = 3,
+  MOP_VALUE_SET = 4,
+  MOP_MOVED_AFTER = 5,
+  MOP_ATTR_SET = 6
 };
 
-enum maapi_iter_ret {
-    ITER_STOP = 1,
-    ITER_RECURSE = 2,
-    ITER_CONTINUE = 3,
-    ITER_UP = 4
-};
+enum maapi_iter_ret { ITER_STOP = 1, ITER_RECURSE = 2, ITER_CONTINUE = 3, ITER_UP = 4 };
 
 typedef enum maapi_iter_op confd_iter_op;
 typedef enum maapi_iter_ret confd_iter_ret;
@@ -34,18 +29,17 @@ typedef enum maapi_iter_ret confd_iter_ret;
 /* Iteration over a list. After maapi_get_next, n is the number of keys of
  * the current entry in keys[], or 0 when the list is exhausted. */
 struct maapi_cursor {
-    char *path;
-    int socket;
-    int thandle;
-    int n;
-    confd_value_t keys[MAXKEYLEN];
-    int prevterminated;
-    void *cursor_id; /* the data store's own state */
+  char *path;
+  int socket;
+  int thandle;
+  int n;
+  confd_value_t keys[MAXKEYLEN];
+  int prevterminated;
+  void *cursor_id; /* the data store's own state */
 };
 
 /* 1 when the node exists, 0 when not, CONFD_ERR on a bad path. */
-int maapi_exists(int sock, int thandle, const char *fmt, ...)
-    __attribute__((format(printf, 3, 4)));
+int maapi_exists(int sock, int thandle, const char *fmt, ...) __attribute__((format(printf, 3, 4)));
 
 /* Number of entries of a list, or CONFD_ERR. */
 int maapi_num_instances(int sock, int thandle, const char *fmt, ...)
@@ -95,13 +89,11 @@ int maapi_xpath_eval_expr(int sock, int thandle, const char *expr, char **res,
  * fmt names the N-th entry of the new configuration (of the old one when the
  * new one has fewer entries) in both; a path to a node that exists in
  * neither configuration has no changes (CONFD_OK, iter never called). */
-int maapi_keypath_diff_iterate(int sock, int thandle,
-                               enum maapi_iter_ret (*iter)(confd_hkeypath_t *kp,
-                                                           enum maapi_iter_op op,
-                                                           confd_value_t *oldv,
-                                                           confd_value_t *newv, void *state),
-                               int flags, void *initstate, const char *fmt, ...)
-    __attribute__((format(printf, 6, 7)));
+int maapi_keypath_diff_iterate(
+    int sock, int thandle,
+    enum maapi_iter_ret (*iter)(confd_hkeypath_t *kp, enum maapi_iter_op op, confd_value_t *oldv,
+                                confd_value_t *newv, void *state),
+    int flags, void *initstate, const char *fmt, ...) __attribute__((format(printf, 6, 7)));
 
 #ifdef __cplusplus
 }
