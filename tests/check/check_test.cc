@@ -8,11 +8,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cctype>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <regex>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -78,50 +76,32 @@ ToolResult Check(const std::string &candidate, std::vector<std::string> more = {
 
 // --- The examples, as the table of examples/README.md documents them -------
 
-struct ExampleRow {
-  std::string file, first_line;
-  std::vector<std::string> args;  // after the executable, paths made absolute
-};
-void PrintTo(const ExampleRow &row, std::ostream *os) {
-  *os << row.file;
-}
-
-std::vector<ExampleRow> ReadExampleTable() {
-  // | `file` | what it shows | `first line` | `command` |
-  static const std::regex row(R"(^\| `([^`]+)` \|.*\| `([^`]+)` \| `([^`]+)` \|$)");
-  std::vector<ExampleRow> rows;
+TEST(CheckExamples, GiveTheVerdictsTheirTableDocuments) {
   std::ifstream in(Example("README.md"));
+  int rows = 0;
   for (std::string line; std::getline(in, line);) {
-    std::smatch m;
-    if (!std::regex_match(line, m, row)) continue;
-    ExampleRow r{m[1], m[2], {}};
-    std::istringstream words(m[3].str());
+    if (line.rfind("| `", 0) != 0) continue;
+    // "", file, what it shows, first line, command; all but the third as code.
+    std::vector<std::string> cells;
+    std::istringstream row(line);
+    for (std::string cell; std::getline(row, cell, '|');) cells.push_back(cell);
+    ASSERT_EQ(cells.size(), 5u) << line;
+    auto code = [&](int i) { return cells[i].substr(2, cells[i].size() - 4); };  // " `x` "
+    SCOPED_TRACE(code(1));
+    ++rows;
+    std::vector<std::string> args;
+    std::istringstream words(code(4));
     std::string word;
     words >> word;  // the executable
     while (words >> word) {
-      r.args.push_back(word.rfind("examples/", 0) == 0 ? IPAPP_SOURCE_DIR "/" + word : word);
+      args.push_back(word.rfind("examples/", 0) == 0 ? IPAPP_SOURCE_DIR "/" + word : word);
     }
-    rows.push_back(std::move(r));
+    ToolResult r = RunTool(args);
+    EXPECT_EQ(r.FirstLine(), code(3)) << r.out << r.err;
+    EXPECT_EQ(r.status, code(3) == "accepted" ? 0 : 1) << r.err;
   }
-  return rows;
+  EXPECT_GT(rows, 20);
 }
-
-class ExampleTest : public ::testing::TestWithParam<ExampleRow> {};
-
-TEST_P(ExampleTest, GivesDocumentedVerdict) {
-  ToolResult r = RunTool(GetParam().args);
-  EXPECT_EQ(r.FirstLine(), GetParam().first_line) << r.out << r.err;
-  EXPECT_EQ(r.status, GetParam().first_line == "accepted" ? 0 : 1) << r.err;
-}
-
-INSTANTIATE_TEST_SUITE_P(Examples, ExampleTest, ::testing::ValuesIn(ReadExampleTable()),
-                         [](const ::testing::TestParamInfo<ExampleRow> &info) {
-                           std::string name = fs::path(info.param.file).stem().string();
-                           for (char &c : name) {
-                             if (!std::isalnum(static_cast<unsigned char>(c))) c = '_';
-                           }
-                           return name;
-                         });
 
 // --- Reports -----------------------------------------------------------------
 

@@ -18,45 +18,62 @@ class StoreReadTest : public StoreTest {
   void SetUp() override { Load(ExampleConfig()); }
 };
 
-TEST_F(StoreReadTest, ReadsEveryPathFormTheHandlersBuild) {
-  struct Case {
+TEST_F(StoreReadTest, ReadsEveryPathFormTheHandlersBuildWithItsConfdType) {
+  const struct {
     const char *path;
+    confd_vtype type;
     const char *text;
-  };
-  const Case cases[] = {
+  } cases[] = {
       // Interface lists, with and without module prefixes.
-      {"/config/interface/ipapp:l3{core1}/ipv4/address/ip", "10.0.0.1/24"},
-      {"/config/interface/l3{core1}/ipv4/address/ip", "10.0.0.1/24"},
-      {"/shellcfg:config/shellcfg:interface/ipapp:l3{core1}/ipapp:vrf", "red"},
-      {"/config/interface/ipapp:l3{core1}/ipv4/address/secondary{10.0.1.1/24}/ip", "10.0.1.1/24"},
-      {"/config/interface/ipapp:l3{core1}/ipv6/address{2001:db8::1/64}/ip", "2001:db8::1/64"},
-      {"/config/interface/ipapp:l3{ core1 }/lower-layer-if/vlan", "100"},
-      {"/config/interface/l3{\"core1\"}/vrf", "red"},
-      {"/config/interface/ipapp:loopback{0}/ipv4/address{1.1.1.1/32}/ip", "1.1.1.1/32"},
-      {"/config/interface/loopback{0}/ipv4/address[0]/ip", "1.1.1.1/32"},
-      {"/config/interface/ipapp:mgmt{0}/ipv4/address/ip", "192.168.1.10/24"},
-      {"/config/interface/ipapp:l3[0]/name", "core1"},
+      {"/config/interface/ipapp:l3{core1}/ipv4/address/ip", C_IPV4_AND_PLEN, "10.0.0.1/24"},
+      {"/config/interface/l3{core1}/ipv4/address/ip", C_IPV4_AND_PLEN, "10.0.0.1/24"},
+      {"/shellcfg:config/shellcfg:interface/ipapp:l3{core1}/ipapp:vrf", C_BUF, "red"},
+      {"/config/interface/ipapp:l3{core1}/ipv4/address/secondary{10.0.1.1/24}/ip", C_IPV4_AND_PLEN,
+       "10.0.1.1/24"},
+      {"/config/interface/ipapp:l3{core1}/ipv6/address{2001:db8::1/64}/ip", C_IPV6_AND_PLEN,
+       "2001:db8::1/64"},
+      {"/config/interface/ipapp:l3{ core1 }/lower-layer-if/vlan", C_INT32, "100"},
+      {"/config/interface/l3{\"core1\"}/vrf", C_BUF, "red"},
+      {"/config/interface/ipapp:loopback{0}/ipv4/address{1.1.1.1/32}/ip", C_IPV4_AND_PLEN,
+       "1.1.1.1/32"},
+      {"/config/interface/loopback{0}/ipv4/address[0]/ip", C_IPV4_AND_PLEN, "1.1.1.1/32"},
+      {"/config/interface/ipapp:mgmt{0}/ipv4/address/ip", C_IPV4_AND_PLEN, "192.168.1.10/24"},
+      {"/config/interface/ipapp:l3[0]/name", C_BUF, "core1"},
       // Internal tables.
-      {"/shellcfg-internal:internal/shellcfg-internal:vrf-config/indexTOstring{1}/vname", "red"},
-      {"/internal/ospf-interface-l3[0]/ospf-pm-if-name", "l3-core1"},
-      {"/internal/ospf-interface-l3{5 0.0.0.1 l3-core1}/area", "0.0.0.1"},
-      {"/internal/ospfv3-interface-l3{ 5 0.0.0.1 l3-core1 }/ospfv3-pm-if-index", "1100"},
-      {"/internal/int-ldp-intf-l3{l3-core1 l3-vlan 100 10.0.0.1/24}/vlan", "100"},
-      {"/internal/int-ldp-intf-lo{loopback-0 1.1.1.1/32}/address", "1.1.1.1/32"},
+      {"/shellcfg-internal:internal/shellcfg-internal:vrf-config/indexTOstring{1}/vname", C_BUF,
+       "red"},
+      {"/internal/ospf-interface-l3[0]/ospf-pm-if-name", C_BUF, "l3-core1"},
+      {"/internal/ospf-interface-l3{5 0.0.0.1 l3-core1}/area", C_IPV4, "0.0.0.1"},
+      {"/internal/ospfv3-interface-l3{ 5 0.0.0.1 l3-core1 }/ospfv3-pm-if-index", C_UINT32, "1100"},
+      {"/internal/int-ldp-intf-l3{l3-core1 l3-vlan 100 10.0.0.1/24}/vlan", C_BUF, "100"},
+      {"/internal/int-ldp-intf-lo{loopback-0 1.1.1.1/32}/address", C_BUF, "1.1.1.1/32"},
       // Routes.
       {"/QX-RTM-MIB/rtmStaticRtTable/rtmStaticRtEntry{0 ipv4 0a:00:00:00 8 ipv4 0a:00:00:01}/"
        "rtmStaticRtNextHopAddr",
-       "0a:00:00:01"},
+       C_BINARY, "0a:00:00:01"},
       {"/QX-RTM-MIB/rtmStaticRtTable/rtmStaticRtEntry{0 1 0A:00:00:00 8 ipv4 0a:00:00:01}/"
        "rtmStaticRtNetworkAddrType",
-       "ipv4"},
-      {"/rtmStaticRtEntry-global{ 0 0a:00:00:00 8 0a:00:00:01 }/interface-name", "l3-core1"},
+       C_ENUM_VALUE, "ipv4"},
+      {"/QX-RTM-MIB/rtmStaticRtTable/rtmStaticRtEntry[0]/rtmStaticRtNetworkPrefixLen", C_INT32,
+       "8"},
+      {"/rtmStaticRtEntry-global{ 0 0a:00:00:00 8 0a:00:00:01 }/interface-name", C_BUF, "l3-core1"},
   };
-  for (const Case &c : cases) {
+  for (const auto &c : cases) {
     SCOPED_TRACE(c.path);
-    EXPECT_EQ(Get(c.path), c.text);
+    confd_value_t v;
+    v.type = C_NOEXISTS;
+    ASSERT_EQ(maapi_get_elem(sock_, th_, &v, "%s", c.path), CONFD_OK) << confd_lasterr();
+    EXPECT_EQ(v.type, c.type);
+    EXPECT_EQ(Text(v), c.text);
+    confd_free_value(&v);
     EXPECT_EQ(maapi_exists(sock_, th_, "%s", c.path), 1);
   }
+  // Strings are duplicated and NUL-terminated.
+  confd_value_t v;
+  ASSERT_EQ(maapi_get_elem(sock_, th_, &v, "/config/interface/l3{core1}/vrf"), CONFD_OK);
+  EXPECT_STREQ(CONFD_GET_CBUFPTR(&v), "red");
+  EXPECT_EQ(CONFD_GET_BUFSIZE(&v), 3u);
+  confd_free_value(&v);
   EXPECT_TRUE(tx_->Open().empty());
 }
 
@@ -87,81 +104,12 @@ TEST_F(StoreReadTest, ExistenceOfEntriesListsAndContainers) {
   EXPECT_EQ(maapi_num_instances(sock_, th_, "/config/interface/mgmt{9}/ipv6/address"), 0);
 }
 
-TEST_F(StoreReadTest, TypeMapGivesConfdTypesAndTexts) {
-  struct Case {
-    const char *path;
-    confd_vtype type;
-    const char *text;
-  };
-  const Case cases[] = {
-      {"/config/interface/l3{core1}/vrf", C_BUF, "red"},
-      {"/config/interface/l3{core1}/lower-layer-if/vlan", C_INT32, "100"},
-      {"/internal/ospfv3-interface-l3{5 0.0.0.1 l3-core1}/ospfv3-pm-if-index", C_UINT32, "1100"},
-      {"/internal/ospf-interface-l3{5 0.0.0.1 l3-core1}/area", C_IPV4, "0.0.0.1"},
-      {"/config/interface/l3{core1}/ipv4/address/ip", C_IPV4_AND_PLEN, "10.0.0.1/24"},
-      {"/config/interface/l3{core1}/ipv6/address{2001:db8::1/64}/ip", C_IPV6_AND_PLEN,
-       "2001:db8::1/64"},
-      {"/QX-RTM-MIB/rtmStaticRtTable/rtmStaticRtEntry[0]/rtmStaticRtNetworkAddr", C_BINARY,
-       "0a:00:00:00"},
-      {"/QX-RTM-MIB/rtmStaticRtTable/rtmStaticRtEntry[0]/rtmStaticRtNextHopAddrType", C_ENUM_VALUE,
-       "ipv4"},
-      {"/QX-RTM-MIB/rtmStaticRtTable/rtmStaticRtEntry[0]/rtmStaticRtNetworkPrefixLen", C_INT32,
-       "8"},
-  };
-  for (const Case &c : cases) {
-    SCOPED_TRACE(c.path);
-    confd_value_t v;
-    v.type = C_NOEXISTS;
-    ASSERT_EQ(maapi_get_elem(sock_, th_, &v, "%s", c.path), CONFD_OK) << confd_lasterr();
-    EXPECT_EQ(v.type, c.type);
-    EXPECT_EQ(Text(v), c.text);
-    confd_free_value(&v);
-  }
-  // Strings are duplicated and NUL-terminated; binaries carry their bytes.
-  confd_value_t v;
-  ASSERT_EQ(maapi_get_elem(sock_, th_, &v, "/config/interface/l3{core1}/vrf"), CONFD_OK);
-  EXPECT_STREQ(CONFD_GET_CBUFPTR(&v), "red");
-  EXPECT_EQ(CONFD_GET_BUFSIZE(&v), 3u);
-  confd_free_value(&v);
-  ASSERT_EQ(
-      maapi_get_elem(sock_, th_, &v,
-                     "/QX-RTM-MIB/rtmStaticRtTable/rtmStaticRtEntry[0]/rtmStaticRtNextHopAddr"),
-      CONFD_OK);
-  ASSERT_EQ(CONFD_GET_BINARY_SIZE(&v), 4u);
-  EXPECT_EQ(std::memcmp(CONFD_GET_BINARY_PTR(&v), "\x0a\x00\x00\x01", 4), 0);
-  confd_free_value(&v);
-  ASSERT_EQ(
-      maapi_get_elem(sock_, th_, &v,
-                     "/QX-RTM-MIB/rtmStaticRtTable/rtmStaticRtEntry[0]/rtmStaticRtNetworkAddrType"),
-      CONFD_OK);
-  EXPECT_EQ(CONFD_GET_ENUM_VALUE(&v), 1);
-  EXPECT_TRUE(tx_->Open().empty());
-}
-
 TEST_F(StoreReadTest, TypedReadsMatchTheirType) {
   int32_t vlan = -7;
   EXPECT_EQ(maapi_get_int32_elem(sock_, th_, &vlan, "/config/interface/l3{%s}/lower-layer-if/vlan",
                                  "core1"),
             CONFD_OK);
   EXPECT_EQ(vlan, 100);
-  u_int32_t index = 7;
-  EXPECT_EQ(maapi_get_u_int32_elem(sock_, th_, &index, "%s{ %u %s %s }/ospfv3-pm-if-index",
-                                   "/internal/ospfv3-interface-l3", 5u, "0.0.0.1", "l3-core1"),
-            CONFD_OK);
-  EXPECT_EQ(index, 1100u);
-  confd_ipv4_prefix p4{};
-  EXPECT_EQ(
-      maapi_get_ipv4_and_plen_elem(sock_, th_, &p4, "/config/interface/l3{core1}/ipv4/address/ip"),
-      CONFD_OK);
-  EXPECT_EQ(ntohl(p4.ip.s_addr), 0x0A000001u);
-  EXPECT_EQ(p4.len, 24);
-  confd_ipv6_prefix p6{};
-  EXPECT_EQ(maapi_get_ipv6_and_plen_elem(sock_, th_, &p6,
-                                         "/config/interface/l3{core1}/ipv6/address[0]/ip"),
-            CONFD_OK);
-  EXPECT_EQ(p6.ip6.s6_addr[2], 0x0d);
-  EXPECT_EQ(p6.len, 64);
-
   // A wrong-typed read fails clearly and leaves the output alone.
   vlan = -7;
   EXPECT_EQ(maapi_get_int32_elem(sock_, th_, &vlan, "/config/interface/l3{core1}/vrf"), CONFD_ERR);
@@ -211,9 +159,7 @@ TEST_F(StoreReadTest, BadPathsFailWithTheirReason) {
   EXPECT_EQ(confd_errno, CONFD_ERR_NOEXISTS);
   EXPECT_EQ(Get("/config/interface/l3{core1}"),
             "<error> maapi_get_elem: \"/config/interface/l3{core1}\": not a leaf");
-}
-
-TEST_F(StoreReadTest, CallsOutsideTheTransactionFail) {
+  // Calls outside the transaction.
   EXPECT_EQ(maapi_exists(sock_ + 1000, th_, "/config"), CONFD_ERR);
   EXPECT_EQ(confd_errno, CONFD_ERR_NOSESSION);
   EXPECT_EQ(maapi_exists(sock_, th_ + 1000, "/config"), CONFD_ERR);
@@ -221,20 +167,13 @@ TEST_F(StoreReadTest, CallsOutsideTheTransactionFail) {
 }
 
 TEST_F(StoreReadTest, KeypathsCarryTagsAndTypedKeys) {
-  confd_hkeypath_t kp = tx_->Keypath("/config/interface/ipapp:l3");
-  ASSERT_EQ(kp.len, 3);
-  EXPECT_EQ(kp.v[0][0].type, C_XMLTAG);
-  EXPECT_EQ(CONFD_GET_XMLTAG(&kp.v[0][0]), static_cast<uint32_t>(ipapp_l3));
-  EXPECT_EQ(CONFD_GET_XMLTAG_NS(&kp.v[0][0]), static_cast<uint32_t>(ipapp__ns));
-  EXPECT_EQ(kp.v[0][1].type, C_NOEXISTS);
-
-  kp = tx_->Keypath("/config/interface/l3{core1}/ipv4/address/ip");
+  confd_hkeypath_t kp = tx_->Keypath("/config/interface/l3{core1}/ipv4/address/ip");
   ASSERT_EQ(kp.len, 7);
   EXPECT_EQ(CONFD_GET_XMLTAG(&kp.v[1][0]), static_cast<uint32_t>(ipapp_address));
-  EXPECT_EQ(kp.v[3][0].type, C_BUF);
   EXPECT_STREQ(CONFD_GET_CBUFPTR(&kp.v[3][0]), "core1");
   EXPECT_EQ(kp.v[3][1].type, C_NOEXISTS);
   EXPECT_EQ(CONFD_GET_XMLTAG(&kp.v[4][0]), static_cast<uint32_t>(ipapp_l3));
+  EXPECT_EQ(CONFD_GET_XMLTAG_NS(&kp.v[4][0]), static_cast<uint32_t>(ipapp__ns));
   EXPECT_EQ(KeypathText(kp), "/config/interface/ipapp:l3{core1}/ipv4/address/ip");
 
   // Tags belong to names: both "address" nodes share one; every other name
@@ -245,19 +184,17 @@ TEST_F(StoreReadTest, KeypathsCarryTagsAndTypedKeys) {
   };
   EXPECT_EQ(tag("/config/interface/loopback{0}/ipv4/address"),
             static_cast<uint32_t>(ipapp_address));
-  EXPECT_EQ(tag("/config/interface/l3{x}/lower-layer-if/vlan"), static_cast<uint32_t>(ipapp_vlan));
   EXPECT_EQ(tag("/config/interface/loopback{0}/ipv4"), tag("/config/interface/l3{x}/ipv4"));
   EXPECT_NE(tag("/config"), tag("/config/interface"));
   EXPECT_NE(tag("/internal/int-ldp-intf-l3{a b c d}/vlan"), 0u);
 
   // Printed keypaths are accepted back, typed keys included.
-  const char *round_trips[] = {
-      "/QX-RTM-MIB/rtmStaticRtTable/rtmStaticRtEntry{0 ipv4 0a:00:00:00 8 ipv4 0a:00:00:01}",
-      "/internal/ospf-interface-l3{5 0.0.0.1 \"l3 with blank\"}/ospf-pm-if-name",
-      "/internal/int-ldp-intf-lo{\"\" \"a\\\"b\"}",
-      "/shellcfg-internal:internal/vrf-config/indexTOstring{4294967295}",
-  };
-  for (const char *path : round_trips) {
+  for (const char *path : {
+           "/QX-RTM-MIB/rtmStaticRtTable/rtmStaticRtEntry{0 ipv4 0a:00:00:00 8 ipv4 0a:00:00:01}",
+           "/internal/ospf-interface-l3{5 0.0.0.1 \"l3 with blank\"}/ospf-pm-if-name",
+           "/internal/int-ldp-intf-lo{\"\" \"a\\\"b\"}",
+           "/shellcfg-internal:internal/vrf-config/indexTOstring{4294967295}",
+       }) {
     SCOPED_TRACE(path);
     std::string printed = KeypathText(tx_->Keypath(path));
     std::string expected = path;
@@ -308,39 +245,30 @@ TEST_F(StoreReadTest, EnumNamesComeFromTheLeafsOwnType) {
 
 TEST(ConfdPpValueTest, PrintsEveryTypeAndReportsTheLengthItNeeded) {
   confd_value_t v;
-  struct Case {
-    confd_value_t v;
-    const char *text;
-  };
-  std::vector<Case> cases;
   CONFD_SET_INT8(&v, -8);
-  cases.push_back({v, "-8"});
+  EXPECT_EQ(Text(v), "-8");
   CONFD_SET_INT64(&v, -9000000000LL);
-  cases.push_back({v, "-9000000000"});
+  EXPECT_EQ(Text(v), "-9000000000");
   CONFD_SET_UINT64(&v, 18446744073709551615ULL);
-  cases.push_back({v, "18446744073709551615"});
+  EXPECT_EQ(Text(v), "18446744073709551615");
   CONFD_SET_UINT16(&v, 65535);
-  cases.push_back({v, "65535"});
+  EXPECT_EQ(Text(v), "65535");
   CONFD_SET_BOOL(&v, 1);
-  cases.push_back({v, "true"});
+  EXPECT_EQ(Text(v), "true");
   struct in6_addr a6;
   inet_pton(AF_INET6, "2001:0db8:0:0:0:0:0:1", &a6);
   CONFD_SET_IPV6(&v, a6);
-  cases.push_back({v, "2001:db8::1"});
+  EXPECT_EQ(Text(v), "2001:db8::1");
   struct confd_ipv4_prefix p4;
   inet_pton(AF_INET, "10.1.1.1", &p4.ip);
   p4.len = 31;
   CONFD_SET_IPV4_AND_PLEN(&v, p4);
-  cases.push_back({v, "10.1.1.1/31"});
+  EXPECT_EQ(Text(v), "10.1.1.1/31");
   static const unsigned char bytes[] = {0x05};
   CONFD_SET_BINARY(&v, bytes, 1);
-  cases.push_back({v, "05"});
+  EXPECT_EQ(Text(v), "05");
   CONFD_SET_BUF(&v, "a b", 3);
-  cases.push_back({v, "a b"});
-  for (const Case &c : cases) {
-    SCOPED_TRACE(c.text);
-    EXPECT_EQ(Text(c.v), c.text);
-  }
+  EXPECT_EQ(Text(v), "a b");
   char small[4];
   CONFD_SET_STR(&v, "abcdef");
   EXPECT_EQ(confd_pp_value(small, sizeof small, &v), 6);

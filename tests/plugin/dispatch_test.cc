@@ -23,7 +23,7 @@ class DispatchTest : public PluginTest {
  protected:
   void SetUp() override {
     // Refused by the IPv4 address handler only.
-    tx_ = ipapp::test::MakeTransaction("", Interfaces(L3("a", V4("10.0.0.0/24"))));
+    tx_ = MakeTransaction("", Interfaces(L3("a", V4("10.0.0.0/24"))));
   }
 };
 
@@ -40,7 +40,7 @@ TEST_F(DispatchTest, NamesArePrefixMatched) {
   }
   for (const char *unknown : {"ipv4_addr", "", "no_such_validation"}) {
     SCOPED_TRACE(std::string("'") + unknown + "'");
-    ipapp::test::Outcome out = Rerun(unknown, kL3Path);
+    Outcome out = Rerun(unknown, kL3Path);
     EXPECT_EQ(out.result, -1);
     EXPECT_EQ(out.error, "");
   }

@@ -82,8 +82,8 @@ TEST_F(VrfTest, OnlyAWholeListGetsTheVrfChecks) {
   for (const auto &c : cases) {
     SCOPED_TRACE("len " + std::to_string(c.len) + " tag " + std::to_string(c.tag) + " " + c.addr);
     const std::string internal = Internal(Ospf("l3-a"));
-    tx_ = ipapp::test::MakeTransaction(A(Vlan(100), c.addr) + internal,
-                                       A(Vlan(100) + Vrf("red"), c.addr) + internal);
+    tx_ = MakeTransaction(A(Vlan(100), c.addr) + internal,
+                          A(Vlan(100) + Vrf("red"), c.addr) + internal);
     confd_hkeypath_t kp{};
     kp.len = c.len;
     for (int i = 0; i < c.len; ++i) {

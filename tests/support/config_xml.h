@@ -1,29 +1,17 @@
-// Shared by the plug-in tests: builders for configuration snippets (so a
-// test reads like the configuration an operator writes) and a fixture that
-// runs callbacks through validate() the way the host does, checking that
-// no handler leaves anything open.
-#ifndef IPAPP_TESTS_PLUGIN_TEST_H
-#define IPAPP_TESTS_PLUGIN_TEST_H
+// Builders for configuration snippets, so that a test reads like the
+// configuration an operator writes. Interface names inside /internal are in
+// stored form ("l3-core1").
+#ifndef IPAPP_TESTS_CONFIG_XML_H
+#define IPAPP_TESTS_CONFIG_XML_H
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 
 #include <cstdio>
 #include <initializer_list>
-#include <memory>
 #include <string>
-#include <vector>
 
-#include "host_fixture.h"
-#include "ip_app_validation.h"
-
-namespace plugin_test {
-
-constexpr char kL3Path[] = "/config/interface/ipapp:l3";
-constexpr char kLoPath[] = "/config/interface/ipapp:loopback";
-constexpr char kMgmtPath[] = "/config/interface/ipapp:mgmt";
-constexpr char kRoutePath[] = "/QX-RTM-MIB/rtmStaticRtTable/rtmStaticRtEntry";
-constexpr char kLdpPath[] = "/internal/int-ldp-intf-l3";
+namespace ipapp::test {
 
 inline std::string E(const std::string &tag, const std::string &body) {
   return "<" + tag + ">" + body + "</" + tag + ">";
@@ -72,17 +60,20 @@ inline std::string Vrf(const std::string &vrf) {
   return E("vrf", vrf);
 }
 
-// /internal; interface names in stored form ("l3-core1").
+// /internal
 inline std::string Internal(const std::string &body) {
   return "<internal xmlns=\"urn:ipapp:shellcfg-internal\">" + body + "</internal>";
 }
 inline std::string VrfName(int index, const std::string &name) {
   return E("vrf-config", E("indexTOstring", E("index", std::to_string(index)) + E("vname", name)));
 }
-// table "ospf" or "ospfv3".
-inline std::string Ospf(const std::string &if_name, const std::string &table = "ospf") {
-  return E(table + "-interface-l3", E("instance", "1") + E("area", "0.0.0.0") +
-                                        E("if-name", if_name) + E(table + "-pm-if-name", if_name));
+// table "ospf" or "ospfv3"; extra: further leaves of the row.
+inline std::string Ospf(const std::string &if_name, const std::string &table = "ospf",
+                        int instance = 1, const std::string &area = "0.0.0.0",
+                        const std::string &extra = "") {
+  return E(table + "-interface-l3", E("instance", std::to_string(instance)) + E("area", area) +
+                                        E("if-name", if_name) + E(table + "-pm-if-name", if_name) +
+                                        extra);
 }
 inline std::string LdpL3(const std::string &if_name, int vlan, const std::string &addr) {
   return E("int-ldp-intf-l3", E("if-name", if_name) + E("lower-layer", "l3-vlan") +
@@ -125,47 +116,6 @@ inline std::string RouteIntf(const std::string &net, int plen, const std::string
          E("interface-name", intf) + "</rtmStaticRtEntry-global>";
 }
 
-// One callback and its verdict ("" for accepted).
-struct Case {
-  const char *what;
-  std::string candidate;
-  const char *path;
-  std::string error;
-  std::string running = "";
-};
+}  // namespace ipapp::test
 
-class PluginTest : public ::testing::Test {
- protected:
-  ipapp::test::Outcome Validate(const std::string &candidate, const std::string &opaque,
-                                const std::string &path, const std::string &running = "") {
-    tx_ = ipapp::test::MakeTransaction(running, candidate);
-    return Rerun(opaque, path);
-  }
-
-  // Another callback on the same transaction.
-  ipapp::test::Outcome Rerun(const std::string &opaque, const std::string &path) {
-    ipapp::test::Outcome out = ipapp::test::Run(*tx_, validate, opaque, path);
-    const ipapp::host::OpenResources open = tx_->Open();
-    EXPECT_TRUE(open.empty()) << opaque << " left open: " << open.cursors << " cursors, "
-                              << open.cdb_sessions << " sessions, " << open.dup_values << " values";
-    return out;
-  }
-
-  void Expect(const ipapp::test::Outcome &out, const std::string &error) {
-    EXPECT_EQ(out.result, error.empty() ? 0 : -1);
-    EXPECT_EQ(out.error, error);
-  }
-
-  void RunCases(const char *opaque, const std::vector<Case> &cases) {
-    for (const Case &c : cases) {
-      SCOPED_TRACE(c.what);
-      Expect(Validate(c.candidate, opaque, c.path, c.running), c.error);
-    }
-  }
-
-  std::unique_ptr<ipapp::host::Transaction> tx_;
-};
-
-}  // namespace plugin_test
-
-#endif  // IPAPP_TESTS_PLUGIN_TEST_H
+#endif  // IPAPP_TESTS_CONFIG_XML_H
