@@ -13,6 +13,7 @@
 #include "confd_assert.h"
 #include "ipapp_ns.h"
 #include "maapi_cursor_guard.h"
+#include "maapi_read.h"
 
 namespace ip_application {
 namespace config_valid {
@@ -32,13 +33,6 @@ constexpr int kKeyTextSize = 256;
 
 constexpr int32_t kFamilyIPv4 = 1;
 constexpr int32_t kFamilyIPv6 = 2;
-
-// Bytes of a C_BUF value up to its first NUL (never past its size).
-std::string BufText(const confd_value_t &v) {
-  const char *p = CONFD_GET_CBUFPTR(&v);
-  if (p == nullptr) return std::string();
-  return std::string(p, strnlen(p, CONFD_GET_BUFSIZE(&v)));
-}
 
 std::string PrintValue(const confd_value_t &v) {
   char buf[kKeyTextSize] = {0};
@@ -139,7 +133,7 @@ std::string GenericConfig::get_hex_from_bin(const confd_value_t &v) const {
 // ---------------------------------------------------------------------------
 // Leaf readers
 
-addrkit::IPv4AddrMask GenericConfig::get_ipv4_addr_mask(const std::string &path) const {
+addrkit::IPv4AddrMask ReadIpv4AddrMask(int sock, confd_trans_ctx *tctx, const std::string &path) {
   addrkit::IPv4AddrMask mask;
   struct confd_ipv4_prefix prefix = {};
   if (maapi_exists(sock, tctx->thandle, "%s", path.c_str()) == 1 &&
@@ -148,6 +142,10 @@ addrkit::IPv4AddrMask GenericConfig::get_ipv4_addr_mask(const std::string &path)
     mask.set_prefix_len(prefix.len);
   }
   return mask;
+}
+
+addrkit::IPv4AddrMask GenericConfig::get_ipv4_addr_mask(const std::string &path) const {
+  return ReadIpv4AddrMask(sock, tctx, path);
 }
 
 addrkit::IPv6AddrMask GenericConfig::get_ipv6_addr_mask(const std::string &path) const {
@@ -188,18 +186,25 @@ std::string GenericConfig::get_vrf_name(const std::string &path) const {
 // ---------------------------------------------------------------------------
 // List readers
 
-std::list<std::string> GenericConfig::get_key_list(const std::string &path) const {
+std::list<std::string> ReadFirstKeys(int sock, confd_trans_ctx *tctx, const std::string &path,
+                                     size_t key_text_size) {
   std::list<std::string> keys;
   if (maapi_exists(sock, tctx->thandle, "%s", path.c_str()) != 1) return keys;
   struct maapi_cursor cursor = {};
   maapi_init_cursor(sock, tctx->thandle, &cursor, "%s", path.c_str());
   MaapiCursorGuard guard(&cursor);
+  std::string text(key_text_size, '\0');
   maapi_get_next(&cursor);
   while (cursor.n != 0) {
-    keys.push_back(PrintValue(cursor.keys[0]));
+    confd_pp_value(&text[0], static_cast<int>(key_text_size), &cursor.keys[0]);
+    keys.push_back(text.c_str());
     maapi_get_next(&cursor);
   }
   return keys;
+}
+
+std::list<std::string> GenericConfig::get_key_list(const std::string &path) const {
+  return ReadFirstKeys(sock, tctx, path, kKeyTextSize);
 }
 
 std::list<std::vector<std::string>> GenericConfig::get_key_list(const std::string &path,

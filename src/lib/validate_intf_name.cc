@@ -9,6 +9,7 @@
 #include "confd_assert.h"
 #include "ip_app_validation.h"
 #include "maapi_cursor_guard.h"
+#include "maapi_read.h"
 
 namespace {
 
@@ -60,11 +61,8 @@ int validate_intf_l3_name(int32_t sock, confd_trans_ctx *tctx, confd_hkeypath_t 
   maapi_get_next(&cursor);
   while (cursor.n != 0) {
     ASSERT_CONFD_TYPE(&cursor.keys[0], C_BUF);
-    const char *key = CONFD_GET_CBUFPTR(&cursor.keys[0]);
     // The text up to its first NUL; the stated size only bounds the scan.
-    const std::string name =
-        key == nullptr ? std::string()
-                       : std::string(key, strnlen(key, CONFD_GET_BUFSIZE(&cursor.keys[0])));
+    const std::string name = ip_application::config_valid::BufText(cursor.keys[0]);
     const std::string text = CheckName(name);
     if (!text.empty()) {
       confd_trans_seterr(tctx, "%s", text.c_str());

@@ -15,12 +15,15 @@
 #include "config.h"
 #include "ip_app_validation.h"
 #include "ipapp_ns.h"
-#include "maapi_cursor_guard.h"
+#include "maapi_read.h"
 #include "validate_config.h"
 
+using ip_application::config_valid::BufText;
 using ip_application::config_valid::Config;
 using ip_application::config_valid::InterfaceType;
 using ip_application::config_valid::kInterfaceUnknown;
+using ip_application::config_valid::ReadFirstKeys;
+using ip_application::config_valid::ReadIpv4AddrMask;
 using ip_application::config_valid::ValidateConfig;
 
 namespace {
@@ -41,12 +44,6 @@ bool InternalXpathMatches(int32_t sock, confd_trans_ctx *tctx, const char *forma
   if (result == nullptr || result[0] == '\0') return false;
   free(result);
   return true;
-}
-
-std::string BufText(const confd_value_t &v) {
-  const char *p = CONFD_GET_CBUFPTR(&v);
-  if (p == nullptr) return std::string();
-  return std::string(p, strnlen(p, CONFD_GET_BUFSIZE(&v)));
 }
 
 }  // namespace
@@ -70,31 +67,11 @@ int ValidateIntfVrf::RunValidation() {
 }
 
 std::list<std::string> ValidateIntfVrf::get_key_list(const std::string &path) const {
-  std::list<std::string> keys;
-  if (maapi_exists(sock_, tctx_->thandle, "%s", path.c_str()) != 1) return keys;
-  struct maapi_cursor cursor = {};
-  maapi_init_cursor(sock_, tctx_->thandle, &cursor, "%s", path.c_str());
-  MaapiCursorGuard guard(&cursor);
-  maapi_get_next(&cursor);
-  while (cursor.n != 0) {
-    char buf[kKeyTextSize] = {0};
-    confd_pp_value(buf, sizeof buf, &cursor.keys[0]);
-    keys.push_back(buf);
-    maapi_get_next(&cursor);
-  }
-  return keys;
+  return ReadFirstKeys(sock_, tctx_, path, kKeyTextSize);
 }
 
 addrkit::IPv4AddrMask ValidateIntfVrf::get_ipv4_addr_mask(const std::string &path) const {
-  addrkit::IPv4AddrMask mask;
-  struct confd_ipv4_prefix prefix = {};
-  if (maapi_exists(sock_, tctx_->thandle, "%s", path.c_str()) == 1 &&
-      maapi_get_ipv4_and_plen_elem(sock_, tctx_->thandle, &prefix, "%s", path.c_str()) ==
-          CONFD_OK) {
-    mask.addr() = addrkit::IPv4Addr(prefix.ip);
-    mask.set_prefix_len(prefix.len);
-  }
-  return mask;
+  return ReadIpv4AddrMask(sock_, tctx_, path);
 }
 
 // ---------------------------------------------------------------------------
