@@ -67,6 +67,12 @@ TEST_F(CrossAddress, OspfAndLdpLsrIdProtectRunningAddresses) {
            Config(lo, ospf + kLdpLo)},
           {"ospf refuses, ldp accepts", Config(Intf("", 100) + lo, ospf + kLdpLo), kCore1, core1,
            running},
+          // The whole list's changes: the new entry sorts before the OSPF one.
+          {"interface added before it",
+           Config(Intf("10.0.9.1/24", 900, "access1") + l3 + lo, ospf + kLdpLo), kL3Path, "",
+           Config(l3 + lo, ospf + kLdpLo)},
+          {"its address changed, whole list", Config(Intf("10.1.1.2/24", 100) + lo, ospf), kL3Path,
+           core1, running},
       });
 }
 

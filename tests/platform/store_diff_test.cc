@@ -1,8 +1,11 @@
 // The transaction's changes (diff iteration), XPath in the candidate, CDB
 // reads of the running store, and what the host records about a call.
 
+#include <cstring>
 #include <functional>
+#include <initializer_list>
 #include <stdexcept>
+#include <string>
 #include <vector>
 
 #include "config_xml.h"
@@ -26,6 +29,11 @@ struct Recorder {
     std::string path = KeypathText(*kp);
     std::string line = std::string(names[op]) + " " + path;
     if (oldv || newv) line += " " + (oldv ? Text(*oldv) : "-") + "->" + (newv ? Text(*newv) : "-");
+    // Callbacks read fixed depths without looking at len: every element
+    // beyond the path must read as absent, or they read garbage.
+    for (int i = kp->len; i < MAXDEPTH; ++i) {
+      if (kp->v[i][0].type != C_NOEXISTS) line += " (v[" + std::to_string(i) + "] not absent)";
+    }
     self->changes.push_back(line);
     return self->policy ? self->policy(path, op) : ITER_RECURSE;
   }
@@ -59,6 +67,54 @@ TEST_F(StoreDiffTest, CreatedEntryIsFollowedByItsContents) {
   Load(Interfaces(kCore1), Interfaces(""));
   EXPECT_EQ(Diff("/config/interface/ipapp:l3"),
             (Lines{"DELETED /config/interface/ipapp:l3{core1}"}));
+}
+
+TEST_F(StoreDiffTest, EntriesOfBothTreesMergeInKeyOrder) {
+  auto l3s = [](std::initializer_list<const char *> names) {
+    std::string body;
+    for (const char *name : names) body += L3(name);
+    return Interfaces(body);
+  };
+  auto vrf_indexes = [](std::initializer_list<int> indexes) {
+    std::string rows;
+    for (int index : indexes) rows += E("indexTOstring", E("index", std::to_string(index)));
+    return Internal(E("vrf-config", rows));
+  };
+  const std::string l3 = "/config/interface/ipapp:l3";
+  const std::string vrf = "/internal/vrf-config/indexTOstring";
+  const struct {
+    const char *name;
+    std::string running, candidate, list;
+    Lines expected;  // unchanged entries are never reported
+  } cases[] = {
+      {"created before the others",
+       l3s({"core1", "core2"}),
+       l3s({"a", "core1", "core2"}),
+       l3,
+       {"CREATED " + l3 + "{a}"}},
+      {"created between", l3s({"a", "c"}), l3s({"a", "b", "c"}), l3, {"CREATED " + l3 + "{b}"}},
+      {"created after", l3s({"a", "b"}), l3s({"a", "b", "c"}), l3, {"CREATED " + l3 + "{c}"}},
+      {"deleted first",
+       l3s({"a", "core1", "core2"}),
+       l3s({"core1", "core2"}),
+       l3,
+       {"DELETED " + l3 + "{a}"}},
+      {"one replaces another",
+       l3s({"b", "c"}),
+       l3s({"a", "c"}),
+       l3,
+       {"CREATED " + l3 + "{a}", "DELETED " + l3 + "{b}"}},
+      {"numeric keys",
+       vrf_indexes({10, 100}),
+       vrf_indexes({9, 10, 100}),
+       vrf,
+       {"CREATED " + vrf + "{9}"}},
+  };
+  for (const auto &c : cases) {
+    SCOPED_TRACE(c.name);
+    Load(c.running, c.candidate);
+    EXPECT_EQ(Diff(c.list), c.expected);
+  }
 }
 
 TEST_F(StoreDiffTest, ChangedLeavesFollowTheirModifiedParents) {
@@ -180,10 +236,22 @@ TEST_F(StoreDiffTest, CdbSessionsReadTheRunningStore) {
     EXPECT_EQ(cdb_get_int32(cdb, &vlan, "/config/interface/l3{%s}/lower-layer-if/vlan", "core1"),
               CONFD_OK);
     EXPECT_EQ(vlan, 100);
-    // Typed reads are exercised by the handlers; here their failures.
-    char name[4];
-    EXPECT_EQ(cdb_get_str(cdb, name, sizeof name, "/internal/ospf-interface-l3[0]/ospf-pm-if-name"),
-              CONFD_ERR);
+    // Typed reads are exercised by the handlers; here their failures, and
+    // the terminating NUL that must fit the caller's buffer too.
+    const struct {
+      int size, result;
+    } reads[] = {{4, CONFD_ERR}, {8, CONFD_ERR}, {9, CONFD_OK}};  // "l3-core1" has 8 bytes
+    for (const auto &[size, result] : reads) {
+      SCOPED_TRACE(size);
+      char name[16];
+      std::memset(name, '#', sizeof name);
+      EXPECT_EQ(cdb_get_str(cdb, name, size, "/internal/ospf-interface-l3[0]/ospf-pm-if-name"),
+                result);
+      EXPECT_EQ(std::string(name + size, sizeof name - size), std::string(sizeof name - size, '#'));
+      if (result == CONFD_OK) {
+        EXPECT_STREQ(name, "l3-core1");
+      }
+    }
     EXPECT_EQ(cdb_exists(cdb, "/config/interface/l3{core9}"), 0);
     confd_value_t v;
     ASSERT_EQ(cdb_get(cdb, &v, "/config/interface/l3{core1}/vrf"), CONFD_OK);

@@ -88,40 +88,49 @@ TEST_F(StoreListTest, CursorOnAnEmptyOrMissingListEndsAtOnce) {
 }
 
 TEST_F(StoreListTest, GetObjectsReadsBatchesUntilTheListIsExhausted) {
-  Load(OspfTable(40));
-  std::vector<std::string> expected = CursorKeys("/internal/ospf-interface-l3");
-  ASSERT_EQ(expected.size(), 40u);
+  const struct {
+    int entries;
+    std::vector<int> batches;
+  } cases[] = {
+      {40, {32, 8}},
+      {33, {32, 1}},  // the last entry alone in a batch of its own
+      {32, {32}},     // exactly one batch's worth: the first call reports the end
+  };
+  for (const auto &c : cases) {
+    SCOPED_TRACE(c.entries);
+    Load(OspfTable(c.entries));
+    const std::vector<std::string> expected = CursorKeys("/internal/ospf-interface-l3");
+    ASSERT_EQ(expected.size(), static_cast<size_t>(c.entries));
 
+    maapi_cursor mc;
+    ASSERT_EQ(maapi_init_cursor(sock_, th_, &mc, "/internal/ospf-interface-l3"), CONFD_OK);
+    std::vector<int> batches;
+    std::vector<std::string> instances, pm_names;
+    confd_value_t values[32 * 4];
+    do {
+      int n = 32;
+      ASSERT_EQ(maapi_get_objects(&mc, values, 4, &n), CONFD_OK);
+      batches.push_back(n);
+      for (confd_value_t *obj = values; obj < values + n * 4; obj += 4) {
+        instances.push_back(Text(obj[0]));
+        pm_names.push_back(obj[3].type == C_NOEXISTS ? "-" : Text(obj[3]));
+        for (int j = 0; j < 4; ++j) confd_free_value(&obj[j]);
+      }
+    } while (mc.n != 0);
+    maapi_destroy_cursor(&mc);
+    EXPECT_EQ(batches, c.batches);
+    EXPECT_EQ(instances, expected);
+    // Values in schema order, keys first; an absent leaf is C_NOEXISTS.
+    EXPECT_EQ(pm_names[0] + " " + pm_names[1], "l3-if0 -");
+    EXPECT_TRUE(tx_->Open().empty());
+  }
+  // uint32 keys are not duplicated.
   maapi_cursor mc;
   ASSERT_EQ(maapi_init_cursor(sock_, th_, &mc, "/internal/ospf-interface-l3"), CONFD_OK);
-  std::vector<int> batches;
-  std::vector<std::string> instances, pm_names;
-  confd_value_t values[32 * 4];
-  do {
-    int n = 32;
-    ASSERT_EQ(maapi_get_objects(&mc, values, 4, &n), CONFD_OK);
-    batches.push_back(n);
-    for (confd_value_t *obj = values; obj < values + n * 4; obj += 4) {
-      instances.push_back(Text(obj[0]));
-      pm_names.push_back(obj[3].type == C_NOEXISTS ? "-" : Text(obj[3]));
-      for (int j = 0; j < 4; ++j) confd_free_value(&obj[j]);
-    }
-  } while (mc.n != 0);
-  maapi_destroy_cursor(&mc);
-  EXPECT_EQ(batches, (std::vector<int>{32, 8}));
-  EXPECT_EQ(instances, expected);
-  // Values in schema order, keys first; an absent leaf is C_NOEXISTS.
-  EXPECT_EQ(pm_names[0] + " " + pm_names[1], "l3-if0 -");
-  EXPECT_TRUE(tx_->Open().empty());
-
-  // Exactly one batch's worth: the first call reports the end.
-  Load(OspfTable(32));
-  ASSERT_EQ(maapi_init_cursor(sock_, th_, &mc, "/internal/ospf-interface-l3"), CONFD_OK);
+  confd_value_t keys[32];
   int n = 32;
-  ASSERT_EQ(maapi_get_objects(&mc, values, 1, &n), CONFD_OK);
-  EXPECT_EQ(n, 32);
-  EXPECT_EQ(mc.n, 0);
-  EXPECT_EQ(tx_->Open().dup_values, 0);  // uint32 keys are not duplicated
+  ASSERT_EQ(maapi_get_objects(&mc, keys, 1, &n), CONFD_OK);
+  EXPECT_EQ(tx_->Open().dup_values, 0);
   maapi_destroy_cursor(&mc);
 }
 

@@ -136,6 +136,8 @@ TEST_F(StoreReadTest, BadPathsFailWithTheirReason) {
       {"/config/interface{a}", "\"interface\" is not a list"},
       {"/config/interface/l3{core1}/vrf/x", "\"vrf\" is a leaf and has no children"},
       {"/config/interface/l3{core1}/", "empty element at offset 28"},
+      {"/config/interface/l3{core1}x/vrf", "'/' expected after the keys of \"l3\""},
+      {"/config/interface/l3[0]x/vrf", "'/' expected after the keys of \"l3\""},
       {"/internal/ospf-interface-l3{x 0.0.0.1 a}/ospf-pm-if-name",
        "key \"x\" of list \"ospf-interface-l3\" is not a valid uint32 (not a number)"},
       {"/internal/ospf-interface-l3{1 0.0.0.300 a}/ospf-pm-if-name",
