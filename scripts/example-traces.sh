@@ -10,7 +10,7 @@ build=${2:-build}
 mkdir -p "$out"
 for f in examples/*.xml examples/*.json; do
   name=$(basename "$f")
-  [ "$name" = running.xml ] && continue
+  case $name in running.xml | expected.json) continue ;; esac
   status=0
   "$build/tools/ipapp-check" --running examples/running.xml --candidate "$f" \
     --keep-going --trace --format json >"$out/$name.json" || status=$?
