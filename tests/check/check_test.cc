@@ -148,7 +148,7 @@ TEST(CheckExamples, KeepGoingGivesTheWholeOutcomeTheyState) {
 // --- Reports -----------------------------------------------------------------
 
 TEST(CheckReport, KeepGoingRunsPastTheRefusals) {
-  // Which refusals: the examples' stated outcomes.
+  // Which ones they are is stated in examples/expected.json.
   ToolResult r = Check(Example("several-faults.xml"), {"--keep-going", "--format", "json"});
   ASSERT_EQ(r.status, 1) << r.err;
   json doc = r.Json();
