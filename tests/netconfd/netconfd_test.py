@@ -1,0 +1,216 @@
+"""ipapp-netconfd end to end: an ncclient session commits the bundled example
+configurations through netconfd and gets the verdicts ipapp-check gives.
+
+Run with /usr/bin/python3 (Debian's ncclient). The paths come from the
+environment: IPAPP_NETCONFD_EXE, IPAPP_CHECK_EXE, IPAPP_FAKE_PLUGIN and
+IPAPP_SOURCE_DIR. Each test class runs one server of its own."""
+
+import os
+import subprocess
+import sys
+import unittest
+
+from lxml import etree
+from ncclient.operations import RPCError
+
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+from server import Server, config  # noqa: E402
+
+LAUNCHER = os.environ.get("IPAPP_NETCONFD_EXE", "")
+CHECK = os.environ.get("IPAPP_CHECK_EXE", "")
+FAKE_PLUGIN = os.environ.get("IPAPP_FAKE_PLUGIN", "")
+EXAMPLES = os.path.join(os.environ.get("IPAPP_SOURCE_DIR", ""), "examples")
+ELEMENT_NS_PREFIX = "urn:ipapp:"
+
+
+def example(name):
+    with open(os.path.join(EXAMPLES, name)) as f:
+        return f.read()
+
+
+def ipapp_check(candidate):
+    """ipapp-check's verdict on running.xml -> candidate: (first line,
+    {"validation": ..., "keypath": ...} of the refusal)."""
+    out = subprocess.run([CHECK, "--running", os.path.join(EXAMPLES, "running.xml"),
+                          "--candidate", os.path.join(EXAMPLES, candidate)],
+                         capture_output=True, text=True, timeout=60)
+    lines = out.stdout.splitlines()
+    details = {}
+    for line in lines[1:3]:
+        key, _, value = line.strip().partition(": ")
+        details[key] = value
+    return lines[0], details
+
+
+def element_leaves(data_xml):
+    """The element's configuration in a <data> or a file as a sorted list of
+    (path, text) leaves: two configurations are the same when these are."""
+    root = etree.fromstring(data_xml.encode() if isinstance(data_xml, str) else data_xml)
+    leaves = []
+
+    def walk(node, path):
+        children = [c for c in node if isinstance(c.tag, str)]
+        if not children:
+            leaves.append(("/".join(path), (node.text or "").strip()))
+        for child in children:
+            walk(child, path + [etree.QName(child).localname])
+
+    for top in root:
+        if isinstance(top.tag, str) and etree.QName(top).namespace.startswith(ELEMENT_NS_PREFIX):
+            walk(top, [etree.QName(top).localname])
+    return sorted(leaves)
+
+
+def file_leaves(name):
+    return element_leaves(f"<data>{example(name)}</data>")
+
+
+def replace_and_commit(session, xml_text):
+    session.edit_config(target="candidate", config=config(xml_text), default_operation="replace")
+    session.commit()
+
+
+class ServerTest(unittest.TestCase):
+    """One server for the class; stopping it must leave nothing running."""
+
+    plugin = None
+    env = None
+
+    @classmethod
+    def setUpClass(cls):
+        cls.server = Server(LAUNCHER, plugin=cls.plugin, env=cls.env)
+        try:
+            cls.session = cls.server.connect()
+        except BaseException:
+            cls.server.stop()
+            raise
+
+    @classmethod
+    def tearDownClass(cls):
+        try:
+            cls.session.close_session()
+        finally:
+            status = cls.server.stop()
+        if status != 0 or cls.server.leftovers:
+            raise AssertionError(f"ipapp-netconfd stopped with status {status}, "
+                                 f"leaving processes {cls.server.leftovers}")
+
+    def running(self):
+        return self.session.get_config(source="running").data_xml
+
+    def candidate(self):
+        return self.session.get_config(source="candidate").data_xml
+
+    def commit_error(self, xml_text):
+        """Edits the candidate to xml_text and commits; returns the RPCError
+        the commit must raise."""
+        self.session.edit_config(target="candidate", config=config(xml_text),
+                                 default_operation="replace")
+        with self.assertRaises(RPCError) as raised:
+            self.session.commit()
+        return raised.exception
+
+
+class VerdictTest(ServerTest):
+    """The plug-in's verdicts through NETCONF equal ipapp-check's."""
+
+    # At least one candidate per handler family, accepted ones among them.
+    CANDIDATES = [
+        "accept-new-interface.xml",      # accepted
+        "accept-zero-mgmt-address.xml",  # accepted with a fault
+        "name-too-long.xml",             # name
+        "too-many-l3.xml",               # name (count)
+        "network-address.xml",           # IPv4
+        "overlap-mgmt.xml",              # IPv4 across the global and mgmt VRFs
+        "overlap-ipv6.xml",              # IPv6
+        "next-hop-conflict.xml",         # routes
+        "lower-layer-removed.xml",       # routes
+        "ldp-secondary.xml",             # LDP
+        "lsr-id-deletion.xml",           # LDP, the text set last stands
+        "ospf-address-change.xml",       # OSPF cross
+        "ospfv3-vlan-change.xml",        # OSPFv3 cross
+        "vrf-ospf.xml",                  # VRF
+        "vrf-mpls.xml",                  # VRF
+    ]
+
+    @classmethod
+    def setUpClass(cls):
+        super().setUpClass()
+        replace_and_commit(cls.session, example("running.xml"))
+
+    def test_running_configuration_is_loaded(self):
+        self.assertEqual(element_leaves(self.running()), file_leaves("running.xml"))
+
+    def test_commits_get_the_verdict_of_ipapp_check(self):
+        for name in self.CANDIDATES:
+            with self.subTest(candidate=name):
+                first_line, details = ipapp_check(name)
+                before = self.running()
+                if first_line == "accepted":
+                    replace_and_commit(self.session, example(name))
+                    self.assertEqual(element_leaves(self.running()), file_leaves(name))
+                    replace_and_commit(self.session, example("running.xml"))
+                    continue
+                self.assertTrue(first_line.startswith("refused: "), first_line)
+                err = self.commit_error(example(name))
+                self.assertEqual(err.message, first_line[len("refused: "):])
+                self.assertEqual(err.tag, "operation-failed")
+                self.assertEqual(err.type, "application")
+                self.assertEqual(err.app_tag, details["validation"])
+                self.assertEqual(err.path, details["keypath"])
+                self.assertEqual(self.running(), before)
+                self.session.discard_changes()
+                self.assertEqual(element_leaves(self.candidate()), file_leaves("running.xml"))
+
+    def test_malformed_edit_gets_netconfds_own_error(self):
+        before = self.running()
+        bad_value = example("running.xml").replace("<vlan>100</vlan>", "<vlan>one hundred</vlan>")
+        unknown = example("running.xml").replace("<vlan>100</vlan>", "<vlan>100</vlan><mtu>9000</mtu>")
+        for name, text in [("bad value", bad_value), ("unknown element", unknown),
+                           ("not XML", "<config xmlns='urn:ipapp:shellcfg'><interface>")]:
+            with self.subTest(edit=name):
+                with self.assertRaises(Exception) as raised:
+                    self.session.edit_config(target="candidate", config=config(text),
+                                             default_operation="replace")
+                if isinstance(raised.exception, RPCError):
+                    self.assertNotEqual(raised.exception.tag, "operation-failed")
+                self.session.discard_changes()
+                self.assertEqual(self.running(), before)
+        # Still serving: a refused commit is refused, an accepted one commits.
+        err = self.commit_error(example("vrf-ospf.xml"))
+        self.assertEqual(err.message, "l3 core2 is configured in OSPF and cannot be associated "
+                                      "with a VRF")
+        self.session.discard_changes()
+        replace_and_commit(self.session, example("accept-new-interface.xml"))
+        replace_and_commit(self.session, example("running.xml"))
+
+
+class PluginFailureTest(ServerTest):
+    """An exception from the plug-in fails the commit, and the server goes on."""
+
+    plugin = FAKE_PLUGIN
+    env = {"IPAPP_FAKE_MODE": "throw"}
+
+    def test_exception_fails_the_commit_and_the_server_keeps_serving(self):
+        before = self.running()
+        for attempt in range(2):
+            with self.subTest(attempt=attempt):
+                err = self.commit_error(example("running.xml"))
+                self.assertEqual(err.tag, "operation-failed")
+                self.assertEqual(err.message,
+                                 "the validation plug-in failed in intf_l3_name_validation on "
+                                 f"{err.path}: fake failure in intf_l3_name_validation")
+                self.assertEqual(err.app_tag, "general-error")
+                self.assertEqual(self.running(), before)
+                self.session.discard_changes()
+
+    def test_second_server_on_a_taken_port_fails_to_start(self):
+        with self.assertRaises(Exception) as raised:
+            Server(LAUNCHER, plugin=FAKE_PLUGIN, port=self.server.port)
+        self.assertIn("cannot start", str(raised.exception))
+        # The first one still serves.
+        self.assertIsNotNone(self.running())
+
+
+if __name__ == "__main__":
+    unittest.main(verbosity=2)

@@ -1,0 +1,181 @@
+// Server instrumentation library of the module ipapp-netconfd: netconfd loads
+// it for --module=ipapp-netconfd (as libipapp-netconfd.so from its run path)
+// and calls y_ipapp_netconfd_init once at start-up. It loads the plug-in and
+// the element's modules named by the environment:
+//   IPAPP_NETCONFD_PLUGIN  the validation plug-in (libip_app_validation.so)
+//   IPAPP_NETCONFD_YANG    the directory of the element's YANG modules
+// and registers a commit-validate callback. netconfd makes that callback for
+// <commit> of the candidate only: <validate> and edits of a writable running
+// configuration are not checked.
+extern "C" {
+#include <agt.h>
+#include <agt_commit_validate.h>
+#include <agt_util.h>
+#include <cfg.h>
+#include <log.h>
+#include <ncxmod.h>
+#include <val.h>
+#include <val_util.h>
+#include <xml_wr.h>
+}
+
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <memory>
+#include <string>
+
+#include "commit_hook.h"
+
+namespace {
+
+using ipapp::netconfd::CommitHook;
+using ipapp::netconfd::Verdict;
+
+constexpr const char *kModule = "ipapp-netconfd";
+
+std::unique_ptr<CommitHook> g_hook;
+
+const xmlChar *X(const char *s) {
+  return reinterpret_cast<const xmlChar *>(s);
+}
+
+// Leaves out what netconfd filled in from the modules' defaults, so that the
+// store sees the configuration as the client wrote it.
+boolean NotByDefault(ncx_withdefaults_t, boolean, val_value_t *node) {
+  return val_set_by_default(node) ? FALSE : TRUE;
+}
+
+// The top-level data of root that belongs to the element's modules, as XML
+// text with a namespace on each top-level element. Throws std::runtime_error.
+std::string ElementData(val_value_t *root) {
+  char *buf = nullptr;
+  size_t len = 0;
+  FILE *out = open_memstream(&buf, &len);
+  if (out == nullptr) throw std::runtime_error("cannot allocate the configuration text");
+  status_t res = NO_ERR;
+  for (val_value_t *top = val_get_first_child(root); top != nullptr && res == NO_ERR;
+       top = val_get_next_child(top)) {
+    const xmlChar *module = val_get_mod_name(top);
+    if (module == nullptr) continue;
+    bool ours = false;
+    for (const std::string &name : g_hook->modules()) {
+      ours = ours || name == reinterpret_cast<const char *>(module);
+    }
+    if (!ours) continue;
+    res = xml_wr_check_open_file(out, top, nullptr, FALSE, FALSE, TRUE, 0, 0, NotByDefault);
+  }
+  fclose(out);
+  std::string text(buf, len);
+  free(buf);
+  if (res != NO_ERR) {
+    throw std::runtime_error(std::string("cannot write the configuration as XML: ") +
+                             get_error_string(res));
+  }
+  return text;
+}
+
+// The strings of the last <rpc-error>. netconfd keeps pointers to the
+// message and the app tag in its error record and writes them out only after
+// the callback has returned, so they must outlive the callback: they stay
+// until the next record replaces them (netconfd runs one RPC at a time).
+struct LastError {
+  std::string message;
+  std::string app_tag;
+  std::string path;
+};
+LastError g_last_error;
+
+// One <rpc-error>: error-type application, error-tag operation-failed.
+void RecordError(ses_cb_t *scb, xml_msg_hdr_t *msghdr, const std::string &message,
+                 const std::string &keypath, const std::string &app_tag) {
+  g_last_error = LastError{message, app_tag, keypath};
+  ncx_errinfo_t errinfo{};
+  // netconfd's type lacks const only: nothing writes through these.
+  errinfo.error_message = reinterpret_cast<xmlChar *>(g_last_error.message.data());
+  errinfo.error_app_tag =
+      app_tag.empty() ? nullptr : reinterpret_cast<xmlChar *>(g_last_error.app_tag.data());
+  void *path = keypath.empty() ? nullptr : g_last_error.path.data();
+  agt_record_error_errinfo(scb, msghdr, NCX_LAYER_CONTENT, ERR_NCX_OPERATION_FAILED, nullptr,
+                           NCX_NT_NONE, nullptr, path ? NCX_NT_STRING : NCX_NT_NONE, path,
+                           &errinfo);
+}
+
+status_t CheckCommit(ses_cb_t *scb, xml_msg_hdr_t *msghdr, val_value_t *candidate_root) {
+  Verdict verdict;
+  try {
+    cfg_template_t *running = cfg_get_config_id(NCX_CFGID_RUNNING);
+    if (running == nullptr || running->root == nullptr) {
+      throw std::runtime_error("netconfd has no running configuration");
+    }
+    verdict = g_hook->Check(ElementData(running->root), ElementData(candidate_root));
+  } catch (const std::exception &e) {
+    verdict = Verdict{};
+    verdict.message = std::string("the commit could not be checked: ") + e.what();
+  }
+
+  for (const std::string &fault : verdict.faults) {
+    log_warn("\n%s: fault recorded by the plug-in: %s", kModule, fault.c_str());
+  }
+  switch (verdict.kind) {
+    case Verdict::Kind::kAccepted:
+      return NO_ERR;
+    case Verdict::Kind::kRefused:
+      log_info("\n%s: commit refused by %s on %s: %s", kModule, verdict.validation.c_str(),
+               verdict.keypath.c_str(), verdict.message.c_str());
+      RecordError(scb, msghdr, verdict.message, verdict.keypath, verdict.validation);
+      return ERR_NCX_OPERATION_FAILED;
+    case Verdict::Kind::kFailed:
+      break;
+  }
+  log_error("\n%s: %s", kModule, verdict.message.c_str());
+  RecordError(scb, msghdr, verdict.message, verdict.keypath, "");
+  return ERR_NCX_OPERATION_FAILED;
+}
+
+const char *Env(const char *name) {
+  const char *value = std::getenv(name);
+  return value != nullptr && *value != '\0' ? value : nullptr;
+}
+
+}  // namespace
+
+extern "C" {
+
+// netconfd looks these three up by name: y_<module, '-' as '_'>_init, _init2
+// and _cleanup.
+__attribute__((visibility("default"))) status_t y_ipapp_netconfd_init(const xmlChar *modname,
+                                                                      const xmlChar *revision) {
+  ncx_module_t *mod = nullptr;
+  status_t res = ncxmod_load_module(modname, revision, &agt_get_profile()->agt_savedevQ, &mod);
+  if (res != NO_ERR) return res;
+
+  const char *plugin = Env("IPAPP_NETCONFD_PLUGIN");
+  const char *yang = Env("IPAPP_NETCONFD_YANG");
+  if (plugin == nullptr || yang == nullptr) {
+    log_error(
+        "\n%s: IPAPP_NETCONFD_PLUGIN and IPAPP_NETCONFD_YANG must name the plug-in and "
+        "the directory of the element's modules",
+        kModule);
+    return ERR_NCX_OPERATION_FAILED;
+  }
+  try {
+    g_hook = std::make_unique<CommitHook>(plugin, yang);
+  } catch (const std::exception &e) {
+    log_error("\n%s: %s", kModule, e.what());
+    return ERR_NCX_OPERATION_FAILED;
+  }
+  log_info("\n%s: plug-in %s loaded, modules from %s", kModule, plugin, yang);
+  return agt_commit_validate_register(X(kModule), CheckCommit);
+}
+
+__attribute__((visibility("default"))) status_t y_ipapp_netconfd_init2(void) {
+  return NO_ERR;
+}
+
+__attribute__((visibility("default"))) void y_ipapp_netconfd_cleanup(void) {
+  agt_commit_validate_unregister(X(kModule));
+  g_hook.reset();
+}
+
+}  // extern "C"
