@@ -14,7 +14,7 @@ from lxml import etree
 from ncclient.operations import RPCError
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from server import Server, config  # noqa: E402
+from server import NETCONF_NS, Server, config  # noqa: E402
 
 LAUNCHER = os.environ.get("IPAPP_NETCONFD_EXE", "")
 CHECK = os.environ.get("IPAPP_CHECK_EXE", "")
@@ -65,8 +65,41 @@ def file_leaves(name):
     return element_leaves(f"<data>{example(name)}</data>")
 
 
-def replace_and_commit(session, xml_text):
-    session.edit_config(target="candidate", config=config(xml_text), default_operation="replace")
+RTM_KEYS = ("fte-index", "network", "prefix-len", "next-hop")
+
+
+def _identity(element):
+    """What names a top-level node: its tag, and for an entry of the one
+    top-level list its keys."""
+    if etree.QName(element).localname != "rtmStaticRtEntry-global":
+        return (element.tag,)
+    return (element.tag,) + tuple(element.findtext(f"{{{etree.QName(element).namespace}}}{k}")
+                                  for k in RTM_KEYS)
+
+
+def change(before_text, after_text):
+    """The <edit-config> content that turns the configuration before_text
+    into after_text: each changed top-level node replaced, each one gone
+    deleted, the unchanged ones left out."""
+    before = [e for e in etree.fromstring(f"<d>{before_text}</d>") if isinstance(e.tag, str)]
+    after = [e for e in etree.fromstring(f"<d>{after_text}</d>") if isinstance(e.tag, str)]
+    kept = {etree.tostring(e, method="c14n") for e in before}
+    remaining = {_identity(e) for e in after}
+    edits = []
+    for e in before:
+        if _identity(e) not in remaining:
+            e.set(f"{{{NETCONF_NS}}}operation", "delete")
+            edits.append(e)
+    for e in after:
+        if etree.tostring(e, method="c14n") not in kept:
+            e.set(f"{{{NETCONF_NS}}}operation", "replace")
+            edits.append(e)
+    return "".join(etree.tostring(e).decode() for e in edits)
+
+
+def commit_change(session, before_name, after_name):
+    before = example(before_name) if before_name else ""
+    session.edit_config(target="candidate", config=config(change(before, example(after_name))))
     session.commit()
 
 
@@ -101,11 +134,11 @@ class ServerTest(unittest.TestCase):
     def candidate(self):
         return self.session.get_config(source="candidate").data_xml
 
-    def commit_error(self, xml_text):
-        """Edits the candidate to xml_text and commits; returns the RPCError
-        the commit must raise."""
-        self.session.edit_config(target="candidate", config=config(xml_text),
-                                 default_operation="replace")
+    def refused_commit(self, before_name, after_name):
+        """Edits the candidate from before_name to after_name and commits;
+        returns the RPCError the commit must raise."""
+        self.session.edit_config(
+            target="candidate", config=config(change(example(before_name), example(after_name))))
         with self.assertRaises(RPCError) as raised:
             self.session.commit()
         return raised.exception
@@ -133,10 +166,20 @@ class VerdictTest(ServerTest):
         "vrf-mpls.xml",                  # VRF
     ]
 
-    @classmethod
-    def setUpClass(cls):
-        super().setUpClass()
-        replace_and_commit(cls.session, example("running.xml"))
+    def setUp(self):
+        # Every test starts from the bundled running configuration, loaded
+        # from whatever the last one left.
+        self.session.discard_changes()
+        self.session.edit_config(target="candidate", default_operation="replace",
+                                 config=config(change(self.running_text(), example("running.xml"))))
+        self.session.commit()
+
+    def running_text(self):
+        """The element's part of the running configuration, as elements."""
+        data = etree.fromstring(self.running().encode())
+        return "".join(etree.tostring(e).decode() for e in data
+                       if isinstance(e.tag, str)
+                       and etree.QName(e).namespace.startswith(ELEMENT_NS_PREFIX))
 
     def test_running_configuration_is_loaded(self):
         self.assertEqual(element_leaves(self.running()), file_leaves("running.xml"))
@@ -147,12 +190,12 @@ class VerdictTest(ServerTest):
                 first_line, details = ipapp_check(name)
                 before = self.running()
                 if first_line == "accepted":
-                    replace_and_commit(self.session, example(name))
+                    commit_change(self.session, "running.xml", name)
                     self.assertEqual(element_leaves(self.running()), file_leaves(name))
-                    replace_and_commit(self.session, example("running.xml"))
+                    commit_change(self.session, name, "running.xml")
                     continue
                 self.assertTrue(first_line.startswith("refused: "), first_line)
-                err = self.commit_error(example(name))
+                err = self.refused_commit("running.xml", name)
                 self.assertEqual(err.message, first_line[len("refused: "):])
                 self.assertEqual(err.tag, "operation-failed")
                 self.assertEqual(err.type, "application")
@@ -164,25 +207,26 @@ class VerdictTest(ServerTest):
 
     def test_malformed_edit_gets_netconfds_own_error(self):
         before = self.running()
-        bad_value = example("running.xml").replace("<vlan>100</vlan>", "<vlan>one hundred</vlan>")
-        unknown = example("running.xml").replace("<vlan>100</vlan>", "<vlan>100</vlan><mtu>9000</mtu>")
-        for name, text in [("bad value", bad_value), ("unknown element", unknown),
-                           ("not XML", "<config xmlns='urn:ipapp:shellcfg'><interface>")]:
+        running = example("running.xml")
+        edits = {
+            "bad value": running.replace("<vlan>100</vlan>", "<vlan>one hundred</vlan>"),
+            "unknown element": running.replace("<vlan>100</vlan>", "<vlan>100</vlan><mtu>1</mtu>"),
+            "entry without its key": running.replace("<name>core1</name>", ""),
+        }
+        for name, text in edits.items():
             with self.subTest(edit=name):
-                with self.assertRaises(Exception) as raised:
+                with self.assertRaises(RPCError):
                     self.session.edit_config(target="candidate", config=config(text),
                                              default_operation="replace")
-                if isinstance(raised.exception, RPCError):
-                    self.assertNotEqual(raised.exception.tag, "operation-failed")
                 self.session.discard_changes()
                 self.assertEqual(self.running(), before)
         # Still serving: a refused commit is refused, an accepted one commits.
-        err = self.commit_error(example("vrf-ospf.xml"))
-        self.assertEqual(err.message, "l3 core2 is configured in OSPF and cannot be associated "
-                                      "with a VRF")
+        err = self.refused_commit("running.xml", "vrf-ospf.xml")
+        self.assertEqual(err.message,
+                         "l3 core2 is configured in OSPF and cannot be associated with a VRF")
         self.session.discard_changes()
-        replace_and_commit(self.session, example("accept-new-interface.xml"))
-        replace_and_commit(self.session, example("running.xml"))
+        commit_change(self.session, "running.xml", "accept-new-interface.xml")
+        self.assertEqual(element_leaves(self.running()), file_leaves("accept-new-interface.xml"))
 
 
 class PluginFailureTest(ServerTest):
@@ -195,11 +239,18 @@ class PluginFailureTest(ServerTest):
         before = self.running()
         for attempt in range(2):
             with self.subTest(attempt=attempt):
-                err = self.commit_error(example("running.xml"))
+                self.session.edit_config(target="candidate",
+                                         config=config(change("", example("running.xml"))))
+                with self.assertRaises(RPCError) as raised:
+                    self.session.commit()
+                err = raised.exception
                 self.assertEqual(err.tag, "operation-failed")
                 self.assertEqual(err.message,
                                  "the validation plug-in failed in intf_l3_name_validation on "
-                                 f"{err.path}: fake failure in intf_l3_name_validation")
+                                 "/config/interface/ipapp:l3: fake failure in "
+                                 "intf_l3_name_validation")
+                self.assertEqual(err.path, "/config/interface/ipapp:l3")
+                # netconfd's own tag: a failure is no validation's refusal.
                 self.assertEqual(err.app_tag, "general-error")
                 self.assertEqual(self.running(), before)
                 self.session.discard_changes()
@@ -208,7 +259,6 @@ class PluginFailureTest(ServerTest):
         with self.assertRaises(Exception) as raised:
             Server(LAUNCHER, plugin=FAKE_PLUGIN, port=self.server.port)
         self.assertIn("cannot start", str(raised.exception))
-        # The first one still serves.
         self.assertIsNotNone(self.running())
 
 

@@ -26,7 +26,8 @@ struct Verdict {
   std::string message;     ///< refusal text exactly as set, or why the check failed
   std::string keypath;     ///< the refusing or failing callback's keypath; may be empty
   std::string validation;  ///< the refusing or failing validation; may be empty
-  /// Faults the plug-in recorded, one line each, as "function (file:line): message".
+  /// Faults the plug-in recorded, as "function (file:line): message", each
+  /// once, with " (recorded N times)" when N > 1.
   std::vector<std::string> faults;
 };
 

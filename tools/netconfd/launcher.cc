@@ -130,10 +130,11 @@ std::string UserName() {
 
 // Runs argv in its own process group (so a Ctrl-C reaches only this launcher,
 // which then stops everything in order), with extra environment and its
-// output appended to log.
+// output in log (emptied first unless fresh_log is false).
 pid_t Spawn(const std::vector<std::string> &argv, const std::map<std::string, std::string> &env,
-            const fs::path &log) {
-  int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+            const fs::path &log, bool fresh_log = true) {
+  int fd =
+      open(log.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | (fresh_log ? O_TRUNC : O_APPEND), 0644);
   if (fd < 0) throw StartError("cannot open " + log.string() + ": " + std::strerror(errno));
   std::vector<char *> args;
   for (const std::string &a : argv) args.push_back(const_cast<char *>(a.c_str()));
@@ -164,7 +165,7 @@ pid_t Spawn(const std::vector<std::string> &argv, const std::map<std::string, st
 
 // Runs argv to completion; throws StartError if it fails.
 void RunTool(const std::vector<std::string> &argv, const fs::path &log) {
-  pid_t pid = Spawn(argv, {}, log);
+  pid_t pid = Spawn(argv, {}, log, false);
   int status = 0;
   while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
   }
@@ -281,16 +282,28 @@ void WaitUntil(Processes &procs, const std::string &what, Ready ready) {
   }
 }
 
-bool Accepts(int port) {
+// Whether nothing listens on 127.0.0.1:port now. A server that takes the
+// port later still makes sshd fail, which the start-up notices.
+bool PortFree(int port) {
   int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (fd < 0) return false;
+  int one = 1;
+  setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &one, sizeof one);
   sockaddr_in addr{};
   addr.sin_family = AF_INET;
   addr.sin_port = htons(static_cast<uint16_t>(port));
   addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  bool ok = connect(fd, reinterpret_cast<const sockaddr *>(&addr), sizeof addr) == 0;
+  bool ok = bind(fd, reinterpret_cast<const sockaddr *>(&addr), sizeof addr) == 0;
   close(fd);
   return ok;
+}
+
+bool Contains(const fs::path &log, const std::string &text) {
+  std::ifstream in(log);
+  for (std::string line; std::getline(in, line);) {
+    if (line.find(text) != std::string::npos) return true;
+  }
+  return false;
 }
 
 std::string Tail(const fs::path &log, size_t lines) {
@@ -343,6 +356,10 @@ int Run(const Args &args) {
   const fs::path sock = dir / "ncxserver.sock";
   const fs::path netconfd_log = dir / "netconfd.log";
   const fs::path sshd_log = dir / "sshd.log";
+  if (!PortFree(args.port)) {
+    std::cerr << "ipapp-netconfd: cannot start: port " << port << " on 127.0.0.1 is in use\n";
+    return kServerFailure;
+  }
 
   fs::create_directories(dir / "home");
   fs::create_directories(dir / "yuma" / "data");
@@ -417,7 +434,9 @@ int Run(const Args &args) {
     procs.Add("sshd",
               Spawn({kSshd, "-D", "-e", "-f", (dir / "sshd_config").string()}, {}, sshd_log));
     try {
-      WaitUntil(procs, "sshd on 127.0.0.1:" + port, [&] { return Accepts(args.port); });
+      // Our own sshd says so: a connection could reach another server.
+      const std::string listening = "Server listening on 127.0.0.1 port " + port + ".";
+      WaitUntil(procs, "sshd on 127.0.0.1:" + port, [&] { return Contains(sshd_log, listening); });
     } catch (const StartError &e) {
       throw StartError(std::string(e.what()) + "; the end of " + sshd_log.string() + ":\n" +
                        Tail(sshd_log, 4));
