@@ -10,6 +10,7 @@ packages=(
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   nlohmann-json3-dev libcli11-dev
   binutils
+  netconfd libyuma-dev libxml2-dev openssh-server python3-ncclient
 )
 
 missing=()

@@ -31,6 +31,7 @@
 #include <iostream>
 #include <map>
 #include <optional>
+#include <set>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -202,10 +203,13 @@ class Processes {
     return ended;
   }
 
-  /// Stops every child: SIGTERM, and SIGKILL to whatever remains after
-  /// kStopTimeout. Returns once no child is left.
+  /// Stops every child: SIGTERM once (to a server's process group too), and
+  /// SIGKILL to whatever remains after kStopTimeout. Returns once no child is
+  /// left. netconfd takes a second or two to shut down; signalling it again
+  /// meanwhile would only delay it.
   void StopAll() {
     const auto deadline = Clock::now() + kStopTimeout;
+    std::set<pid_t> told;
     for (;;) {
       std::vector<pid_t> children = Children();
       if (children.empty()) {
@@ -216,8 +220,10 @@ class Processes {
       }
       const bool late = Clock::now() >= deadline;
       for (pid_t pid : children) {
-        kill(pid, late ? SIGKILL : SIGTERM);
-        if (named_.count(pid) != 0) kill(-pid, late ? SIGKILL : SIGTERM);
+        if (!late && !told.insert(pid).second) continue;
+        const int sig = late ? SIGKILL : SIGTERM;
+        kill(pid, sig);
+        if (named_.count(pid) != 0) kill(-pid, sig);
       }
       usleep(50 * 1000);
       int status = 0;
