@@ -134,18 +134,22 @@ class ServerTest(unittest.TestCase):
     def candidate(self):
         return self.session.get_config(source="candidate").data_xml
 
-    def refused_commit(self, before_name, after_name):
-        """Edits the candidate from before_name to after_name and commits;
-        returns the RPCError the commit must raise."""
+    def refusals(self, before_name, after_name):
+        """Edits the candidate from before_name to after_name; returns the
+        RPCErrors that <validate> of the candidate and then <commit> raise."""
         self.session.edit_config(
             target="candidate", config=config(change(example(before_name), example(after_name))))
-        with self.assertRaises(RPCError) as raised:
-            self.session.commit()
-        return raised.exception
+        errors = []
+        for operation in (lambda: self.session.validate(source="candidate"), self.session.commit):
+            with self.assertRaises(RPCError) as raised:
+                operation()
+            errors.append(raised.exception)
+        return errors
 
 
 class VerdictTest(ServerTest):
-    """The plug-in's verdicts through NETCONF equal ipapp-check's."""
+    """The plug-in's verdicts through NETCONF, at <validate> and at <commit>
+    of the candidate, equal ipapp-check's."""
 
     # At least one candidate per handler family, accepted ones among them.
     CANDIDATES = [
@@ -190,17 +194,25 @@ class VerdictTest(ServerTest):
                 first_line, details = ipapp_check(name)
                 before = self.running()
                 if first_line == "accepted":
+                    self.session.edit_config(target="candidate", config=config(
+                        change(example("running.xml"), example(name))))
+                    self.session.validate(source="candidate")
+                    # netconfd's <commit> after a <validate> leaves running
+                    # as it was: edit anew.
+                    self.session.discard_changes()
                     commit_change(self.session, "running.xml", name)
                     self.assertEqual(element_leaves(self.running()), file_leaves(name))
                     commit_change(self.session, name, "running.xml")
                     continue
                 self.assertTrue(first_line.startswith("refused: "), first_line)
-                err = self.refused_commit("running.xml", name)
-                self.assertEqual(err.message, first_line[len("refused: "):])
-                self.assertEqual(err.tag, "operation-failed")
-                self.assertEqual(err.type, "application")
-                self.assertEqual(err.app_tag, details["validation"])
-                self.assertEqual(err.path, details["keypath"])
+                for operation, err in zip(("validate", "commit"),
+                                          self.refusals("running.xml", name)):
+                    with self.subTest(operation=operation):
+                        self.assertEqual(err.message, first_line[len("refused: "):])
+                        self.assertEqual(err.tag, "operation-failed")
+                        self.assertEqual(err.type, "application")
+                        self.assertEqual(err.app_tag, details["validation"])
+                        self.assertEqual(err.path, details["keypath"])
                 self.assertEqual(self.running(), before)
                 self.session.discard_changes()
                 self.assertEqual(element_leaves(self.candidate()), file_leaves("running.xml"))
@@ -221,7 +233,7 @@ class VerdictTest(ServerTest):
                 self.session.discard_changes()
                 self.assertEqual(self.running(), before)
         # Still serving: a refused commit is refused, an accepted one commits.
-        err = self.refused_commit("running.xml", "vrf-ospf.xml")
+        _, err = self.refusals("running.xml", "vrf-ospf.xml")
         self.assertEqual(err.message,
                          "l3 core2 is configured in OSPF and cannot be associated with a VRF")
         self.session.discard_changes()

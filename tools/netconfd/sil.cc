@@ -4,16 +4,25 @@
 // the element's modules named by the environment:
 //   IPAPP_NETCONFD_PLUGIN  the validation plug-in (libip_app_validation.so)
 //   IPAPP_NETCONFD_YANG    the directory of the element's YANG modules
-// and registers a commit-validate callback. netconfd makes that callback for
-// <commit> of the candidate only: <validate> and edits of a writable running
-// configuration are not checked.
+// and checks the commit as the element would, in two places:
+//   - netconfd's commit-validate callback, made for every <commit> of the
+//     candidate (a refusal fails the commit);
+//   - the invoke step of <validate> with <source><candidate/></source>, which
+//     netconfd offers no hook for: the library takes over that step and runs
+//     netconfd's own first. <validate> of an inline <config> or of running is
+//     left as netconfd answers it, and so are edits of a writable running
+//     configuration (the server runs with the candidate as target).
 extern "C" {
 #include <agt.h>
 #include <agt_commit_validate.h>
+#include <agt_rpc.h>
 #include <agt_util.h>
 #include <cfg.h>
 #include <log.h>
+#include <ncx.h>
 #include <ncxmod.h>
+#include <obj.h>
+#include <rpc.h>
 #include <val.h>
 #include <val_util.h>
 #include <xml_wr.h>
@@ -101,7 +110,9 @@ void RecordError(ses_cb_t *scb, xml_msg_hdr_t *msghdr, const std::string &messag
                            &errinfo);
 }
 
-status_t CheckCommit(ses_cb_t *scb, xml_msg_hdr_t *msghdr, val_value_t *candidate_root) {
+// The commit that turns running into the candidate at candidate_root: NO_ERR,
+// or one <rpc-error> recorded in msghdr and an error status.
+status_t CheckCandidate(ses_cb_t *scb, xml_msg_hdr_t *msghdr, val_value_t *candidate_root) {
   Verdict verdict;
   try {
     cfg_template_t *running = cfg_get_config_id(NCX_CFGID_RUNNING);
@@ -121,7 +132,7 @@ status_t CheckCommit(ses_cb_t *scb, xml_msg_hdr_t *msghdr, val_value_t *candidat
     case Verdict::Kind::kAccepted:
       return NO_ERR;
     case Verdict::Kind::kRefused:
-      log_info("\n%s: commit refused by %s on %s: %s", kModule, verdict.validation.c_str(),
+      log_info("\n%s: refused by %s on %s: %s", kModule, verdict.validation.c_str(),
                verdict.keypath.c_str(), verdict.message.c_str());
       RecordError(scb, msghdr, verdict.message, verdict.keypath, verdict.validation);
       return ERR_NCX_OPERATION_FAILED;
@@ -131,6 +142,51 @@ status_t CheckCommit(ses_cb_t *scb, xml_msg_hdr_t *msghdr, val_value_t *candidat
   log_error("\n%s: %s", kModule, verdict.message.c_str());
   RecordError(scb, msghdr, verdict.message, verdict.keypath, "");
   return ERR_NCX_OPERATION_FAILED;
+}
+
+// --- <validate> -------------------------------------------------------------
+
+constexpr const char *kValidate = "validate";
+
+// netconfd's own invoke step of <validate>, run before the check.
+agt_rpc_method_t g_netconfd_validate = nullptr;
+
+bool SourceIsCandidate(rpc_msg_t *msg) {
+  if (msg->rpc_input == nullptr) return false;
+  val_value_t *source =
+      val_find_child(msg->rpc_input, val_get_mod_name(msg->rpc_input), X("source"));
+  if (source == nullptr) return false;
+  val_value_t *which = val_get_first_child(source);
+  return which != nullptr && xml_strcmp(which->name, X("candidate")) == 0;
+}
+
+status_t ValidateInvoke(ses_cb_t *scb, rpc_msg_t *msg, xml_node_t *methnode) {
+  status_t res = g_netconfd_validate ? g_netconfd_validate(scb, msg, methnode) : NO_ERR;
+  if (res != NO_ERR || !dlq_empty(&msg->mhdr.errQ) || !SourceIsCandidate(msg)) return res;
+  cfg_template_t *candidate = cfg_get_config_id(NCX_CFGID_CANDIDATE);
+  if (candidate == nullptr || candidate->root == nullptr) return NO_ERR;
+  return CheckCandidate(scb, &msg->mhdr, candidate->root);
+}
+
+// Puts ValidateInvoke in place of netconfd's invoke step of <validate>,
+// keeping netconfd's to run first. netconfd keeps its RPC callbacks in the
+// RPC's schema object.
+status_t TakeOverValidate() {
+  ncx_module_t *netconf = ncx_find_module(NCXMOD_NETCONF, nullptr);
+  obj_template_t *rpc = netconf ? ncx_find_object(netconf, X(kValidate)) : nullptr;
+  if (rpc == nullptr) return ERR_NCX_DEF_NOT_FOUND;
+  if (auto *cbset = static_cast<agt_rpc_cbset_t *>(rpc->rpc_cbset)) {
+    g_netconfd_validate = cbset->acb[AGT_RPC_PH_INVOKE];
+  }
+  return agt_rpc_register_method(NCXMOD_NETCONF, X(kValidate), AGT_RPC_PH_INVOKE, ValidateInvoke);
+}
+
+void GiveBackValidate() {
+  ncx_module_t *netconf = ncx_find_module(NCXMOD_NETCONF, nullptr);
+  obj_template_t *rpc = netconf ? ncx_find_object(netconf, X(kValidate)) : nullptr;
+  if (rpc == nullptr || rpc->rpc_cbset == nullptr) return;
+  static_cast<agt_rpc_cbset_t *>(rpc->rpc_cbset)->acb[AGT_RPC_PH_INVOKE] = g_netconfd_validate;
+  g_netconfd_validate = nullptr;
 }
 
 const char *Env(const char *name) {
@@ -166,7 +222,9 @@ __attribute__((visibility("default"))) status_t y_ipapp_netconfd_init(const xmlC
     return ERR_NCX_OPERATION_FAILED;
   }
   log_info("\n%s: plug-in %s loaded, modules from %s", kModule, plugin, yang);
-  return agt_commit_validate_register(X(kModule), CheckCommit);
+  res = agt_commit_validate_register(X(kModule), CheckCandidate);
+  if (res == NO_ERR) res = TakeOverValidate();
+  return res;
 }
 
 __attribute__((visibility("default"))) status_t y_ipapp_netconfd_init2(void) {
@@ -175,6 +233,7 @@ __attribute__((visibility("default"))) status_t y_ipapp_netconfd_init2(void) {
 
 __attribute__((visibility("default"))) void y_ipapp_netconfd_cleanup(void) {
   agt_commit_validate_unregister(X(kModule));
+  GiveBackValidate();
   g_hook.reset();
 }
 
