@@ -32,6 +32,7 @@ extern "C" {
 #include <cstdlib>
 #include <exception>
 #include <memory>
+#include <stdexcept>
 #include <string>
 
 #include "commit_hook.h"
@@ -122,7 +123,7 @@ status_t CheckCandidate(ses_cb_t *scb, xml_msg_hdr_t *msghdr, val_value_t *candi
     verdict = g_hook->Check(ElementData(running->root), ElementData(candidate_root));
   } catch (const std::exception &e) {
     verdict = Verdict{};
-    verdict.message = std::string("the commit could not be checked: ") + e.what();
+    verdict.message = std::string("the configuration could not be checked: ") + e.what();
   }
 
   for (const std::string &fault : verdict.faults) {
