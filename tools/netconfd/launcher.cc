@@ -346,6 +346,35 @@ std::string ReadFile(const fs::path &path) {
   return text.str();
 }
 
+// A private sshd for one user, key login only, whose netconf subsystem
+// reaches the netconfd listening on sock.
+std::string SshdConfig(const fs::path &dir, const std::string &port, const std::string &user,
+                       const fs::path &sock) {
+  std::ostringstream out;
+  out << "# Written by ipapp-netconfd.\n"
+      << "Port " << port << "\n"
+      << "ListenAddress 127.0.0.1\n"
+      << "HostKey " << (dir / "host_key").string() << "\n"
+      << "PidFile none\n"
+      << "AuthorizedKeysFile " << (dir / "authorized_keys").string() << "\n"
+      << "AllowUsers " << user << "\n"
+      << "PubkeyAuthentication yes\n"
+      << "PasswordAuthentication no\n"
+      << "KbdInteractiveAuthentication no\n"
+      << "PermitRootLogin prohibit-password\n"
+      << "UsePAM no\n"
+      << "StrictModes no\n"
+      << "AllowTcpForwarding no\n"
+      << "AllowAgentForwarding no\n"
+      << "X11Forwarding no\n"
+      << "PermitTTY no\n"
+      // netconf-subsystem reaches netconfd through sock and tells it the port
+      // the client came in on; netconfd refuses ports missing from its --port.
+      << "Subsystem netconf " << kSubsystem << " --ncxserver-sockname=" << port << "@"
+      << sock.string() << "\n";
+  return out.str();
+}
+
 int Run(const Args &args) {
   const fs::path dir = fs::absolute(args.dir).lexically_normal();
   if (dir.string().find_first_of(" \t\n\"'\\$`") != std::string::npos) {
@@ -372,34 +401,7 @@ int Run(const Args &args) {
   Keygen(dir / "host_key", dir / "keygen.log");
   Keygen(dir / "client_key", dir / "keygen.log");
   WriteFile(dir / "authorized_keys", ReadFile(dir / "client_key.pub"));
-  WriteFile(dir / "sshd_config",
-            "# Written by ipapp-netconfd: a private sshd for one user, key login only.\n"
-            "Port " +
-                port +
-                "\n"
-                "ListenAddress 127.0.0.1\n"
-                "HostKey " +
-                (dir / "host_key").string() +
-                "\n"
-                "PidFile none\n"
-                "AuthorizedKeysFile " +
-                (dir / "authorized_keys").string() +
-                "\n"
-                "AllowUsers " +
-                user +
-                "\n"
-                "PubkeyAuthentication yes\n"
-                "PasswordAuthentication no\n"
-                "KbdInteractiveAuthentication no\n"
-                "PermitRootLogin prohibit-password\n"
-                "UsePAM no\n"
-                "StrictModes no\n"
-                "AllowTcpForwarding no\n"
-                "AllowAgentForwarding no\n"
-                "X11Forwarding no\n"
-                "PermitTTY no\n"
-                "Subsystem netconf " +
-                kSubsystem + " --ncxserver-sockname=" + port + "@" + sock.string() + "\n");
+  WriteFile(dir / "sshd_config", SshdConfig(dir, port, user, sock));
   // sshd started by root insists on its privilege separation directory, which
   // the system's service would otherwise create when it starts.
   if (geteuid() == 0) mkdir("/run/sshd", 0755);
