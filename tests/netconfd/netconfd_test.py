@@ -14,7 +14,7 @@ from lxml import etree
 from ncclient.operations import RPCError
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from server import NETCONF_NS, Server, config  # noqa: E402
+from server import NETCONF_NS, Server, StartFailure, config  # noqa: E402
 
 LAUNCHER = os.environ.get("IPAPP_NETCONFD_EXE", "")
 CHECK = os.environ.get("IPAPP_CHECK_EXE", "")
@@ -241,8 +241,9 @@ class VerdictTest(ServerTest):
         self.assertEqual(element_leaves(self.running()), file_leaves("accept-new-interface.xml"))
 
 
-class PluginFailureTest(ServerTest):
-    """An exception from the plug-in fails the commit, and the server goes on."""
+class FailureTest(ServerTest):
+    """An exception from the plug-in fails the commit and the server goes on;
+    a server that cannot start says why."""
 
     plugin = FAKE_PLUGIN
     env = {"IPAPP_FAKE_MODE": "throw"}
@@ -267,10 +268,17 @@ class PluginFailureTest(ServerTest):
                 self.assertEqual(self.running(), before)
                 self.session.discard_changes()
 
-    def test_second_server_on_a_taken_port_fails_to_start(self):
-        with self.assertRaises(Exception) as raised:
-            Server(LAUNCHER, plugin=FAKE_PLUGIN, port=self.server.port)
-        self.assertIn("cannot start", str(raised.exception))
+    def test_servers_that_cannot_start_say_why(self):
+        missing = "/nonexistent/libip_app_validation.so"
+        for name, kwargs, reason in [
+                ("port taken", {"port": self.server.port}, "is in use"),
+                ("plug-in missing", {"plugin": missing}, f"cannot load plug-in {missing}")]:
+            with self.subTest(name):
+                with self.assertRaises(StartFailure) as raised:
+                    Server(LAUNCHER, **kwargs)
+                self.assertIn("(status 1)", str(raised.exception))
+                self.assertIn(reason, str(raised.exception))
+        # The first server still serves.
         self.assertIsNotNone(self.running())
 
 

@@ -149,8 +149,10 @@ status_t CheckCandidate(ses_cb_t *scb, xml_msg_hdr_t *msghdr, val_value_t *candi
 
 constexpr const char *kValidate = "validate";
 
-// netconfd's own invoke step of <validate>, run before the check.
+// netconfd's own invoke step of <validate>, run before the check, and
+// whether ValidateInvoke has taken its place.
 agt_rpc_method_t g_netconfd_validate = nullptr;
+bool g_validate_taken = false;
 
 bool SourceIsCandidate(rpc_msg_t *msg) {
   if (msg->rpc_input == nullptr) return false;
@@ -179,10 +181,15 @@ status_t TakeOverValidate() {
   if (auto *cbset = static_cast<agt_rpc_cbset_t *>(rpc->rpc_cbset)) {
     g_netconfd_validate = cbset->acb[AGT_RPC_PH_INVOKE];
   }
-  return agt_rpc_register_method(NCXMOD_NETCONF, X(kValidate), AGT_RPC_PH_INVOKE, ValidateInvoke);
+  status_t res =
+      agt_rpc_register_method(NCXMOD_NETCONF, X(kValidate), AGT_RPC_PH_INVOKE, ValidateInvoke);
+  g_validate_taken = res == NO_ERR;
+  return res;
 }
 
 void GiveBackValidate() {
+  if (!g_validate_taken) return;
+  g_validate_taken = false;
   ncx_module_t *netconf = ncx_find_module(NCXMOD_NETCONF, nullptr);
   obj_template_t *rpc = netconf ? ncx_find_object(netconf, X(kValidate)) : nullptr;
   if (rpc == nullptr || rpc->rpc_cbset == nullptr) return;
