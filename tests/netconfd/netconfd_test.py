@@ -6,6 +6,7 @@ environment: IPAPP_NETCONFD_EXE, IPAPP_CHECK_EXE, IPAPP_FAKE_PLUGIN and
 IPAPP_SOURCE_DIR. Each test class runs one server of its own."""
 
 import os
+import re
 import subprocess
 import sys
 import unittest
@@ -30,7 +31,7 @@ def example(name):
 
 def ipapp_check(candidate):
     """ipapp-check's verdict on running.xml -> candidate: (first line,
-    {"validation": ..., "keypath": ...} of the refusal)."""
+    {"validation": ..., "keypath": ...} of the refusal, [fault lines])."""
     out = subprocess.run([CHECK, "--running", os.path.join(EXAMPLES, "running.xml"),
                           "--candidate", os.path.join(EXAMPLES, candidate)],
                          capture_output=True, text=True, timeout=60)
@@ -39,7 +40,8 @@ def ipapp_check(candidate):
     for line in lines[1:3]:
         key, _, value = line.strip().partition(": ")
         details[key] = value
-    return lines[0], details
+    faults = [line[len("fault: "):] for line in lines if line.startswith("fault: ")]
+    return lines[0], details, faults
 
 
 def element_leaves(data_xml):
@@ -191,7 +193,7 @@ class VerdictTest(ServerTest):
     def test_commits_get_the_verdict_of_ipapp_check(self):
         for name in self.CANDIDATES:
             with self.subTest(candidate=name):
-                first_line, details = ipapp_check(name)
+                first_line, details, faults = ipapp_check(name)
                 before = self.running()
                 if first_line == "accepted":
                     self.session.edit_config(target="candidate", config=config(
@@ -202,6 +204,11 @@ class VerdictTest(ServerTest):
                     self.session.discard_changes()
                     commit_change(self.session, "running.xml", name)
                     self.assertEqual(element_leaves(self.running()), file_leaves(name))
+                    with open(os.path.join(self.server.dir, "netconfd.log")) as log:
+                        logged = log.read()
+                    for fault in faults:
+                        self.assertRegex(logged, re.escape(
+                            f"fault recorded by the plug-in: {fault}") + r"(\n|$)")
                     commit_change(self.session, name, "running.xml")
                     continue
                 self.assertTrue(first_line.startswith("refused: "), first_line)
