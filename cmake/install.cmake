@@ -65,9 +65,9 @@ if(_ipapp_installed)
           DESTINATION ${IPAPP_INSTALL_CMAKEDIR})
 endif()
 
-# Public headers: the plug-in's exported interface and tag numbers, the
-# platform APIs, the address types and the commit engine.
-install(FILES include/ip_app_validation.h include/ipapp_ns.h
+# Public headers: the plug-in's exported interface, the data model's tag
+# numbers, the platform APIs, the address types and the commit engine.
+install(FILES include/ip_app_validation.h yang/ipapp_ns.h
         DESTINATION ${IPAPP_INSTALL_INCLUDEDIR})
 foreach(dir platform/confd/include platform/kxconfd/include platform/host/include
             addrkit/include tools/engine/include)

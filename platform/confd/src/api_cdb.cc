@@ -25,7 +25,13 @@ int cdb_start_session(int sock, enum cdb_db_type db) {
       why = "socket " + std::to_string(sock) + " is not a CDB socket";
     } else if (txn->fail_cdb_sessions()) {
       why = "the data store refuses CDB sessions for this transaction";
-    } else if (db != CDB_RUNNING && db != CDB_PRE_COMMIT_RUNNING) {
+    } else if (db == CDB_PRE_COMMIT_RUNNING) {
+      // confd_lib_cdb(3): only between a subscription notification and the
+      // final sync, and a validation callback is neither.
+      err = CONFD_ERR_NOEXISTS;
+      why = "CDB_PRE_COMMIT_RUNNING is readable only while a subscription notification is "
+            "handled";
+    } else if (db != CDB_RUNNING) {
       why = "only the running database can be read (asked for " + std::to_string(db) + ")";
     } else {
       ipapp::store::CdbSocket &info = txn->cdb_sockets.at(sock);
@@ -34,6 +40,7 @@ int cdb_start_session(int sock, enum cdb_db_type db) {
       } else {
         info.session = true;
         info.tree = &txn->running();
+        info.serial = txn->NextSerialLocked();
       }
     }
   }

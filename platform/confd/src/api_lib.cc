@@ -21,13 +21,30 @@ int CopyOut(const std::string &text, char *buf, int bufsiz) {
 }
 
 void FreeValue(const char *name, confd_value_t *v) {
-  if (v == nullptr || (v->type != C_BUF && v->type != C_BINARY) || v->val.buf.ptr == nullptr) {
-    return;
+  if (v == nullptr) return;
+  void *ptr = nullptr;
+  switch (v->type) {
+    case C_BUF:
+    case C_BINARY:
+    case C_HEXSTR:
+    case C_BITBIG:
+      ptr = v->val.buf.ptr;
+      break;
+    case C_LIST:
+      ptr = v->val.list.ptr;
+      break;
+    default:
+      break;
   }
-  void *ptr = v->val.buf.ptr;
+  if (ptr == nullptr) return;
   if (ipapp::store::FreeDup(ptr)) {
-    v->val.buf.ptr = nullptr;
-    v->val.buf.size = 0;
+    if (v->type == C_LIST) {
+      v->val.list.ptr = nullptr;
+      v->val.list.size = 0;
+    } else {
+      v->val.buf.ptr = nullptr;
+      v->val.buf.size = 0;
+    }
     return;
   }
   // Not a buffer the store duplicated (a cursor key, a keypath element, a
@@ -40,8 +57,8 @@ void FreeValue(const char *name, confd_value_t *v) {
   }
 }
 
-// The transaction this thread last worked on: printing without a leaf or
-// a transaction at hand takes its names from that transaction's schema.
+// The transaction this thread last worked on: printing a keypath takes its
+// key types from that transaction's schema.
 std::shared_ptr<ipapp::store::Txn> ThreadTxn() {
   return ipapp::store::FindTxn(ipapp::store::CurrentTxn());
 }
@@ -50,30 +67,15 @@ std::shared_ptr<ipapp::store::Txn> ThreadTxn() {
 
 int confd_pp_value(char *buf, int bufsiz, const confd_value_t *v) {
   std::string text;
-  if (v != nullptr && v->type == C_ENUM_VALUE) {
-    std::shared_ptr<ipapp::store::Txn> txn = ThreadTxn();
-    const std::string *name = txn ? txn->schema().EnumName(v->val.enumvalue) : nullptr;
-    if (name != nullptr) return CopyOut(*name, buf, bufsiz);
-  }
-  if (v == nullptr || !ipapp::store::FormatValue(*v, nullptr, &text)) {
-    CopyOut("", buf, bufsiz);
-    ipapp::store::SetLastError(CONFD_ERR_BADTYPE,
-                               std::string("confd_pp_value: no text form for a value of type ") +
-                                   (v ? ipapp::store::VtypeName(v->type) : "(null)"));
-    return CONFD_ERR;
-  }
+  if (v != nullptr) ipapp::store::PrettyValue(*v, &text);
   return CopyOut(text, buf, bufsiz);
 }
 
 int confd_pp_kpath(char *buf, int bufsiz, const confd_hkeypath_t *hkeypath) {
   std::string text;
-  std::shared_ptr<ipapp::store::Txn> txn = ThreadTxn();
-  if (hkeypath == nullptr || hkeypath->len < 0 || hkeypath->len > MAXDEPTH ||
-      !ipapp::store::FormatKeypath(txn ? &txn->schema() : nullptr, *hkeypath, &text)) {
-    CopyOut("", buf, bufsiz);
-    ipapp::store::SetLastError(CONFD_ERR_BADPATH,
-                               "confd_pp_kpath: keypath with an unknown element or value");
-    return CONFD_ERR;
+  if (hkeypath != nullptr && hkeypath->len > 0 && hkeypath->len <= MAXDEPTH) {
+    std::shared_ptr<ipapp::store::Txn> txn = ThreadTxn();
+    ipapp::store::FormatKeypath(txn ? &txn->schema() : nullptr, *hkeypath, &text);
   }
   return CopyOut(text, buf, bufsiz);
 }

@@ -93,6 +93,7 @@ int maapi_init_cursor(int sock, int thandle, struct maapi_cursor *mc, const char
     state.list = t.list;
     state.s = t.s;
     state.path = mc->path;
+    state.serial = call.txn().NextSerialLocked();
     mc->cursor_id = reinterpret_cast<void *>(static_cast<uintptr_t>(id));
   }
   return call.Done(CONFD_OK);
@@ -127,26 +128,118 @@ void SetKeys(const DNode &entry, maapi_cursor *mc) {
   }
 }
 
+// Why the cursor's caller-set fields cannot be served ("" when they can):
+// the store has no secondary indexes.
+std::string CursorOptions(const maapi_cursor *mc, int *err) {
+  if (mc->secondary_index != nullptr) {
+    *err = CONFD_ERR_NOEXISTS;
+    return std::string("no secondary index \"") + mc->secondary_index + "\"";
+  }
+  return std::string();
+}
+
+// The next entry at or after state->next that passes the cursor's XPath
+// filter; null at the end. *why is set when the filter cannot be evaluated.
+const DNode *NextEntry(ipapp::store::CursorState *state, const maapi_cursor *mc,
+                       std::string *why) {
+  size_t size = state->list ? state->list->entries.size() : 0;
+  while (state->next < size) {
+    const DNode *entry = state->list->entries[state->next];
+    if (mc->xpath_expr == nullptr) return entry;
+    ly_bool match = 0;
+    if (lyd_eval_xpath(entry->ly, mc->xpath_expr, &match) != LY_SUCCESS) {
+      const char *msg = ly_errmsg(LYD_CTX(entry->ly));
+      *why = std::string("cannot evaluate the cursor's xpath_expr \"") + mc->xpath_expr +
+             "\": " + (msg ? msg : "error");
+      return nullptr;
+    }
+    if (match) return entry;
+    ++state->next;
+  }
+  return nullptr;
+}
+
+// Appends entry's value array (confd_types(3) "Value Array") below s to
+// out, depth first: a leaf's value or C_NOEXISTS, a leaf-list as one C_LIST,
+// a list as one C_NOEXISTS, a container as its C_XMLTAG and then its
+// children, an absent presence container as one C_NOEXISTS. Only the
+// first n values are stored (allocated ones registered on txn); *count
+// counts them all.
+void ValueArray(Call &call, const char *path, const ipapp::store::SNode &s, const DNode *node,
+                confd_value_t *out, int n, int *count) {
+  for (const ipapp::store::SNode *c : s.children) {
+    confd_value_t v{};
+    v.type = C_NOEXISTS;
+    void *dup = nullptr;
+    const DNode *child = node ? node->Child(c) : nullptr;
+    switch (c->kind) {
+      case NodeKind::kLeaf:
+        if (child == nullptr) {
+          CONFD_SET_NOEXISTS(&v);
+        } else if (*count < n) {
+          v = ipapp::store::DupValue(child->value, &dup);
+        }
+        break;
+      case NodeKind::kLeafList: {
+        const ipapp::store::ListInst *list = node ? node->List(c) : nullptr;
+        if (list == nullptr || list->entries.empty()) {
+          CONFD_SET_NOEXISTS(&v);
+        } else if (*count < n) {
+          v = ipapp::store::DupList(list, &dup);
+        }
+        break;
+      }
+      case NodeKind::kList:
+        CONFD_SET_NOEXISTS(&v);
+        break;
+      case NodeKind::kPresence:
+        if (child == nullptr) {
+          CONFD_SET_NOEXISTS(&v);
+          break;
+        }
+        [[fallthrough]];
+      case NodeKind::kContainer:
+        CONFD_SET_XMLTAG(&v, c->tag, c->ns);
+        if (*count < n) out[*count] = v;
+        ++*count;
+        ValueArray(call, path, *c, child, out, n, count);
+        continue;
+    }
+    if (*count < n) {
+      out[*count] = v;
+      if (dup != nullptr) {
+        ipapp::store::AddDupLocked(call.txn(), dup, "maapi_get_objects", path ? path : "");
+      }
+    }
+    ++*count;
+  }
+}
+
 }  // namespace
 
 int maapi_get_next(struct maapi_cursor *mc) {
   Call call("maapi_get_next");
   std::string detail;
+  std::string why;
+  int err = CONFD_ERR_XPATH;
   bool known;
   {
     std::lock_guard<std::mutex> lock(ipapp::store::StoreMutex());
     ipapp::store::CursorState *state = FindCursor(call, mc);
     known = state != nullptr;
-    if (known && state->list != nullptr && state->next < state->list->entries.size()) {
-      const DNode &entry = *state->list->entries[state->next++];
-      SetKeys(entry, mc);
-      detail = entry.keystr;
+    if (known) why = CursorOptions(mc, &err);
+    const DNode *entry = known && why.empty() ? NextEntry(state, mc, &why) : nullptr;
+    if (entry != nullptr) {
+      ++state->next;
+      SetKeys(*entry, mc);
+      detail = entry->keystr;
       std::replace(detail.begin(), detail.end(), '\0', ' ');
     } else if (known) {
       mc->n = 0;
     }
   }
   if (!known) return UnknownCursor(call, mc);
+  if (!why.empty()) return call.Fail(err, why);
   return call.Done(CONFD_OK, detail);
 }
 
@@ -175,54 +268,45 @@ void maapi_destroy_cursor(struct maapi_cursor *mc) {
 int maapi_get_objects(struct maapi_cursor *mc, confd_value_t *values, int n, int *nobj) {
   Call call("maapi_get_objects");
   int count = 0;
+  int most = 0;  // values of the largest entry read
   bool known;
-  bool bad_args = values == nullptr || nobj == nullptr || n <= 0 || (nobj && *nobj <= 0);
+  std::string why;
+  int err = CONFD_ERR_PROTOUSAGE;
+  bool bad_args = values == nullptr || nobj == nullptr || n <= 0 || (nobj && *nobj < 0);
   {
     std::lock_guard<std::mutex> lock(ipapp::store::StoreMutex());
     ipapp::store::CursorState *state = FindCursor(call, mc);
     known = state != nullptr;
-    size_t size = known && state->list ? state->list->entries.size() : 0;
-    while (known && !bad_args && count < *nobj && state->next < size) {
-      const DNode &entry = *state->list->entries[state->next++];
-      const auto &leaves = entry.s->object_leaves;
-      for (int j = 0; j < n; ++j) {
-        confd_value_t &out = values[count * n + j];
-        const DNode *leaf =
-            static_cast<size_t>(j) < leaves.size() ? entry.Child(leaves[j]) : nullptr;
-        if (leaf == nullptr) {
-          CONFD_SET_NOEXISTS(&out);
-          continue;
-        }
-        void *dup;
-        out = ipapp::store::DupValue(leaf->value, &dup);
-        if (dup != nullptr) ipapp::store::AddDupLocked(call.txn(), dup);
+    if (known && bad_args) why = "bad arguments (values, n or *nobj)";
+    if (known && why.empty()) why = CursorOptions(mc, &err);
+    if (known && why.empty()) {
+      const DNode *last = nullptr;
+      while (count < *nobj) {
+        const DNode *entry = NextEntry(state, mc, &why);
+        if (entry == nullptr) break;
+        ++state->next;
+        int width = 0;
+        ValueArray(call, state->path, *entry->s, entry, &values[count * n], n, &width);
+        most = std::max(most, width);
+        last = entry;
+        ++count;
       }
-      ++count;
-    }
-    if (known && !bad_args) {
-      *nobj = count;
-      if (state->next < size) {
-        SetKeys(*state->list->entries[state->next], mc);
-      } else {
+      if (!why.empty()) {
+        err = CONFD_ERR_XPATH;
+      } else if (count < *nobj) {
+        *nobj = count;
         mc->n = 0;
+      } else if (last != nullptr) {
+        SetKeys(*last, mc);  // the next call starts after it
       }
     }
   }
   if (!known) return UnknownCursor(call, mc);
-  if (bad_args) return call.Fail(CONFD_ERR_PROTOUSAGE, "bad arguments (values, n or *nobj)");
-  return call.Done(CONFD_OK, std::to_string(count) + " objects");
+  if (!why.empty()) return call.Fail(err, why);
+  return call.Done(most, std::to_string(count) + " objects");
 }
 
 namespace {
-
-// Keeps empty XPath results reachable: callers commonly leave an empty
-// result unfreed, and leak checkers would otherwise blame them.
-void KeepEmptyResult(char *res) {
-  static std::mutex mu;
-  static auto *kept = new std::vector<char *>;
-  std::lock_guard<std::mutex> lock(mu);
-  kept->push_back(res);
-}
 
 // String value of a node: its value, or its descendants' values in order.
 void StringValue(const lyd_node *node, std::string *out) {
@@ -272,7 +356,16 @@ int maapi_xpath_eval_expr(int sock, int thandle, const char *expr, char **res,
     ly_set_free(set, nullptr);
   }
   *res = strdup(value.c_str());
-  if (value.empty()) KeepEmptyResult(*res);
+  if (value.empty()) {
+    // The element's plug-ins never free an empty result: the transaction
+    // keeps it, as open, until it ends.
+    std::lock_guard<std::mutex> lock(ipapp::store::StoreMutex());
+    ipapp::store::Txn &txn = call.txn();
+    txn.xpath_results.emplace(
+        *res, ipapp::store::OpenItem{txn.NextSerialLocked(), "XPath result",
+                                     "maapi_xpath_eval_expr",
+                                     std::string(expr) + " in " + call.path()});
+  }
   if (trace != nullptr) {
     std::string line = std::string("xpath ") + expr + " => \"" + value + "\"";
     trace(line.data());

@@ -1,5 +1,8 @@
 #include "call.h"
 
+#include <arpa/inet.h>
+
+#include <charconv>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -8,34 +11,106 @@
 
 namespace ipapp::store {
 
+namespace {
+
+template <typename T>
+void AppendNumber(T value, std::string *out) {
+  char buf[24];
+  auto [end, ec] = std::to_chars(buf, buf + sizeof buf, value);
+  out->append(buf, end);
+}
+
+// A %x value: its text form, quoted where the key syntax needs it.
+void AppendPathValue(const confd_value_t *v, bool in_keys, std::string *out) {
+  if (v == nullptr) return;
+  std::string text;
+  if (!FormatValue(*v, nullptr, &text)) PrettyValue(*v, &text);
+  if (in_keys) {
+    AppendQuotedKey(text, out);
+  } else {
+    out->append(text);
+  }
+}
+
+}  // namespace
+
 void Call::FormatPath(const char *fmt, va_list ap) {
+  format_error_.clear();
   if (fmt == nullptr) {
     path_.clear();
     return;
   }
-  // The two common shapes skip vsnprintf: a literal path and "%s".
-  if (std::strchr(fmt, '%') == nullptr) {
+  // The two common shapes: a literal path and "%s".
+  const char *pct = std::strchr(fmt, '%');
+  if (pct == nullptr) {
     path_.assign(fmt);
     return;
   }
-  if (std::strcmp(fmt, "%s") == 0) {
+  if (pct == fmt && fmt[1] == 's' && fmt[2] == '\0') {
     const char *s = va_arg(ap, const char *);
     path_.assign(s ? s : "(null)");
     return;
   }
-  va_list copy;
-  va_copy(copy, ap);
-  char buf[512];
-  int n = std::vsnprintf(buf, sizeof buf, fmt, ap);
-  if (n < 0) {
-    path_.clear();
-  } else if (static_cast<size_t>(n) < sizeof buf) {
-    path_.assign(buf, n);
-  } else {
-    path_.resize(n);
-    std::vsnprintf(path_.data(), n + 1, fmt, copy);
+  path_.clear();
+  bool in_keys = false;  // between a literal '{' and '}'
+  const char *p = fmt;
+  while (pct != nullptr) {
+    for (const char *c = p; c < pct; ++c) {
+      if (*c == '{') in_keys = true;
+      if (*c == '}') in_keys = false;
+    }
+    path_.append(p, pct);
+    const char *m = pct + 1;
+    const bool star = *m == '*';
+    if (star) ++m;
+    if (*m == 'i' && m[1] == 'p' && (m[2] == '4' || m[2] == '6') && !star) {
+      char buf[INET6_ADDRSTRLEN];
+      const void *addr = m[2] == '4' ? static_cast<const void *>(va_arg(ap, const in_addr *))
+                                     : static_cast<const void *>(va_arg(ap, const in6_addr *));
+      if (addr != nullptr && inet_ntop(m[2] == '4' ? AF_INET : AF_INET6, addr, buf, sizeof buf)) {
+        path_.append(buf);
+      }
+      m += 3;
+    } else if (*m == 's' && !star) {
+      const char *s = va_arg(ap, const char *);
+      path_.append(s ? s : "(null)");
+      ++m;
+    } else if ((*m == 'd' || *m == 'i') && !star) {
+      AppendNumber(va_arg(ap, int), &path_);
+      ++m;
+    } else if (*m == 'u' && !star) {
+      AppendNumber(va_arg(ap, unsigned int), &path_);
+      ++m;
+    } else if (*m == '%' && !star) {
+      path_.push_back('%');
+      ++m;
+    } else if (*m == 'x') {
+      int n = star ? va_arg(ap, int) : 1;
+      const confd_value_t *v = va_arg(ap, const confd_value_t *);
+      for (int i = 0; i < n && v != nullptr; ++i) {
+        if (i) path_.push_back(' ');
+        AppendPathValue(&v[i], in_keys, &path_);
+      }
+      ++m;
+    } else if (*m == 'h') {
+      int len = star ? va_arg(ap, int) : -1;
+      const confd_hkeypath_t *kp = va_arg(ap, const confd_hkeypath_t *);
+      if (kp != nullptr && kp->len >= 0 && kp->len <= MAXDEPTH) {
+        FormatKeypath(nullptr, *kp, &path_, len);
+      }
+      ++m;
+    } else {
+      // Nothing after the unknown modifier can be trusted to line up with
+      // the arguments: the path is the format itself.
+      format_error_ = "unsupported modifier \"" +
+                      std::string(pct, *m ? m + 1 : m) + "\" in format \"" + fmt + "\"";
+      path_.assign(fmt);
+      return;
+    }
+    p = m;
+    pct = std::strchr(p, '%');
   }
-  va_end(copy);
+  path_.append(p);
 }
 
 bool Call::Maapi(int sock, int thandle) {
@@ -80,6 +155,7 @@ bool Call::Cdb(int sock) {
     Fail(CONFD_ERR_PROTOUSAGE, "no CDB session started on socket " + std::to_string(sock));
     return false;
   }
+  cdb_ = true;
   return true;
 }
 
@@ -92,8 +168,12 @@ void Call::Use(std::shared_ptr<Txn> txn) {
 bool Call::Parse() {
   thread_local ParsedPath parsed;
   parsed_ = &parsed;
+  if (!format_error_.empty()) {
+    Fail(CONFD_ERR_BADPATH, "bad path: " + format_error_);
+    return false;
+  }
   std::string why;
-  if (!ParsePath(txn_->schema(), path_, false, parsed_, &why)) {
+  if (!ParsePath(txn_->schema(), path_, false, parsed_, &why, cdb_)) {
     Fail(CONFD_ERR_BADPATH, "bad path: " + why);
     return false;
   }
@@ -139,7 +219,7 @@ int Call::Done(int result, std::string detail) {
 int Call::DoneWithDup(int result, void *dup, std::string detail) {
   if (txn_) {
     std::lock_guard<std::mutex> lock(StoreMutex());
-    if (dup != nullptr) AddDupLocked(*txn_, dup);
+    if (dup != nullptr) AddDupLocked(*txn_, dup, name_, path_);
     txn_->AddTraceLocked(name_, path_, result, std::move(detail));
   }
   return result;
@@ -157,13 +237,47 @@ int Call::Fail(int err, const std::string &why) {
 confd_value_t DupValue(const confd_value_t &v, void **dup) {
   confd_value_t out = v;
   *dup = nullptr;
-  if (v.type == C_BUF || v.type == C_BINARY) {
+  if (v.type == C_BUF || v.type == C_BINARY || v.type == C_HEXSTR || v.type == C_BITBIG) {
     auto *copy = static_cast<unsigned char *>(std::malloc(v.val.buf.size + 1));
     if (v.val.buf.size) std::memcpy(copy, v.val.buf.ptr, v.val.buf.size);
     copy[v.val.buf.size] = '\0';
     out.val.buf.ptr = copy;
     *dup = copy;
   }
+  return out;
+}
+
+confd_value_t DupList(const ListInst *list, void **dup) {
+  confd_value_t out;
+  *dup = nullptr;
+  size_t n = list ? list->entries.size() : 0;
+  size_t bytes = 0;
+  for (size_t i = 0; i < n; ++i) {
+    const confd_value_t &v = list->entries[i]->value;
+    if (v.type == C_BUF || v.type == C_BINARY || v.type == C_HEXSTR || v.type == C_BITBIG) {
+      bytes += v.val.buf.size + 1;
+    }
+  }
+  if (n == 0) {
+    CONFD_SET_LIST(&out, nullptr, 0);
+    return out;
+  }
+  // One block: the values, then the bytes of their buffers.
+  auto *block = static_cast<unsigned char *>(std::malloc(n * sizeof(confd_value_t) + bytes));
+  auto *values = reinterpret_cast<confd_value_t *>(block);
+  unsigned char *at = block + n * sizeof(confd_value_t);
+  for (size_t i = 0; i < n; ++i) {
+    values[i] = list->entries[i]->value;
+    confd_value_t &v = values[i];
+    if (v.type == C_BUF || v.type == C_BINARY || v.type == C_HEXSTR || v.type == C_BITBIG) {
+      if (v.val.buf.size) std::memcpy(at, v.val.buf.ptr, v.val.buf.size);
+      at[v.val.buf.size] = '\0';
+      v.val.buf.ptr = at;
+      at += v.val.buf.size + 1;
+    }
+  }
+  CONFD_SET_LIST(&out, values, static_cast<unsigned int>(n));
+  *dup = block;
   return out;
 }
 

@@ -16,9 +16,13 @@ class Call {
  public:
   explicit Call(const char *name) : name_(name) {}
 
-  /// Formats the printf-style path.
+  /// Formats the path with the modifiers confd_lib_cdb(3) lists under PATHS:
+  /// %s %d %i %u %x %*x %h %*h %ip4 %ip6 and %%. Any other modifier makes
+  /// the call fail with CONFD_ERR_BADPATH when it parses the path.
   void FormatPath(const char *fmt, va_list ap);
   const std::string &path() const { return path_; }
+  /// Why the path could not be formatted; empty when it was.
+  const std::string &format_error() const { return format_error_; }
 
   /// Finds the transaction of a MAAPI socket and transaction handle.
   bool Maapi(int sock, int thandle);
@@ -30,7 +34,8 @@ class Call {
   /// The tree the call reads: the candidate for MAAPI, running for CDB.
   const DataTree &tree() const { return *tree_; }
 
-  /// Parses path() against the schema (data path syntax).
+  /// Parses path() against the schema (data path syntax; "[N]" only for
+  /// CDB calls).
   bool Parse();
   const ParsedPath &parsed() const { return *parsed_; }
   /// Parses and resolves a leaf that must exist; null after a failure.
@@ -52,7 +57,8 @@ class Call {
 
   /// Records the call and returns result.
   int Done(int result, std::string detail = {});
-  /// Also hands *v (duplicated) to the caller's accounting.
+  /// Also records dup (what a read allocated for its caller) as open on the
+  /// transaction until the caller frees it.
   int DoneWithDup(int result, void *dup, std::string detail);
   /// Sets the error, records the call and returns CONFD_ERR.
   int Fail(int err, const std::string &why);
@@ -60,9 +66,11 @@ class Call {
  private:
   const char *name_;
   std::string path_;
+  std::string format_error_;
   std::shared_ptr<Txn> txn_;
   const DataTree *tree_ = nullptr;
   ParsedPath *parsed_ = nullptr;
+  bool cdb_ = false;
 };
 
 /// Formats the printf-style path of a variadic API function into call.
@@ -74,9 +82,15 @@ class Call {
     va_end(ap_);                     \
   } while (0)
 
-/// Copies a read value for the caller: buffers are duplicated
-/// (NUL-terminated) and returned through *dup, null for other types.
+/// Copies a read value for the caller: buffers (C_BUF, C_BINARY, C_HEXSTR,
+/// C_BITBIG) are duplicated (NUL-terminated) and returned through *dup,
+/// null for other types.
 confd_value_t DupValue(const confd_value_t &v, void **dup);
+
+/// The entries of a leaf-list as one C_LIST value for the caller: the array
+/// and the buffers of its values in one allocation, returned through *dup
+/// (null for no entries).
+confd_value_t DupList(const ListInst *list, void **dup);
 
 }  // namespace ipapp::store
 

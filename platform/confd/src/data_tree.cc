@@ -89,16 +89,24 @@ void DataTree::Build(DNode *parent, const lyd_node *first) {
       case NodeKind::kLeafList: {
         const char *canon = lyd_get_value(ly);
         std::string error;
-        if (s->type.vtype == C_BUF) {
+        // A union's value has the type of the member it matched.
+        const LeafType &type =
+            UnionMember(s->type, reinterpret_cast<const lyd_node_term *>(ly)->value);
+        if (type.vtype == C_BUF) {
           CONFD_SET_BUF(&node.value, canon, std::strlen(canon));
           node.text = canon;
-        } else if (!ParseValue(s->type, canon, &node.value, &node.bytes, &error)) {
+        } else if (!ParseValue(type, canon, &node.value, &node.bytes, &error)) {
           char *path = lyd_path(ly, LYD_PATH_STD, nullptr, 0);
           std::string where = path ? path : s->name;
           free(path);
           throw DataError("value \"" + std::string(canon) + "\" of " + where + ": " + error);
         } else {
-          FormatValue(node.value, &s->type, &node.text);
+          FormatValue(node.value, &type, &node.text);
+          // A leaf of type empty (outside unions and keys) reads as its tag.
+          if (node.value.type == C_EMPTY && s->type.vtype == C_EMPTY && !s->is_key &&
+              s->kind == NodeKind::kLeaf) {
+            CONFD_SET_XMLTAG(&node.value, s->tag, s->ns);
+          }
         }
         if (s->kind == NodeKind::kLeaf) {
           slot.node = &node;

@@ -60,11 +60,12 @@ bool Differs(const SNode &s, const DNode *o, const DNode *n) {
 
 class Differ {
  public:
-  Differ(IterFn iter, void *state, const KeypathBuilder &start)
-      : iter_(iter), state_(state), kp_(start) {}
+  Differ(IterFn iter, void *state, const KeypathBuilder &start, int flags)
+      : iter_(iter), state_(state), kp_(start), flags_(flags) {}
 
   int reported() const { return reported_; }
   bool overflow() const { return overflow_; }
+  bool suspended() const { return suspended_; }
 
   Walk Children(const SNode &s, const DNode *o, const DNode *n) {
     for (const SNode *c : s.children) {
@@ -78,12 +79,11 @@ class Differ {
   Walk Leaf(const SNode &c, const DNode *ov, const DNode *nv) {
     if (SameLeaf(ov, nv)) return Walk::kGo;
     if (!Push(c)) return Walk::kStop;
-    confd_value_t oldv = ov ? ov->value : confd_value_t{};
+    // confd_lib_maapi(3): oldv is always NULL.
     confd_value_t newv = nv ? nv->value : confd_value_t{};
-    enum maapi_iter_ret r =
-        Report(nv ? MOP_VALUE_SET : MOP_DELETED, ov ? &oldv : nullptr, nv ? &newv : nullptr);
+    Walk w = Answer(Report(nv ? MOP_VALUE_SET : MOP_DELETED, nullptr, nv ? &newv : nullptr));
     kp_.Pop();
-    return r == ITER_STOP ? Walk::kStop : (r == ITER_UP ? Walk::kUp : Walk::kGo);
+    return w;
   }
 
   // Entries of list c (its tag already on the keypath).
@@ -124,8 +124,19 @@ class Differ {
         kp_.Pop();
         return w;
       }
-      case NodeKind::kPresence:
-        return Node(c, o ? o->Child(&c) : nullptr, n ? n->Child(&c) : nullptr, false);
+      case NodeKind::kPresence: {
+        const DNode *oc = o ? o->Child(&c) : nullptr;
+        const DNode *nc = n ? n->Child(&c) : nullptr;
+        if (oc != nullptr && nc != nullptr && !(flags_ & ITER_WANT_P_CONTAINER)) {
+          // Kept: reported as MOP_MODIFIED only on request, else its
+          // changes follow as if it were a plain container.
+          if (!Push(c)) return Walk::kStop;
+          Walk w = Children(c, oc, nc);
+          kp_.Pop();
+          return w;
+        }
+        return Node(c, oc, nc, false);
+      }
       case NodeKind::kList:
       case NodeKind::kLeafList: {
         const ListInst *ol = o ? o->List(&c) : nullptr;
@@ -158,16 +169,25 @@ class Differ {
       return Walk::kStop;
     }
     enum maapi_iter_ret r = Report(op, nullptr, nullptr);
-    Walk w = Walk::kGo;
-    if (r == ITER_STOP) {
-      w = Walk::kStop;
-    } else if (r == ITER_UP) {
-      w = Walk::kUp;
-    } else if (r == ITER_RECURSE && op != MOP_DELETED) {
-      w = Children(c, o, n);
-    }
+    Walk w = Answer(r);
+    if (w == Walk::kGo && r == ITER_RECURSE && op != MOP_DELETED) w = Children(c, o, n);
     kp_.Pop();
     return w;
+  }
+
+  // What the walk does after an iterator's answer.
+  Walk Answer(enum maapi_iter_ret r) {
+    switch (r) {
+      case ITER_STOP:
+        return Walk::kStop;
+      case ITER_SUSPEND:
+        suspended_ = true;
+        return Walk::kStop;
+      case ITER_UP:
+        return Walk::kUp;
+      default:
+        return Walk::kGo;
+    }
   }
 
   bool Push(const SNode &s) {
@@ -186,15 +206,16 @@ class Differ {
   IterFn iter_;
   void *state_;
   KeypathBuilder kp_;
+  int flags_;
   int reported_ = 0;
   bool overflow_ = false;
+  bool suspended_ = false;
 };
 
 }  // namespace
 
 int maapi_keypath_diff_iterate(int sock, int thandle, IterFn iter, int flags, void *initstate,
                                const char *fmt, ...) {
-  (void)flags;
   ipapp::store::Call call("maapi_keypath_diff_iterate");
   va_list ap;
   va_start(ap, fmt);
@@ -205,13 +226,7 @@ int maapi_keypath_diff_iterate(int sock, int thandle, IterFn iter, int flags, vo
   // The callback may make calls of its own: take everything from the
   // parsed path before the first one.
   ipapp::store::Txn &txn = call.txn();
-  // An [N] names one entry, compared in both trees: the candidate's N-th,
-  // else the running one's. One in neither tree has no changes, like any
-  // path to a node that exists in neither.
   auto path = std::make_unique<ipapp::store::ParsedPath>(call.parsed());
-  if (!PinIndexes(txn.candidate(), txn.running(), path.get())) {
-    return call.Done(CONFD_OK, "0 changes");
-  }
   ipapp::store::Target o = Resolve(txn.running(), *path);
   ipapp::store::Target n = Resolve(txn.candidate(), *path);
   auto start = std::make_unique<KeypathBuilder>();
@@ -219,19 +234,20 @@ int maapi_keypath_diff_iterate(int sock, int thandle, IterFn iter, int flags, vo
   if (!KeypathOfPath(txn, txn.candidate(), *path, start.get(), &why)) {
     return call.Fail(CONFD_ERR_BADPATH, why);
   }
-  auto differ = std::make_unique<Differ>(iter, initstate, *start);
   const SNode &s = *n.s;
+  if (s.kind == NodeKind::kLeaf) start->Pop();  // a leaf's own change is reported at it
+  auto differ = std::make_unique<Differ>(iter, initstate, *start, flags);
   if (n.list_ref) {
     differ->Entries(s, o.list, n.list);
   } else if (s.kind == NodeKind::kLeaf) {
-    // The path names a leaf: its own change is the one below it.
-    start->Pop();
-    Differ leaf(iter, initstate, *start);
-    leaf.Leaf(s, o.node, n.node);
-    return call.Done(CONFD_OK, std::to_string(leaf.reported()) + " changes");
+    differ->Leaf(s, o.node, n.node);
   } else {
     differ->Children(s, o.node, n.node);
   }
   if (differ->overflow()) return call.Fail(CONFD_ERR_BADPATH, "keypath deeper than MAXDEPTH");
+  if (differ->suspended()) {
+    return call.Fail(CONFD_ERR_PROTOUSAGE,
+                     "ITER_SUSPEND needs maapi_diff_iterate_resume, which the store does not offer");
+  }
   return call.Done(CONFD_OK, std::to_string(differ->reported()) + " changes");
 }

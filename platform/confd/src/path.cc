@@ -101,7 +101,7 @@ bool CanonicalKeys(PathElem *elem, std::string *error) {
 }  // namespace
 
 bool ParsePath(const SchemaIndex &schema, std::string_view path, bool schema_path, ParsedPath *out,
-               std::string *error) {
+               std::string *error, bool allow_index) {
   out->n = 0;
   out->unescaped.clear();
   if (path.empty() || path[0] != '/') {
@@ -119,10 +119,10 @@ bool ParsePath(const SchemaIndex &schema, std::string_view path, bool schema_pat
     size_t start = i;
     while (i < path.size() && path[i] != '/' && path[i] != '{' && path[i] != '[') ++i;
     std::string_view name = path.substr(start, i - start);
-    std::string_view module;
+    std::string_view prefix;
     size_t colon = name.find(':');
     if (colon != std::string_view::npos) {
-      module = name.substr(0, colon);
+      prefix = name.substr(0, colon);
       name = name.substr(colon + 1);
     }
     if (name.empty()) {
@@ -139,11 +139,11 @@ bool ParsePath(const SchemaIndex &schema, std::string_view path, bool schema_pat
       return false;
     }
     bool ambiguous;
-    const SNode *s = parent->Child(name, module, &ambiguous);
+    const SNode *s = parent->Child(name, prefix, &ambiguous);
     if (s == nullptr) {
       *error = ambiguous
-                   ? "element \"" + std::string(name) + "\" is ambiguous, give its module"
-                   : "unknown element \"" + (module.empty() ? "" : std::string(module) + ":") +
+                   ? "element \"" + std::string(name) + "\" is ambiguous, give its module's prefix"
+                   : "unknown element \"" + (prefix.empty() ? "" : std::string(prefix) + ":") +
                          std::string(name) + "\"";
       return false;
     }
@@ -164,6 +164,11 @@ bool ParsePath(const SchemaIndex &schema, std::string_view path, bool schema_pat
         if (!ParseKeys(path, &i, out, &elem, error) || !CanonicalKeys(&elem, error)) return false;
         elem.sel = PathElem::kKeys;
       } else {
+        if (!allow_index) {
+          *error = "\"[N]\" selects entries in CDB paths only; give the keys of \"" + s->name +
+                   "\"";
+          return false;
+        }
         size_t close = path.find(']', i);
         std::string_view digits = close == std::string_view::npos
                                       ? std::string_view()
@@ -244,24 +249,6 @@ Target Resolve(const DataTree &tree, const ParsedPath &path) {
   t.node = cur;
   t.present = present;
   return t;
-}
-
-bool PinIndexes(const DataTree &first, const DataTree &second, ParsedPath *path) {
-  const int n = path->n;
-  for (int i = 0; i < n; ++i) {
-    PathElem &elem = path->e[i];
-    if (elem.sel != PathElem::kIndex) continue;
-    path->n = i + 1;
-    const DNode *entry = Resolve(first, *path).node;
-    if (entry == nullptr) entry = Resolve(second, *path).node;
-    path->n = n;
-    if (entry == nullptr) return false;
-    elem.sel = PathElem::kKeys;
-    elem.nkeys = static_cast<int>(elem.s->keys.size());
-    for (int k = 0; k < elem.nkeys; ++k) elem.keys[k] = entry->Child(elem.s->keys[k])->text;
-    elem.keystr = entry->keystr;
-  }
-  return true;
 }
 
 void AppendQuotedKey(std::string_view text, std::string *out) {

@@ -34,10 +34,13 @@ struct ParsedPath {
 };
 
 /// Parses path against schema into *out. A schema path may name lists
-/// without keys anywhere; a data path only at its end. Returns false with
-/// *error saying what is wrong (the caller adds the path).
+/// without keys anywhere; a data path only at its end. "[N]" entry indexes
+/// are accepted only with allow_index (CDB paths; MAAPI paths name entries
+/// by their keys). An element's qualifier is its module's YANG prefix.
+/// Returns false with *error saying what is wrong (the caller adds the
+/// path).
 bool ParsePath(const SchemaIndex &schema, std::string_view path, bool schema_path, ParsedPath *out,
-               std::string *error);
+               std::string *error, bool allow_index = true);
 
 /// Where a data path leads in one tree.
 struct Target {
@@ -51,12 +54,6 @@ struct Target {
 };
 
 Target Resolve(const DataTree &tree, const ParsedPath &path);
-
-/// Turns every [N] of path into the keys of the entry it selects in first,
-/// or in second when first has no such entry, so that the path names one
-/// entry in both trees. The keys point into the trees. False when an [N]
-/// selects an entry in neither tree.
-bool PinIndexes(const DataTree &first, const DataTree &second, ParsedPath *path);
 
 /// Key text as the path syntax writes it: quoted when it holds a blank, a
 /// brace, a quote or a backslash, or is empty.

@@ -37,7 +37,7 @@ struct Registry {
   std::mutex mu;
   std::unordered_map<std::string, uint32_t> tag_by_name;
   std::unordered_map<uint32_t, std::string> name_by_tag;
-  std::unordered_map<uint32_t, std::string> module_by_ns;
+  std::unordered_map<uint32_t, std::string> prefix_by_ns;
 };
 
 Registry &Reg() {
@@ -58,14 +58,24 @@ std::string_view Bare(const char *name) {
   return colon == std::string_view::npos ? n : n.substr(colon + 1);
 }
 
-// String-derived types the store converts by their typedef name.
+// String-derived types with a ConfD type of their own, by typedef name
+// (confd_types(3) "DATA MODEL TYPES"). The name nearest the leaf wins:
+// "hex-list", the element's typedef of yang:hex-string for its binary
+// columns, stands for tailf:hex-list and is C_BINARY.
 bool KnownStringType(std::string_view name, confd_vtype *vtype) {
   static const std::map<std::string_view, confd_vtype> known = {
       {"ipv4-address", C_IPV4},
       {"ipv4-address-no-zone", C_IPV4},
       {"ipv6-address", C_IPV6},
       {"ipv6-address-no-zone", C_IPV6},
-      {"hex-string", C_BINARY},
+      {"ipv4-prefix", C_IPV4PREFIX},
+      {"ipv6-prefix", C_IPV6PREFIX},
+      {"hex-list", C_BINARY},
+      {"hex-string", C_HEXSTR},
+      {"phys-address", C_BINARY},
+      {"mac-address", C_BINARY},
+      {"dotted-quad", C_DQUAD},
+      {"date-and-time", C_DATETIME},
       {"ipv4-address-and-prefix-length", C_IPV4_AND_PLEN},
       {"ipv6-address-and-prefix-length", C_IPV6_AND_PLEN},
   };
@@ -84,6 +94,31 @@ const lysp_tpdf *FindTypedef(const lysp_module *pmod, std::string_view name) {
     if (name == tpdf->name) return tpdf;
   }
   return nullptr;
+}
+
+// The typedef a type statement names, looked up in the module its prefix
+// names (the statement's own module without a prefix); null for a built-in
+// type or one defined out of reach (inside a node).
+const lysp_tpdf *TypedefOf(const lysp_type *pt) {
+  std::string_view name(pt->name ? pt->name : "");
+  const lysp_module *pmod = pt->pmod;
+  size_t colon = name.find(':');
+  if (colon != std::string_view::npos && pmod != nullptr) {
+    std::string_view prefix = name.substr(0, colon);
+    if (pmod->mod == nullptr || pmod->mod->prefix == nullptr || prefix != pmod->mod->prefix) {
+      const lysp_module *imported = nullptr;
+      LY_ARRAY_COUNT_TYPE i;
+      LY_ARRAY_FOR(pt->pmod->imports, i) {
+        const lysp_import &imp = pt->pmod->imports[i];
+        if (imp.prefix != nullptr && prefix == imp.prefix && imp.module != nullptr) {
+          imported = imp.module->parsed;
+        }
+      }
+      pmod = imported;
+    }
+    name = name.substr(colon + 1);
+  }
+  return FindTypedef(pmod, name);
 }
 
 const char *BaseTypeName(LY_DATA_TYPE type) {
@@ -131,12 +166,39 @@ const char *BaseTypeName(LY_DATA_TYPE type) {
   }
 }
 
-LeafType MapType(const lysc_node *ly) {
-  const lysc_type *type = ly->nodetype == LYS_LEAF
-                              ? reinterpret_cast<const lysc_node_leaf *>(ly)->type
-                              : reinterpret_cast<const lysc_node_leaflist *>(ly)->type;
+// The parsed type statement that a chain of typedefs starting at pt ends
+// in with member types (a union), or null.
+const lysp_type *UnionStatement(const lysp_type *pt) {
+  for (int depth = 0; pt != nullptr && depth < 16; ++depth) {
+    if (LY_ARRAY_COUNT(pt->types) > 0) return pt;
+    const lysp_tpdf *tpdf = TypedefOf(pt);
+    pt = tpdf ? &tpdf->type : nullptr;
+  }
+  return nullptr;
+}
+
+void AddIdentities(const lysc_ident *ident, std::vector<IdentItem> *out) {
+  for (const IdentItem &seen : *out) {
+    if (seen.name == ident->name && seen.module == ident->module->name) return;
+  }
+  IdentItem item;
+  item.name = ident->name;
+  item.module = ident->module->name;
+  item.prefix = ident->module->prefix ? ident->module->prefix : ident->module->name;
+  item.ns = NsOf(item.prefix, ident->module->ns ? ident->module->ns : item.module);
+  item.id = TagOf(item.name);
+  out->push_back(std::move(item));
+  LY_ARRAY_COUNT_TYPE i;
+  LY_ARRAY_FOR(ident->derived, i) AddIdentities(ident->derived[i], out);
+}
+
+// ConfD type of a compiled type ct, with pt the parsed type statement it
+// came from (typedef names are known only there; may be null).
+LeafType MapTypeOf(const lysc_type *ct, const lysp_type *pt, int depth) {
   LeafType out;
-  switch (type->basetype) {
+  out.ly = ct;
+  out.name = BaseTypeName(ct->basetype);
+  switch (ct->basetype) {
     case LY_TYPE_INT8:
       out.vtype = C_INT8;
       break;
@@ -164,25 +226,68 @@ LeafType MapType(const lysc_node *ly) {
     case LY_TYPE_BOOL:
       out.vtype = C_BOOL;
       break;
+    case LY_TYPE_EMPTY:
+      out.vtype = C_EMPTY;
+      break;
+    case LY_TYPE_BINARY:
+      out.vtype = C_BINARY;
+      out.base64 = true;
+      break;
+    case LY_TYPE_DEC64:
+      out.vtype = C_DECIMAL64;
+      out.fraction_digits = reinterpret_cast<const lysc_type_dec *>(ct)->fraction_digits;
+      break;
     case LY_TYPE_ENUM: {
       out.vtype = C_ENUM_VALUE;
-      auto *en = reinterpret_cast<const lysc_type_enum *>(type);
+      auto *en = reinterpret_cast<const lysc_type_enum *>(ct);
       LY_ARRAY_COUNT_TYPE i;
       LY_ARRAY_FOR(en->enums, i) {
         out.enums.push_back({en->enums[i].name, en->enums[i].value});
       }
       break;
     }
-    case LY_TYPE_STRING: {
-      // The compiled type forgets typedef names; the parsed leaf keeps them.
-      out.vtype = C_BUF;
-      out.name = "string";
-      const lysp_type *pt = nullptr;
-      if (ly->priv != nullptr) {
-        pt = ly->nodetype == LYS_LEAF ? &static_cast<const lysp_node_leaf *>(ly->priv)->type
-                                      : &static_cast<const lysp_node_leaflist *>(ly->priv)->type;
+    case LY_TYPE_BITS: {
+      auto *bits = reinterpret_cast<const lysc_type_bits *>(ct);
+      uint32_t highest = 0;
+      LY_ARRAY_COUNT_TYPE i;
+      LY_ARRAY_FOR(bits->bits, i) {
+        out.enums.push_back({bits->bits[i].name, static_cast<int32_t>(bits->bits[i].position)});
+        if (bits->bits[i].position > highest) highest = bits->bits[i].position;
       }
-      for (int depth = 0; pt != nullptr && depth < 16; ++depth) {
+      out.vtype = highest < 32 ? C_BIT32 : highest < 64 ? C_BIT64 : C_BITBIG;
+      break;
+    }
+    case LY_TYPE_IDENT: {
+      out.vtype = C_IDENTITYREF;
+      auto *idref = reinterpret_cast<const lysc_type_identityref *>(ct);
+      LY_ARRAY_COUNT_TYPE i;
+      LY_ARRAY_FOR(idref->bases, i) AddIdentities(idref->bases[i], &out.idents);
+      break;
+    }
+    case LY_TYPE_UNION: {
+      out.vtype = C_UNION;
+      auto *un = reinterpret_cast<const lysc_type_union *>(ct);
+      const lysp_type *members = UnionStatement(pt);
+      LY_ARRAY_COUNT_TYPE i;
+      LY_ARRAY_FOR(un->types, i) {
+        const lysp_type *mpt =
+            members != nullptr && i < LY_ARRAY_COUNT(members->types) ? &members->types[i] : nullptr;
+        out.members.push_back(depth < 16 ? MapTypeOf(un->types[i], mpt, depth + 1) : LeafType());
+      }
+      break;
+    }
+    case LY_TYPE_LEAFREF: {
+      // The target's typedef names are not reachable from here: the real
+      // type's base decides.
+      LeafType real = MapTypeOf(reinterpret_cast<const lysc_type_leafref *>(ct)->realtype, nullptr,
+                                depth + 1);
+      real.name = "leafref";
+      return real;
+    }
+    case LY_TYPE_STRING: {
+      // The compiled type forgets typedef names; the parsed statement keeps them.
+      out.vtype = C_BUF;
+      for (int d = 0; pt != nullptr && d < 16; ++d) {
         std::string_view bare = Bare(pt->name);
         confd_vtype vt;
         if (KnownStringType(bare, &vt)) {
@@ -190,17 +295,28 @@ LeafType MapType(const lysc_node *ly) {
           out.name = std::string(bare);
           break;
         }
-        const lysp_tpdf *tpdf = FindTypedef(pt->pmod, bare);
+        const lysp_tpdf *tpdf = TypedefOf(pt);
         pt = tpdf ? &tpdf->type : nullptr;
       }
-      return out;
+      break;
     }
-    default:
+    default:  // instance-identifier: its path text
       out.vtype = C_BUF;
       break;
   }
-  out.name = BaseTypeName(type->basetype);
   return out;
+}
+
+LeafType MapType(const lysc_node *ly) {
+  const lysc_type *type = ly->nodetype == LYS_LEAF
+                              ? reinterpret_cast<const lysc_node_leaf *>(ly)->type
+                              : reinterpret_cast<const lysc_node_leaflist *>(ly)->type;
+  const lysp_type *pt = nullptr;
+  if (ly->priv != nullptr) {
+    pt = ly->nodetype == LYS_LEAF ? &static_cast<const lysp_node_leaf *>(ly->priv)->type
+                                  : &static_cast<const lysp_node_leaflist *>(ly->priv)->type;
+  }
+  return MapTypeOf(type, pt, 0);
 }
 
 }  // namespace
@@ -236,33 +352,34 @@ const std::string *TagName(uint32_t tag) {
   return it == reg.name_by_tag.end() ? nullptr : &it->second;
 }
 
-uint32_t NsOf(std::string_view module, std::string_view uri) {
+uint32_t NsOf(std::string_view prefix, std::string_view uri) {
   uint32_t ns = uri == ipapp__ns_uri ? uint32_t{ipapp__ns} : Fnv1a(uri, 0) & 0x7FFFFFFFu;
   Registry &reg = Reg();
   std::lock_guard<std::mutex> lock(reg.mu);
-  auto [it, added] = reg.module_by_ns.emplace(ns, std::string(module));
-  if (!added && it->second != module) {
-    throw std::runtime_error("modules '" + it->second + "' and '" + std::string(module) +
-                             "' share the namespace number " + std::to_string(ns));
+  auto [it, added] = reg.prefix_by_ns.emplace(ns, std::string(prefix));
+  if (!added && it->second != prefix) {
+    throw std::runtime_error("modules with prefixes '" + it->second + "' and '" +
+                             std::string(prefix) + "' share the namespace number " +
+                             std::to_string(ns));
   }
   return ns;
 }
 
-const std::string *NsModule(uint32_t ns) {
+const std::string *NsPrefix(uint32_t ns) {
   Registry &reg = Reg();
   std::lock_guard<std::mutex> lock(reg.mu);
-  auto it = reg.module_by_ns.find(ns);
-  return it == reg.module_by_ns.end() ? nullptr : &it->second;
+  auto it = reg.prefix_by_ns.find(ns);
+  return it == reg.prefix_by_ns.end() ? nullptr : &it->second;
 }
 
-const SNode *SNode::Child(std::string_view child_name, std::string_view child_module,
+const SNode *SNode::Child(std::string_view child_name, std::string_view child_prefix,
                           bool *ambiguous) const {
   const SNode *found = nullptr;
   *ambiguous = false;
   for (const SNode *c : children) {
     if (c->name != child_name) continue;
-    if (!child_module.empty()) {
-      if (c->module == child_module) return c;
+    if (!child_prefix.empty()) {
+      if (c->prefix == child_prefix) return c;
       continue;
     }
     if (found != nullptr) {
@@ -272,6 +389,18 @@ const SNode *SNode::Child(std::string_view child_name, std::string_view child_mo
     found = c;
   }
   return found;
+}
+
+const LeafType &UnionMember(const LeafType &type, const lyd_value &value) {
+  if (type.vtype != C_UNION || value.realtype == nullptr ||
+      value.realtype->basetype != LY_TYPE_UNION || value.subvalue == nullptr) {
+    return type;
+  }
+  const lyd_value &inner = value.subvalue->value;
+  for (const LeafType &m : type.members) {
+    if (m.ly == inner.realtype) return UnionMember(m, inner);
+  }
+  return type;
 }
 
 const SNode *SNode::ChildByTag(uint32_t child_tag, uint32_t child_ns) const {
@@ -295,11 +424,6 @@ SchemaIndex::SchemaIndex(ly_ctx *ctx, const std::vector<const lys_module *> &mod
 
 SchemaIndex::~SchemaIndex() {
   ly_ctx_destroy(ctx_);
-}
-
-const std::string *SchemaIndex::EnumName(int32_t value) const {
-  auto it = enum_names_.find(value);
-  return it == enum_names_.end() || it->second.empty() ? nullptr : &it->second;
 }
 
 const SNode *SchemaIndex::Find(const lysc_node *ly) const {
@@ -336,10 +460,11 @@ SNode *SchemaIndex::AddNode(SNode *parent, const lysc_node *ly) {
   node.ly = ly;
   node.name = ly->name;
   node.module = ly->module->name;
+  node.prefix = ly->module->prefix ? ly->module->prefix : ly->module->name;
   node.parent = parent == &nodes_.front() ? nullptr : parent;
   node.index = static_cast<int>(parent->children.size());
   node.tag = TagOf(node.name);
-  node.ns = NsOf(node.module, ly->module->ns);
+  node.ns = NsOf(node.prefix, ly->module->ns);
   switch (ly->nodetype) {
     case LYS_CONTAINER:
       node.kind = (ly->flags & LYS_PRESENCE) ? NodeKind::kPresence : NodeKind::kContainer;
@@ -357,10 +482,6 @@ SNode *SchemaIndex::AddNode(SNode *parent, const lysc_node *ly) {
       node.type = MapType(ly);
       break;
   }
-  for (const EnumItem &e : node.type.enums) {
-    auto [it, added] = enum_names_.emplace(e.value, e.name);
-    if (!added && it->second != e.name) it->second.clear();
-  }
   parent->children.push_back(&node);
   by_ly_.emplace(ly, &node);
   return &node;
@@ -370,12 +491,12 @@ std::string SchemaIndex::PathOf(const SNode &s) {
   std::vector<const SNode *> chain;
   for (const SNode *n = &s; n != nullptr; n = n->parent) chain.push_back(n);
   std::string out;
-  const std::string *module = nullptr;
+  const std::string *prefix = nullptr;
   for (auto it = chain.rbegin(); it != chain.rend(); ++it) {
     out += '/';
-    if (module != nullptr && *module != (*it)->module) out += (*it)->module + ":";
+    if (prefix != nullptr && *prefix != (*it)->prefix) out += (*it)->prefix + ":";
     out += (*it)->name;
-    module = &(*it)->module;
+    prefix = &(*it)->prefix;
   }
   return out;
 }

@@ -21,21 +21,36 @@ enum class NodeKind { kContainer, kPresence, kList, kLeaf, kLeafList };
 
 struct EnumItem {
   std::string name;
-  int32_t value;
+  int32_t value;  ///< enumerations: the value; bits: the position
 };
 
-/// Value type of a leaf: the ConfD type it maps to, and what parsing and
-/// printing need to know about it.
+/// An identity an identityref may name.
+struct IdentItem {
+  std::string name;
+  std::string module;
+  std::string prefix;
+  uint32_t ns = 0;
+  uint32_t id = 0;
+};
+
+/// Value type of a leaf: the ConfD type it maps to (confd_types(3)), and
+/// what parsing and printing need to know about it.
 struct LeafType {
-  confd_vtype vtype = C_BUF;
-  std::string name;  ///< YANG type name, for messages ("int32", "hex-string")
-  std::vector<EnumItem> enums;
+  confd_vtype vtype = C_BUF;  ///< C_UNION: the value takes a member's type
+  std::string name;           ///< YANG type name, for messages ("int32", "hex-string")
+  std::vector<EnumItem> enums;     ///< enumeration values, or bit positions
+  std::vector<LeafType> members;   ///< union: the member types in order
+  std::vector<IdentItem> idents;   ///< identityref: the identities it may name
+  const lysc_type *ly = nullptr;   ///< compiled type (finds a union's member)
+  uint8_t fraction_digits = 0;     ///< decimal64
+  bool base64 = false;             ///< C_BINARY written in base64 (YANG binary)
 };
 
 struct SNode {
   const lysc_node *ly = nullptr;
   std::string name;
   std::string module;
+  std::string prefix;  ///< the module's YANG prefix, the qualifier paths use
   const SNode *parent = nullptr;  ///< null for top-level nodes and the root
   NodeKind kind = NodeKind::kContainer;
   uint32_t tag = 0;
@@ -49,9 +64,10 @@ struct SNode {
 
   bool is_leaf() const { return kind == NodeKind::kLeaf; }
   bool is_list() const { return kind == NodeKind::kList; }
-  /// Child by name; module empty matches any module. Sets *ambiguous when
-  /// two modules' children share the name and no module was given.
-  const SNode *Child(std::string_view name, std::string_view module, bool *ambiguous) const;
+  /// Child by name; prefix (a module's YANG prefix) empty matches any
+  /// module. Sets *ambiguous when two modules' children share the name and
+  /// no prefix was given.
+  const SNode *Child(std::string_view name, std::string_view prefix, bool *ambiguous) const;
   /// Child a keypath element names (its tag and namespace), or null.
   const SNode *ChildByTag(uint32_t tag, uint32_t ns) const;
 };
@@ -70,12 +86,9 @@ class SchemaIndex {
   ly_ctx *ctx() const { return ctx_; }
   const SNode &root() const { return nodes_.front(); }
   const SNode *Find(const lysc_node *ly) const;
-  /// Schema path in keypath syntax: "/config/interface/ipapp:l3".
+  /// Schema path in keypath syntax, prefixes where the module changes:
+  /// "/config/interface/ipapp:l3".
   static std::string PathOf(const SNode &s);
-  /// Name of an enumeration value when every enumeration of this schema
-  /// that defines the value agrees on its name; null otherwise. Only for
-  /// values whose leaf is unknown: a leaf's own type names its values.
-  const std::string *EnumName(int32_t value) const;
 
  private:
   void AddChildren(SNode *parent, const lysc_node *ly_parent, const lys_module *top_module);
@@ -84,7 +97,6 @@ class SchemaIndex {
   ly_ctx *ctx_;
   std::deque<SNode> nodes_;
   std::unordered_map<const lysc_node *, const SNode *> by_ly_;
-  std::unordered_map<int32_t, std::string> enum_names_;  ///< "" when names disagree
 };
 
 /// Tag number of an element name: the fixed numbers of the interface
@@ -93,9 +105,13 @@ class SchemaIndex {
 uint32_t TagOf(std::string_view name);
 /// Name of a registered tag, or null.
 const std::string *TagName(uint32_t tag);
-/// Namespace hash of a module (registered for NsModule()).
-uint32_t NsOf(std::string_view module, std::string_view uri);
-const std::string *NsModule(uint32_t ns);
+/// Namespace hash of a module (its prefix registered for NsPrefix()).
+uint32_t NsOf(std::string_view prefix, std::string_view uri);
+const std::string *NsPrefix(uint32_t ns);
+
+/// The member of a union type that a stored value matched (type itself
+/// when it is no union).
+const LeafType &UnionMember(const LeafType &type, const lyd_value &value);
 
 /// Routes libyang's messages into a per-thread buffer instead of stderr
 /// (idempotent, process-wide).

@@ -1,11 +1,12 @@
 #include "store.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
 #include "values.h"
 
-int confd_errno = 0;
+__thread int confd_errno = 0;
 
 namespace ipapp::store {
 namespace {
@@ -53,7 +54,8 @@ Txn::Txn(int thandle, int maapi_socket, std::shared_ptr<const SchemaIndex> schem
       candidate_(std::move(candidate)) {}
 
 Txn::~Txn() {
-  for (void *p : dups) std::free(p);
+  for (auto &[p, item] : dups) std::free(p);
+  for (auto &[p, item] : xpath_results) std::free(p);
   for (auto &ctx : contexts_) std::free(ctx->validate_opaque);
 }
 
@@ -132,7 +134,27 @@ Resources Txn::Open() const {
   r.cursors = static_cast<int>(cursors.size());
   for (const auto &[sock, info] : cdb_sockets) r.cdb_sessions += info.session ? 1 : 0;
   r.dup_values = static_cast<int>(dups.size());
+  r.xpath_results = static_cast<int>(xpath_results.size());
   return r;
+}
+
+std::vector<OpenItem> Txn::OpenItems() const {
+  std::lock_guard<std::mutex> lock(StoreMutex());
+  std::vector<OpenItem> out;
+  for (const auto &[id, cursor] : cursors) {
+    out.push_back({cursor.serial, "cursor", "maapi_init_cursor", cursor.path ? cursor.path : ""});
+  }
+  for (const auto &[sock, info] : cdb_sockets) {
+    if (info.session) {
+      out.push_back({info.serial, "CDB session", "cdb_start_session",
+                     "socket " + std::to_string(sock)});
+    }
+  }
+  for (const auto &[p, item] : dups) out.push_back(item);
+  for (const auto &[p, item] : xpath_results) out.push_back(item);
+  std::sort(out.begin(), out.end(),
+            [](const OpenItem &a, const OpenItem &b) { return a.serial < b.serial; });
+  return out;
 }
 
 void Txn::FailCdbSessions(bool fail) {
@@ -186,7 +208,7 @@ void EndTxn(int thandle) {
       reg.cursor_owner.erase(id);
       std::free(cursor.path);  // a cursor left open: its path goes with the transaction
     }
-    for (void *p : txn->dups) reg.dup_owner.erase(p);
+    for (const auto &[p, item] : txn->dups) reg.dup_owner.erase(p);
     txn->cdb_sockets.clear();
     txn->cursors.clear();
   }
@@ -227,8 +249,8 @@ void ForgetCursorLocked(uint64_t id) {
   Reg().cursor_owner.erase(id);
 }
 
-void AddDupLocked(Txn &txn, void *ptr) {
-  txn.dups.insert(ptr);
+void AddDupLocked(Txn &txn, void *ptr, const char *call, const std::string &path) {
+  txn.dups.emplace(ptr, OpenItem{txn.NextSerialLocked(), "value", call, path});
   Reg().dup_owner.emplace(ptr, txn.thandle());
 }
 
@@ -329,14 +351,23 @@ bool KeypathOfPath(Txn &txn, const DataTree &tree, const ParsedPath &path, Keypa
           const std::string &kept = txn.Keep(std::move(text));
           CONFD_SET_BUF(&keys[k], kept.c_str(), kept.size());
         } else {
-          const std::string &kept = txn.Keep(std::string(text));
-          if (!ParseValue(type, kept, &keys[k], &storage, &why)) {
+          if (!ParseValue(type, text, &keys[k], &storage, &why)) {
             *error = why;
             return false;
           }
-          if (keys[k].type == C_BINARY) {
-            const std::string &bytes = txn.Keep(std::move(storage));
-            CONFD_SET_BINARY(&keys[k], bytes.data(), bytes.size());
+          switch (keys[k].type) {
+            case C_BUF:
+            case C_BINARY:
+            case C_HEXSTR:
+            case C_BITBIG: {  // the bytes live in storage: keep them
+              const std::string &bytes = txn.Keep(std::move(storage));
+              keys[k].val.buf.ptr =
+                  reinterpret_cast<unsigned char *>(const_cast<char *>(bytes.data()));
+              keys[k].val.buf.size = static_cast<unsigned int>(bytes.size());
+              break;
+            }
+            default:
+              break;
           }
         }
       }
@@ -377,21 +408,22 @@ bool KeypathOfNode(const DNode &node, KeypathBuilder *kp) {
   return true;
 }
 
-bool FormatKeypath(const SchemaIndex *schema, const confd_hkeypath_t &kp, std::string *out) {
+void FormatKeypath(const SchemaIndex *schema, const confd_hkeypath_t &kp, std::string *out,
+                   int len) {
   uint32_t ns = 0;
   const SNode *s = schema ? &schema->root() : nullptr;
-  for (int i = kp.len - 1; i >= 0; --i) {
+  const int first = kp.len - 1;
+  const int last = len < 0 || len > kp.len ? 0 : kp.len - len;
+  for (int i = first; i >= last && i >= 0; --i) {
     const confd_value_t *e = kp.v[i];
     if (e[0].type == C_XMLTAG) {
       if (s != nullptr) s = s->ChildByTag(e[0].val.xmltag.tag, e[0].val.xmltag.ns);
-      const std::string *name = TagName(e[0].val.xmltag.tag);
-      if (name == nullptr) return false;
       *out += '/';
-      if (i != kp.len - 1 && e[0].val.xmltag.ns != ns) {
-        const std::string *module = NsModule(e[0].val.xmltag.ns);
-        if (module != nullptr) *out += *module + ":";
+      if (i != first && e[0].val.xmltag.ns != ns) {
+        const std::string *prefix = NsPrefix(e[0].val.xmltag.ns);
+        if (prefix != nullptr) *out += *prefix + ":";
       }
-      *out += *name;
+      PrettyValue(e[0], out);  // the name, or tag<N> for an unknown one
       ns = e[0].val.xmltag.ns;
       continue;
     }
@@ -404,17 +436,16 @@ bool FormatKeypath(const SchemaIndex *schema, const confd_hkeypath_t &kp, std::s
         type = &s->type;
       }
       std::string text;
-      if (!FormatValue(e[k], type, &text)) return false;
+      if (!FormatValue(e[k], type, &text)) PrettyValue(e[k], &text);
       if (k) *out += ' ';
       AppendQuotedKey(text, out);
     }
     *out += '}';
   }
-  return true;
 }
 
 }  // namespace ipapp::store
 
-extern "C" const char *confd_lasterr(void) {
-  return ipapp::store::last_error.c_str();
+extern "C" char *confd_lasterr(void) {
+  return ipapp::store::last_error.data();
 }

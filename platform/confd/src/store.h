@@ -44,6 +44,16 @@ struct Resources {
   int cursors = 0;
   int cdb_sessions = 0;
   int dup_values = 0;
+  int xpath_results = 0;
+};
+
+/// Something a call handed out that its caller has to give back (destroy,
+/// end, free): what a leak report names.
+struct OpenItem {
+  uint64_t serial = 0;       ///< order of opening, unique per transaction
+  const char *kind = "";     ///< "cursor", "CDB session", "value", "XPath result"
+  const char *call = "";     ///< the call that handed it out
+  std::string path;          ///< the path (or expression) it concerns
 };
 
 /// State of an initialised cursor.
@@ -52,11 +62,13 @@ struct CursorState {
   const SNode *s = nullptr;
   size_t next = 0;       ///< entry the next read hands out
   char *path = nullptr;  ///< the caller's mc->path; freed here if never destroyed
+  uint64_t serial = 0;
 };
 
 struct CdbSocket {
   bool session = false;
   const DataTree *tree = nullptr;
+  uint64_t serial = 0;  ///< of the session, while one is started
 };
 
 /// One transaction. Trees are immutable once built; everything else is
@@ -86,6 +98,8 @@ class Txn {
   std::vector<TraceRecord> Trace() const;
   void ClearTrace();
   Resources Open() const;
+  /// What is open, in the order it was opened.
+  std::vector<OpenItem> OpenItems() const;
 
   void FailCdbSessions(bool fail);
   bool fail_cdb_sessions() const;  ///< with the store lock held
@@ -97,9 +111,13 @@ class Txn {
 
   // Below: the store's bookkeeping, only with the store lock held.
   void AddTraceLocked(const char *call, std::string path, int result, std::string detail);
+  uint64_t NextSerialLocked() { return ++serial_; }
   std::unordered_map<uint64_t, CursorState> cursors;
   std::unordered_map<int, CdbSocket> cdb_sockets;
-  std::unordered_set<void *> dups;
+  std::unordered_map<void *, OpenItem> dups;
+  /// Empty XPath results: handed out, never freed by the element's
+  /// plug-ins; released with the transaction.
+  std::unordered_map<char *, OpenItem> xpath_results;
 
  private:
   int thandle_;
@@ -116,6 +134,7 @@ class Txn {
   bool fail_maapi_ = false;
   std::deque<std::unique_ptr<confd_trans_ctx>> contexts_;
   std::deque<std::string> kept_;
+  uint64_t serial_ = 0;
 };
 
 /// The store's one lock: registry and per-transaction bookkeeping.
@@ -135,8 +154,9 @@ std::shared_ptr<Txn> FindCdbSocketLocked(int sock);
 std::shared_ptr<Txn> FindCursorLocked(uint64_t id);
 uint64_t NewCursorIdLocked(int thandle);
 void ForgetCursorLocked(uint64_t id);
-/// Registers a buffer duplicated for the caller of a read.
-void AddDupLocked(Txn &txn, void *ptr);
+/// Registers what a read allocated for its caller (call and path name it
+/// in leak reports).
+void AddDupLocked(Txn &txn, void *ptr, const char *call, const std::string &path);
 /// Releases a duplicated buffer; false for a pointer the store did not hand out.
 bool FreeDup(void *ptr);
 
@@ -174,10 +194,13 @@ bool KeypathOfPath(Txn &txn, const DataTree &tree, const ParsedPath &path, Keypa
                    std::string *error);
 /// The keypath of a data node.
 bool KeypathOfNode(const DNode &node, KeypathBuilder *kp);
-/// confd_pp_kpath text of a keypath. Keys print by the types of their
-/// leaves in schema (found through the keypath's tags); where schema is null
-/// or does not hold the element, enumeration keys print as numbers.
-bool FormatKeypath(const SchemaIndex *schema, const confd_hkeypath_t &kp, std::string *out);
+/// confd_pp_kpath text of a keypath, or of its first len elements (from the
+/// root; all when len < 0). Keys print by the types of their leaves in
+/// schema (found through the keypath's tags); where schema is null or does
+/// not hold the element, enumeration keys print as numbers. An unknown tag
+/// prints as "tag<N>".
+void FormatKeypath(const SchemaIndex *schema, const confd_hkeypath_t &kp, std::string *out,
+                   int len = -1);
 
 /// Sets confd_errno and this thread's confd_lasterr() text.
 void SetLastError(int err, std::string text);

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstring>
 #include <limits>
+#include <string>
 
 namespace ipapp::store {
 namespace {
@@ -80,24 +81,320 @@ bool ParseAddrAndLen(std::string_view text, int family, void *addr, int max_len,
   return true;
 }
 
+int Nibble(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return -1;
+}
+
+// "xx:xx:..." (empty text: no bytes).
 bool ParseHex(std::string_view text, std::string *bytes, std::string *error) {
   bytes->clear();
-  auto nibble = [](char c) -> int {
-    if (c >= '0' && c <= '9') return c - '0';
-    if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-    return -1;
-  };
   for (size_t i = 0; i < text.size();) {
-    if (i + 1 >= text.size() || nibble(text[i]) < 0 || nibble(text[i + 1]) < 0 ||
+    if (i + 1 >= text.size() || Nibble(text[i]) < 0 || Nibble(text[i + 1]) < 0 ||
         (i + 2 < text.size() && text[i + 2] != ':') || (i + 2 == text.size() - 1)) {
       *error = "not a hex string (xx:xx:...)";
       return false;
     }
-    bytes->push_back(static_cast<char>(nibble(text[i]) * 16 + nibble(text[i + 1])));
+    bytes->push_back(static_cast<char>(Nibble(text[i]) * 16 + Nibble(text[i + 1])));
     i += 3;
   }
   return true;
+}
+
+constexpr char kBase64[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+
+bool ParseBase64(std::string_view text, std::string *bytes, std::string *error) {
+  bytes->clear();
+  uint32_t acc = 0;
+  int bits = 0;
+  size_t pad = 0;
+  size_t digits = 0;
+  for (char c : text) {
+    if (c == '\n' || c == '\r' || c == ' ') continue;
+    if (c == '=') {
+      ++pad;
+      continue;
+    }
+    const char *at = c ? std::strchr(kBase64, c) : nullptr;
+    if (at == nullptr || pad > 0) {
+      *error = "not base64";
+      return false;
+    }
+    ++digits;
+    acc = (acc << 6) | static_cast<uint32_t>(at - kBase64);
+    bits += 6;
+    if (bits >= 8) {
+      bits -= 8;
+      bytes->push_back(static_cast<char>((acc >> bits) & 0xFF));
+    }
+  }
+  if ((digits + pad) % 4 != 0 || pad > 2) {
+    *error = "not base64";
+    return false;
+  }
+  return true;
+}
+
+void AppendBase64(const unsigned char *p, size_t n, std::string *out) {
+  for (size_t i = 0; i < n; i += 3) {
+    uint32_t chunk = static_cast<uint32_t>(p[i]) << 16;
+    if (i + 1 < n) chunk |= static_cast<uint32_t>(p[i + 1]) << 8;
+    if (i + 2 < n) chunk |= p[i + 2];
+    out->push_back(kBase64[(chunk >> 18) & 63]);
+    out->push_back(kBase64[(chunk >> 12) & 63]);
+    out->push_back(i + 1 < n ? kBase64[(chunk >> 6) & 63] : '=');
+    out->push_back(i + 2 < n ? kBase64[chunk & 63] : '=');
+  }
+}
+
+void AppendHex(const unsigned char *p, size_t n, const char *sep, bool upper, std::string *out) {
+  const char *digits = upper ? "0123456789ABCDEF" : "0123456789abcdef";
+  for (size_t i = 0; i < n; ++i) {
+    if (i != 0) out->append(sep);
+    out->push_back(digits[p[i] >> 4]);
+    out->push_back(digits[p[i] & 15]);
+  }
+}
+
+// Fixed-width decimal field of text at pos; advances pos.
+bool Digits(std::string_view text, size_t *pos, int width, int *out) {
+  if (*pos + width > text.size()) return false;
+  int v = 0;
+  for (int i = 0; i < width; ++i) {
+    char c = text[*pos + i];
+    if (c < '0' || c > '9') return false;
+    v = v * 10 + (c - '0');
+  }
+  *pos += width;
+  *out = v;
+  return true;
+}
+
+bool Expect(std::string_view text, size_t *pos, char c) {
+  if (*pos >= text.size() || text[*pos] != c) return false;
+  ++*pos;
+  return true;
+}
+
+// "Z", "+hh:mm", "-hh:mm" ("-00:00": no time zone known).
+bool ParseZone(std::string_view text, size_t *pos, int8_t *hours, int8_t *minutes) {
+  if (*pos == text.size()) {
+    *hours = CONFD_TIMEZONE_UNDEF;
+    *minutes = 0;
+    return true;
+  }
+  if (text[*pos] == 'Z') {
+    ++*pos;
+    *hours = 0;
+    *minutes = 0;
+    return *pos == text.size();
+  }
+  char sign = text[*pos];
+  if (sign != '+' && sign != '-') return false;
+  ++*pos;
+  int h, m;
+  if (!Digits(text, pos, 2, &h) || !Expect(text, pos, ':') || !Digits(text, pos, 2, &m) ||
+      *pos != text.size() || h > 14 || m > 59) {
+    return false;
+  }
+  if (sign == '-' && h == 0 && m == 0) {
+    *hours = CONFD_TIMEZONE_UNDEF;
+    *minutes = 0;
+  } else if (h != 0) {
+    *hours = static_cast<int8_t>(sign == '-' ? -h : h);
+    *minutes = static_cast<int8_t>(m);
+  } else {
+    *hours = 0;
+    *minutes = static_cast<int8_t>(sign == '-' ? -m : m);
+  }
+  return true;
+}
+
+void AppendZone(int hours, int minutes, std::string *out) {
+  char buf[16];
+  if (hours == CONFD_TIMEZONE_UNDEF) {
+    out->append("-00:00");
+  } else if (hours == 0 && minutes == 0) {
+    out->push_back('Z');
+  } else {
+    bool neg = hours < 0 || (hours == 0 && minutes < 0);
+    std::snprintf(buf, sizeof buf, "%c%02d:%02d", neg ? '-' : '+', hours < 0 ? -hours : hours,
+                  minutes < 0 ? -minutes : minutes);
+    out->append(buf);
+  }
+}
+
+bool ParseDateTime(std::string_view text, confd_datetime *dt) {
+  size_t pos = 0;
+  int year, month, day, hour, min, sec;
+  if (!Digits(text, &pos, 4, &year) || !Expect(text, &pos, '-') || !Digits(text, &pos, 2, &month) ||
+      !Expect(text, &pos, '-') || !Digits(text, &pos, 2, &day) || !Expect(text, &pos, 'T') ||
+      !Digits(text, &pos, 2, &hour) || !Expect(text, &pos, ':') || !Digits(text, &pos, 2, &min) ||
+      !Expect(text, &pos, ':') || !Digits(text, &pos, 2, &sec)) {
+    return false;
+  }
+  uint32_t micro = 0;
+  if (pos < text.size() && text[pos] == '.') {
+    ++pos;
+    int n = 0;
+    while (pos < text.size() && text[pos] >= '0' && text[pos] <= '9') {
+      if (n < 6) micro = micro * 10 + static_cast<uint32_t>(text[pos] - '0');
+      ++n;
+      ++pos;
+    }
+    if (n == 0) return false;
+    for (; n < 6; ++n) micro *= 10;
+  }
+  std::memset(dt, 0, sizeof *dt);
+  dt->year = static_cast<int16_t>(year);
+  dt->month = static_cast<uint8_t>(month);
+  dt->day = static_cast<uint8_t>(day);
+  dt->hour = static_cast<uint8_t>(hour);
+  dt->min = static_cast<uint8_t>(min);
+  dt->sec = static_cast<uint8_t>(sec);
+  dt->micro = micro;
+  return month >= 1 && month <= 12 && day >= 1 && day <= 31 && hour <= 23 && min <= 59 &&
+         sec <= 60 && ParseZone(text, &pos, &dt->timezone, &dt->timezone_minutes);
+}
+
+void AppendDateTime(const confd_datetime &dt, std::string *out) {
+  char buf[48];
+  std::snprintf(buf, sizeof buf, "%04d-%02u-%02uT%02u:%02u:%02u", dt.year, dt.month, dt.day,
+                dt.hour, dt.min, dt.sec);
+  out->append(buf);
+  if (dt.micro != 0) {
+    std::snprintf(buf, sizeof buf, ".%06u", dt.micro % 1000000);
+    std::string frac(buf);
+    while (frac.back() == '0') frac.pop_back();
+    out->append(frac);
+  }
+  AppendZone(dt.timezone, dt.timezone_minutes, out);
+}
+
+bool ParseDecimal64(std::string_view text, uint8_t fd, confd_decimal64 *d, std::string *error) {
+  size_t i = 0;
+  bool neg = false;
+  if (i < text.size() && (text[i] == '-' || text[i] == '+')) neg = text[i++] == '-';
+  uint64_t value = 0;
+  int int_digits = 0;
+  int frac_digits = 0;
+  bool point = false;
+  for (; i < text.size(); ++i) {
+    char c = text[i];
+    if (c == '.' && !point) {
+      point = true;
+      continue;
+    }
+    if (c < '0' || c > '9' || (point && frac_digits == fd)) {
+      *error = "not a decimal64 with " + std::to_string(fd) + " fraction digits";
+      return false;
+    }
+    if (value > (std::numeric_limits<uint64_t>::max() / 10)) {
+      *error = "out of range";
+      return false;
+    }
+    value = value * 10 + static_cast<uint64_t>(c - '0');
+    (point ? frac_digits : int_digits)++;
+  }
+  if (int_digits == 0 && frac_digits == 0) {
+    *error = "not a number";
+    return false;
+  }
+  for (; frac_digits < fd; ++frac_digits) {
+    if (value > std::numeric_limits<uint64_t>::max() / 10) {
+      *error = "out of range";
+      return false;
+    }
+    value *= 10;
+  }
+  if (value > static_cast<uint64_t>(std::numeric_limits<int64_t>::max())) {
+    *error = "out of range";
+    return false;
+  }
+  d->value = neg ? -static_cast<int64_t>(value) : static_cast<int64_t>(value);
+  d->fraction_digits = fd;
+  return true;
+}
+
+void AppendDecimal64(const confd_decimal64 &d, std::string *out) {
+  uint64_t mag = d.value < 0 ? 0 - static_cast<uint64_t>(d.value) : static_cast<uint64_t>(d.value);
+  uint64_t scale = 1;
+  for (int i = 0; i < d.fraction_digits; ++i) scale *= 10;
+  std::string frac = std::to_string(mag % scale + scale).substr(1);  // leading zeros kept
+  while (frac.size() > 1 && frac.back() == '0') frac.pop_back();
+  if (frac.empty()) frac = "0";
+  if (d.value < 0) out->push_back('-');
+  *out += std::to_string(mag / scale) + "." + frac;
+}
+
+bool ParseBits(const LeafType &type, std::string_view text, confd_value_t *v, std::string *storage,
+               std::string *error) {
+  uint64_t mask = 0;
+  std::string big;
+  size_t i = 0;
+  while (i < text.size()) {
+    while (i < text.size() && (text[i] == ' ' || text[i] == '\t')) ++i;
+    size_t start = i;
+    while (i < text.size() && text[i] != ' ' && text[i] != '\t') ++i;
+    if (start == i) break;
+    std::string_view name = text.substr(start, i - start);
+    const EnumItem *bit = nullptr;
+    for (const EnumItem &b : type.enums) {
+      if (name == b.name) bit = &b;
+    }
+    if (bit == nullptr) {
+      *error = "\"" + std::string(name) + "\" is not a bit of the type";
+      return false;
+    }
+    const auto pos = static_cast<uint32_t>(bit->value);
+    if (type.vtype == C_BITBIG) {
+      if (big.size() <= pos / 8) big.resize(pos / 8 + 1, '\0');
+      big[pos / 8] = static_cast<char>(big[pos / 8] | (1u << (pos % 8)));
+    } else {
+      mask |= uint64_t{1} << pos;
+    }
+  }
+  if (type.vtype == C_BIT32) {
+    CONFD_SET_BIT32(v, static_cast<uint32_t>(mask));
+  } else if (type.vtype == C_BIT64) {
+    CONFD_SET_BIT64(v, mask);
+  } else {
+    *storage = std::move(big);
+    CONFD_SET_BITBIG(v, storage->data(), storage->size());
+  }
+  return true;
+}
+
+void AppendBitNames(const LeafType &type, const confd_value_t &v, std::string *out) {
+  bool first = true;
+  for (const EnumItem &b : type.enums) {
+    const auto pos = static_cast<uint32_t>(b.value);
+    bool set;
+    if (v.type == C_BITBIG) {
+      set = pos / 8 < v.val.buf.size && (v.val.buf.ptr[pos / 8] >> (pos % 8)) & 1;
+    } else if (v.type == C_BIT32) {
+      set = pos < 32 && (v.val.b32 >> pos) & 1;
+    } else {
+      set = pos < 64 && (v.val.b64 >> pos) & 1;
+    }
+    if (!set) continue;
+    if (!first) out->push_back(' ');
+    out->append(b.name);
+    first = false;
+  }
+}
+
+const LeafType *MemberOfType(const LeafType &type, int vtype) {
+  for (const LeafType &m : type.members) {
+    if (m.vtype == C_UNION) {
+      if (const LeafType *inner = MemberOfType(m, vtype)) return inner;
+    } else if (m.vtype == vtype || (m.vtype == C_EMPTY && vtype == C_XMLTAG)) {
+      return &m;
+    }
+  }
+  return nullptr;
 }
 
 template <typename T>
@@ -106,7 +403,7 @@ int Cmp(T a, T b) {
 }
 
 int CmpBytes(const void *a, size_t na, const void *b, size_t nb) {
-  int c = std::memcmp(a, b, na < nb ? na : nb);
+  int c = na && nb ? std::memcmp(a, b, na < nb ? na : nb) : 0;
   if (c != 0) return c < 0 ? -1 : 1;
   return Cmp(na, nb);
 }
@@ -157,6 +454,13 @@ bool ParseValue(const LeafType &type, std::string_view text, confd_value_t *v, s
       }
       CONFD_SET_BOOL(v, text == "true");
       return true;
+    case C_EMPTY:
+      if (!text.empty()) {
+        *error = "a value of type empty has no text";
+        return false;
+      }
+      CONFD_SET_EMPTY(v);
+      return true;
     case C_ENUM_VALUE:
       for (const EnumItem &e : type.enums) {
         if (text == e.name) {
@@ -175,6 +479,10 @@ bool ParseValue(const LeafType &type, std::string_view text, confd_value_t *v, s
       }
       *error = "not a value of the enumeration";
       return false;
+    case C_BIT32:
+    case C_BIT64:
+    case C_BITBIG:
+      return ParseBits(type, text, v, storage, error);
     case C_IPV4: {
       struct in_addr a;
       if (inet_pton(AF_INET, std::string(text).c_str(), &a) != 1) {
@@ -193,22 +501,78 @@ bool ParseValue(const LeafType &type, std::string_view text, confd_value_t *v, s
       CONFD_SET_IPV6(v, a);
       return true;
     }
-    case C_IPV4_AND_PLEN: {
+    case C_IPV4_AND_PLEN:
+    case C_IPV4PREFIX: {
       struct confd_ipv4_prefix p {};
       if (!ParseAddrAndLen(text, AF_INET, &p.ip, 32, &p.len, error)) return false;
-      CONFD_SET_IPV4_AND_PLEN(v, p);
+      v->type = type.vtype;
+      v->val.ipv4prefix = p;
       return true;
     }
-    case C_IPV6_AND_PLEN: {
+    case C_IPV6_AND_PLEN:
+    case C_IPV6PREFIX: {
       struct confd_ipv6_prefix p {};
       if (!ParseAddrAndLen(text, AF_INET6, &p.ip6, 128, &p.len, error)) return false;
-      CONFD_SET_IPV6_AND_PLEN(v, p);
+      v->type = type.vtype;
+      v->val.ipv6prefix = p;
       return true;
     }
+    case C_DQUAD: {
+      struct in_addr a;
+      if (inet_pton(AF_INET, std::string(text).c_str(), &a) != 1) {
+        *error = "not a dotted quad";
+        return false;
+      }
+      struct confd_dotted_quad q;
+      std::memcpy(q.quad, &a, 4);
+      CONFD_SET_DQUAD(v, q);
+      return true;
+    }
+    case C_DATETIME: {
+      struct confd_datetime dt;
+      if (!ParseDateTime(text, &dt)) {
+        *error = "not a date-and-time";
+        return false;
+      }
+      CONFD_SET_DATETIME(v, dt);
+      return true;
+    }
+    case C_DECIMAL64: {
+      struct confd_decimal64 d;
+      if (!ParseDecimal64(text, type.fraction_digits, &d, error)) return false;
+      CONFD_SET_DECIMAL64(v, d);
+      return true;
+    }
+    case C_IDENTITYREF: {
+      size_t colon = text.find(':');
+      std::string_view qual = colon == std::string_view::npos ? "" : text.substr(0, colon);
+      std::string_view name = colon == std::string_view::npos ? text : text.substr(colon + 1);
+      for (const IdentItem &id : type.idents) {
+        if (name == id.name && (qual.empty() || qual == id.prefix || qual == id.module)) {
+          CONFD_SET_IDENTITYREF(v, (confd_identityref{id.ns, id.id}));
+          return true;
+        }
+      }
+      *error = "not an identity the identityref may name";
+      return false;
+    }
     case C_BINARY:
-      if (!ParseHex(text, storage, error)) return false;
+      if (!(type.base64 ? ParseBase64(text, storage, error) : ParseHex(text, storage, error))) {
+        return false;
+      }
       CONFD_SET_BINARY(v, storage->data(), storage->size());
       return true;
+    case C_HEXSTR:
+      if (!ParseHex(text, storage, error)) return false;
+      CONFD_SET_HEXSTR(v, storage->data(), storage->size());
+      return true;
+    case C_UNION:
+      for (const LeafType &m : type.members) {
+        std::string why;
+        if (ParseValue(m, text, v, storage, &why)) return true;
+      }
+      *error = "matches no member type of the union";
+      return false;
     default:
       storage->assign(text);
       CONFD_SET_BUF(v, storage->c_str(), storage->size());
@@ -217,6 +581,7 @@ bool ParseValue(const LeafType &type, std::string_view text, confd_value_t *v, s
 }
 
 bool FormatValue(const confd_value_t &v, const LeafType *type, std::string *out) {
+  if (type != nullptr && type->vtype == C_UNION) type = MemberOfType(*type, v.type);
   char buf[INET6_ADDRSTRLEN + 8];
   switch (v.type) {
     case C_BUF:
@@ -254,6 +619,8 @@ bool FormatValue(const confd_value_t &v, const LeafType *type, std::string *out)
     case C_BOOL:
       *out += v.val.boolean ? "true" : "false";
       return true;
+    case C_EMPTY:
+      return true;
     case C_ENUM_VALUE:
       if (type != nullptr) {
         for (const EnumItem &e : type->enums) {
@@ -265,12 +632,25 @@ bool FormatValue(const confd_value_t &v, const LeafType *type, std::string *out)
       }
       *out += std::to_string(v.val.enumvalue);
       return true;
+    case C_BIT32:
+    case C_BIT64:
+    case C_BITBIG:
+      if (type == nullptr) {
+        PrettyValue(v, out);
+      } else {
+        AppendBitNames(*type, v, out);
+      }
+      return true;
     case C_IPV4:
       inet_ntop(AF_INET, &v.val.ip, buf, sizeof buf);
       *out += buf;
       return true;
     case C_IPV6:
       inet_ntop(AF_INET6, &v.val.ip6, buf, sizeof buf);
+      *out += buf;
+      return true;
+    case C_DQUAD:
+      inet_ntop(AF_INET, v.val.dquad.quad, buf, sizeof buf);
       *out += buf;
       return true;
     case C_IPV4_AND_PLEN:
@@ -288,11 +668,37 @@ bool FormatValue(const confd_value_t &v, const LeafType *type, std::string *out)
       *out += std::to_string(v.val.ipv6prefix.len);
       return true;
     case C_BINARY:
-      for (unsigned i = 0; i < v.val.buf.size; ++i) {
-        std::snprintf(buf, sizeof buf, i ? ":%02x" : "%02x", v.val.buf.ptr[i]);
-        *out += buf;
+      if (type != nullptr && type->base64) {
+        AppendBase64(v.val.buf.ptr, v.val.buf.size, out);
+      } else {
+        AppendHex(v.val.buf.ptr, v.val.buf.size, ":", false, out);
       }
       return true;
+    case C_HEXSTR:
+      AppendHex(v.val.buf.ptr, v.val.buf.size, ":", false, out);
+      return true;
+    case C_DATETIME:
+      AppendDateTime(v.val.datetime, out);
+      return true;
+    case C_DECIMAL64:
+      AppendDecimal64(v.val.d64, out);
+      return true;
+    case C_IDENTITYREF: {
+      if (type != nullptr) {
+        for (const IdentItem &id : type->idents) {
+          if (id.ns == v.val.idref.ns && id.id == v.val.idref.id) {
+            *out += id.prefix + ":" + id.name;
+            return true;
+          }
+        }
+      }
+      const std::string *prefix = NsPrefix(v.val.idref.ns);
+      const std::string *name = TagName(v.val.idref.id);
+      if (name == nullptr) return false;
+      if (prefix != nullptr) *out += *prefix + ":";
+      *out += *name;
+      return true;
+    }
     case C_XMLTAG: {
       const std::string *name = TagName(v.val.xmltag.tag);
       if (name == nullptr) return false;
@@ -301,6 +707,106 @@ bool FormatValue(const confd_value_t &v, const LeafType *type, std::string *out)
     }
     default:
       return false;
+  }
+}
+
+void PrettyValue(const confd_value_t &v, std::string *out) {
+  char buf[64];
+  switch (v.type) {
+    case C_ENUM_VALUE:
+      *out += "enum<" + std::to_string(v.val.enumvalue) + ">";
+      return;
+    case C_BIT32:
+      std::snprintf(buf, sizeof buf, "bits<%X>", v.val.b32);
+      *out += buf;
+      return;
+    case C_BIT64:
+      std::snprintf(buf, sizeof buf, "bits<%llX>", static_cast<unsigned long long>(v.val.b64));
+      *out += buf;
+      return;
+    case C_BITBIG: {
+      // Little-endian bytes: the most significant byte is the last one.
+      std::string hex;
+      for (size_t i = v.val.buf.size; i-- > 0;) {
+        std::snprintf(buf, sizeof buf, "%02X", v.val.buf.ptr[i]);
+        hex += buf;
+      }
+      size_t lead = hex.find_first_not_of('0');
+      *out += "bits<" + (lead == std::string::npos ? std::string("0") : hex.substr(lead)) + ">";
+      return;
+    }
+    case C_BINARY:
+      AppendHex(v.val.buf.ptr, v.val.buf.size, "", true, out);
+      return;
+    case C_DECIMAL64:
+      if (v.val.d64.fraction_digits >= 1 && v.val.d64.fraction_digits <= 18) {
+        AppendDecimal64(v.val.d64, out);
+      } else {
+        *out += "invalid64<" + std::to_string(v.val.d64.value) + ">";
+      }
+      return;
+    case C_XMLTAG: {
+      const std::string *name = TagName(v.val.xmltag.tag);
+      *out += name ? *name : "tag<" + std::to_string(v.val.xmltag.tag) + ">";
+      return;
+    }
+    case C_IDENTITYREF: {
+      const std::string *name = TagName(v.val.idref.id);
+      *out += name ? *name : "idref<" + std::to_string(v.val.idref.id) + ">";
+      return;
+    }
+    case C_DOUBLE:
+      std::snprintf(buf, sizeof buf, "%.15g", v.val.d);
+      *out += buf;
+      return;
+    case C_QNAME:
+      if (v.val.qname.prefix.ptr != nullptr && v.val.qname.prefix.size > 0) {
+        out->append(reinterpret_cast<const char *>(v.val.qname.prefix.ptr),
+                    v.val.qname.prefix.size);
+        out->push_back(':');
+      }
+      if (v.val.qname.name.ptr != nullptr) {
+        out->append(reinterpret_cast<const char *>(v.val.qname.name.ptr), v.val.qname.name.size);
+      }
+      return;
+    case C_DATE:
+      std::snprintf(buf, sizeof buf, "%04d-%02u-%02u", v.val.date.year, v.val.date.month,
+                    v.val.date.day);
+      *out += buf;
+      AppendZone(v.val.date.timezone, v.val.date.timezone_minutes, out);
+      return;
+    case C_TIME:
+      std::snprintf(buf, sizeof buf, "%02u:%02u:%02u", v.val.time.hour, v.val.time.min,
+                    v.val.time.sec);
+      *out += buf;
+      AppendZone(v.val.time.timezone, v.val.time.timezone_minutes, out);
+      return;
+    case C_DURATION: {
+      const confd_duration &d = v.val.duration;
+      std::snprintf(buf, sizeof buf, "P%uY%uM%uDT%uH%uM%u.%06uS", d.years, d.months, d.days,
+                    d.hours, d.mins, d.secs, d.micros);
+      *out += buf;
+      return;
+    }
+    case C_OID:
+      if (v.val.oidp != nullptr) {
+        for (int i = 0; i < v.val.oidp->len && i < 128; ++i) {
+          if (i) out->push_back('.');
+          *out += std::to_string(v.val.oidp->oid[i]);
+        }
+      }
+      return;
+    case C_LIST:
+      for (unsigned i = 0; v.val.list.ptr != nullptr && i < v.val.list.size; ++i) {
+        if (i) out->push_back(' ');
+        PrettyValue(v.val.list.ptr[i], out);
+      }
+      return;
+    default:
+      // Text forms; values without one (C_NOEXISTS, C_DEFAULT, pointers)
+      // print as nothing.
+      FormatValue(v, nullptr, out);
+      return;
   }
 }
 
@@ -327,20 +833,46 @@ int CompareValues(const confd_value_t &a, const confd_value_t &b) {
       return Cmp(a.val.boolean != 0, b.val.boolean != 0);
     case C_ENUM_VALUE:
       return Cmp(a.val.enumvalue, b.val.enumvalue);
+    case C_BIT32:
+      return Cmp(a.val.b32, b.val.b32);
+    case C_BIT64:
+      return Cmp(a.val.b64, b.val.b64);
     case C_IPV4:
       return CmpBytes(&a.val.ip, 4, &b.val.ip, 4);
     case C_IPV6:
       return CmpBytes(&a.val.ip6, 16, &b.val.ip6, 16);
-    case C_IPV4_AND_PLEN: {
+    case C_DQUAD:
+      return CmpBytes(a.val.dquad.quad, 4, b.val.dquad.quad, 4);
+    case C_IPV4_AND_PLEN:
+    case C_IPV4PREFIX: {
       int c = CmpBytes(&a.val.ipv4prefix.ip, 4, &b.val.ipv4prefix.ip, 4);
       return c ? c : Cmp(a.val.ipv4prefix.len, b.val.ipv4prefix.len);
     }
-    case C_IPV6_AND_PLEN: {
+    case C_IPV6_AND_PLEN:
+    case C_IPV6PREFIX: {
       int c = CmpBytes(&a.val.ipv6prefix.ip6, 16, &b.val.ipv6prefix.ip6, 16);
       return c ? c : Cmp(a.val.ipv6prefix.len, b.val.ipv6prefix.len);
     }
+    case C_DECIMAL64:
+      return Cmp(a.val.d64.value, b.val.d64.value);
+    case C_IDENTITYREF: {
+      int c = Cmp(a.val.idref.ns, b.val.idref.ns);
+      return c ? c : Cmp(a.val.idref.id, b.val.idref.id);
+    }
+    case C_DATETIME: {
+      const confd_datetime &x = a.val.datetime;
+      const confd_datetime &y = b.val.datetime;
+      const int64_t kx[] = {x.year, x.month, x.day, x.hour, x.min, x.sec, x.micro};
+      const int64_t ky[] = {y.year, y.month, y.day, y.hour, y.min, y.sec, y.micro};
+      for (int i = 0; i < 7; ++i) {
+        if (int c = Cmp(kx[i], ky[i])) return c;
+      }
+      return 0;
+    }
     case C_BUF:
     case C_BINARY:
+    case C_HEXSTR:
+    case C_BITBIG:
       return CmpBytes(a.val.buf.ptr, a.val.buf.size, b.val.buf.ptr, b.val.buf.size);
     default:
       return 0;
@@ -348,48 +880,21 @@ int CompareValues(const confd_value_t &a, const confd_value_t &b) {
 }
 
 const char *VtypeName(int vtype) {
-  switch (vtype) {
-    case C_NOEXISTS:
-      return "C_NOEXISTS";
-    case C_XMLTAG:
-      return "C_XMLTAG";
-    case C_STR:
-      return "C_STR";
-    case C_BUF:
-      return "C_BUF";
-    case C_INT8:
-      return "C_INT8";
-    case C_INT16:
-      return "C_INT16";
-    case C_INT32:
-      return "C_INT32";
-    case C_INT64:
-      return "C_INT64";
-    case C_UINT8:
-      return "C_UINT8";
-    case C_UINT16:
-      return "C_UINT16";
-    case C_UINT32:
-      return "C_UINT32";
-    case C_UINT64:
-      return "C_UINT64";
-    case C_BOOL:
-      return "C_BOOL";
-    case C_ENUM_VALUE:
-      return "C_ENUM_VALUE";
-    case C_IPV4:
-      return "C_IPV4";
-    case C_IPV6:
-      return "C_IPV6";
-    case C_BINARY:
-      return "C_BINARY";
-    case C_IPV4_AND_PLEN:
-      return "C_IPV4_AND_PLEN";
-    case C_IPV6_AND_PLEN:
-      return "C_IPV6_AND_PLEN";
-    default:
-      return "C_?";
-  }
+  static const char *const names[] = {
+      "C_?",           "C_NOEXISTS",     "C_XMLTAG",      "C_SYMBOL",     "C_STR",
+      "C_BUF",         "C_INT8",         "C_INT16",       "C_INT32",      "C_INT64",
+      "C_UINT8",       "C_UINT16",       "C_UINT32",      "C_UINT64",     "C_DOUBLE",
+      "C_IPV4",        "C_IPV6",         "C_BOOL",        "C_QNAME",      "C_DATETIME",
+      "C_DATE",        "C_?",            "C_?",           "C_TIME",       "C_?",
+      "C_?",           "C_?",            "C_DURATION",    "C_ENUM_VALUE", "C_BIT32",
+      "C_BIT64",       "C_LIST",         "C_XMLBEGIN",    "C_XMLEND",     "C_OBJECTREF",
+      "C_UNION",       "C_PTR",          "C_CDBBEGIN",    "C_OID",        "C_BINARY",
+      "C_IPV4PREFIX",  "C_IPV6PREFIX",   "C_DEFAULT",     "C_DECIMAL64",  "C_IDENTITYREF",
+      "C_XMLBEGINDEL", "C_DQUAD",        "C_HEXSTR",      "C_IPV4_AND_PLEN", "C_IPV6_AND_PLEN",
+      "C_BITBIG",      "C_XMLMOVEFIRST", "C_XMLMOVEAFTER", "C_EMPTY",
+  };
+  static_assert(sizeof names / sizeof names[0] == C_MAXTYPE, "a name per type");
+  return vtype > 0 && vtype < C_MAXTYPE ? names[vtype] : "C_?";
 }
 
 }  // namespace ipapp::store

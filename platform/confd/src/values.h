@@ -1,6 +1,6 @@
 // Text forms of ConfD values: parsing by leaf type (path keys, data-tree
-// values), printing (confd_pp_value) and the order the store keeps list
-// entries in.
+// values), printing (paths, traces, confd_pp_value) and the order the store
+// keeps list entries in.
 #ifndef IPAPP_STORE_VALUES_H
 #define IPAPP_STORE_VALUES_H
 
@@ -13,17 +13,23 @@
 
 namespace ipapp::store {
 
-/// Parses text as a value of type. A C_BUF or C_BINARY result points into
-/// *storage, which must outlive it (and is not touched for other types).
-/// Returns false with *error saying why.
+/// Parses text as a value of type; a union takes the first member type the
+/// text parses as. A C_BUF, C_BINARY, C_HEXSTR or C_BITBIG result points
+/// into *storage, which must outlive it (and is not touched for other
+/// types). Returns false with *error saying why.
 bool ParseValue(const LeafType &type, std::string_view text, confd_value_t *v, std::string *storage,
                 std::string *error);
 
-/// Appends the text form of v; false for a value without one (C_NOEXISTS,
-/// unsupported types), leaving out as it was. An enumeration value prints
-/// as the name type gives it, as its number when type is null or does not
-/// define it: names are never guessed from other leaves' enumerations.
+/// Appends the text form of v as type writes it (data files, path keys);
+/// false for a value without one (C_NOEXISTS, C_LIST, pointers), leaving
+/// out as it was. Without a type (null) an enumeration prints as its number,
+/// a C_BINARY as colon-separated hex and bits as their mask: the path
+/// parser reads all three back.
 bool FormatValue(const confd_value_t &v, const LeafType *type, std::string *out);
+
+/// Appends v as confd_pp_value prints it: no schema, every type has a text
+/// (confd_lib_lib(3)).
+void PrettyValue(const confd_value_t &v, std::string *out);
 
 /// Orders two values of one type: numbers numerically, strings and binaries
 /// bytewise, addresses by their bytes and then the prefix length.
