@@ -114,6 +114,17 @@ void PrintText(std::ostream &out, const Report &report, bool trace) {
     if (count > 1) out << " (recorded " << count << " times)";
     out << "\n";
   }
+  // What a validation left open, one line per validation: on the element
+  // each of these leaks on every commit.
+  for (const Invocation &inv : report.invocations) {
+    if (inv.leaks.empty()) continue;
+    out << "warning: " << inv.validation << " " << inv.keypath << " left open:";
+    for (size_t i = 0; i < inv.leaks.size(); ++i) {
+      const ipapp::host::OpenItem &leak = inv.leaks[i];
+      out << (i ? "; " : " ") << leak.kind << " of " << leak.call << " " << leak.path;
+    }
+    out << "\n";
+  }
   if (trace) {
     for (const Invocation &inv : report.invocations) PrintTrace(out, inv);
   }
@@ -142,6 +153,10 @@ nlohmann::json ToJson(const Report &report, bool trace) {
   for (const Invocation &inv : report.invocations) {
     nlohmann::json item = {
         {"validation", inv.validation}, {"keypath", inv.keypath}, {"result", inv.result}};
+    item["leaks"] = nlohmann::json::array();
+    for (const ipapp::host::OpenItem &leak : inv.leaks) {
+      item["leaks"].push_back({{"kind", leak.kind}, {"call", leak.call}, {"path", leak.path}});
+    }
     if (trace) {
       item["trace"] = nlohmann::json::array();
       for (const ipapp::host::TraceEntry &e : inv.trace) {

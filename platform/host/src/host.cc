@@ -216,7 +216,15 @@ class TransactionImpl : public Transaction {
 
   OpenResources Open() const override {
     store::Resources r = txn_->Open();
-    return {r.cursors, r.cdb_sessions, r.dup_values};
+    return {r.cursors, r.cdb_sessions, r.dup_values, r.xpath_results};
+  }
+
+  std::vector<OpenItem> OpenItems() const override {
+    std::vector<OpenItem> out;
+    for (store::OpenItem &item : txn_->OpenItems()) {
+      out.push_back({item.serial, item.kind, item.call, std::move(item.path)});
+    }
+    return out;
   }
 
   void FailCdbSessions(bool fail) override { txn_->FailCdbSessions(fail); }

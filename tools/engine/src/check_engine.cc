@@ -2,6 +2,7 @@
 
 #include <dlfcn.h>
 
+#include <algorithm>
 #include <array>
 #include <cstring>
 
@@ -121,6 +122,11 @@ Report RunCommit(const Plugin &plugin, const host::Schema &schema, host::Transac
     newval.type = C_NOEXISTS;
     tx.ClearError();
     tx.ClearTrace();
+    // Anything open after the callback that was not open before it is its leak.
+    uint64_t opened_before = 0;
+    for (const host::OpenItem &item : tx.OpenItems()) {
+      opened_before = std::max(opened_before, item.id);
+    }
     if (options.before_each) options.before_each(inv.validation, inv.keypath);
     try {
       inv.result = plugin.Validate(tx.Context(call.validation), &kp, &newval);
@@ -133,6 +139,9 @@ Report RunCommit(const Plugin &plugin, const host::Schema &schema, host::Transac
       inv.error = "unknown exception";
     }
     if (options.trace) inv.trace = tx.Trace();
+    for (host::OpenItem &item : tx.OpenItems()) {
+      if (item.id > opened_before) inv.leaks.push_back(std::move(item));
+    }
     bool stop = inv.failed || (inv.result != 0 && !options.keep_going);
     report.invocations.push_back(std::move(inv));
     if (stop) break;

@@ -92,12 +92,24 @@ struct TraceEntry {
   std::string detail;  ///< value read or reason, in text (may be empty)
 };
 
-/// What is open in a transaction.
+/// What is open in a transaction: what the element would leak if the
+/// transaction ended now.
 struct OpenResources {
-  int cursors = 0;       ///< initialised and not destroyed
-  int cdb_sessions = 0;  ///< started and not ended
-  int dup_values = 0;    ///< values duplicated by a read and not freed
-  bool empty() const { return cursors == 0 && cdb_sessions == 0 && dup_values == 0; }
+  int cursors = 0;        ///< initialised and not destroyed
+  int cdb_sessions = 0;   ///< started and not ended
+  int dup_values = 0;     ///< values duplicated by a read and not freed
+  int xpath_results = 0;  ///< empty XPath results handed out (never freed by the plug-ins)
+  bool empty() const {
+    return cursors == 0 && cdb_sessions == 0 && dup_values == 0 && xpath_results == 0;
+  }
+};
+
+/// One open resource, as a leak report names it.
+struct OpenItem {
+  uint64_t id = 0;    ///< unique per transaction, in the order opened
+  std::string kind;   ///< "cursor", "CDB session", "value", "XPath result"
+  std::string call;   ///< the call that opened it, e.g. "maapi_init_cursor"
+  std::string path;   ///< the path (an XPath result: "expr in context")
 };
 
 /// A transaction under validation: the running store (read through CDB) and
@@ -130,6 +142,8 @@ class Transaction {
   virtual std::vector<TraceEntry> Trace() const = 0;
   virtual void ClearTrace() = 0;
   virtual OpenResources Open() const = 0;
+  /// What is open, in the order it was opened.
+  virtual std::vector<OpenItem> OpenItems() const = 0;
 
   /// Makes every following CDB session open fail (KxConfdCdbSession throws).
   virtual void FailCdbSessions(bool fail) = 0;

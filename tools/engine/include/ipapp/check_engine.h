@@ -70,6 +70,9 @@ struct Invocation {
   std::string error;    ///< the transaction's error text, or the exception's text
   bool failed = false;  ///< an exception left validate
   std::vector<host::TraceEntry> trace;  ///< data-store calls, when asked for
+  /// What the callback opened and left open (a cursor not destroyed, a value
+  /// not freed, an empty XPath result): on the element each one leaks.
+  std::vector<host::OpenItem> leaks;
 };
 
 struct Options {
