@@ -30,6 +30,25 @@ inline std::string ExampleConfig() {
   return DataFile("interfaces.xml") + DataFile("internal.xml") + DataFile("routes.xml");
 }
 
+/// The test module of data/types (store-types, prefix st): a leaf of every
+/// kind of type the store maps.
+inline std::shared_ptr<const host::Schema> TypesSchema() {
+  static std::shared_ptr<const host::Schema> schema =
+      host::Schema::Load(std::string(IPAPP_PLATFORM_DATA_DIR) + "/types");
+  return schema;
+}
+
+/// store-types data: the <types> container with the given leaves.
+inline std::string Types(const std::string &leaves) {
+  return "<types xmlns=\"urn:ipapp:store-types\">" + leaves + "</types>";
+}
+
+/// store-types data: one <item> list entry with the given contents.
+inline std::string Item(const std::string &contents) {
+  return "<item xmlns=\"urn:ipapp:store-types\">" + contents + "</item>";
+}
+
+/// confd_pp_value text.
 inline std::string Text(const confd_value_t &v) {
   char buf[256] = "(unset)";
   confd_pp_value(buf, sizeof buf, &v);
@@ -52,6 +71,15 @@ class StoreTest : public ::testing::Test {
     th_ = ctx_->thandle;
   }
   void Load(const std::string &config) { Load(config, config); }
+  /// A transaction of the store-types module.
+  void LoadTypes(const std::string &running, const std::string &candidate) {
+    tx_ = host::Transaction::Create(TypesSchema(), host::DataSource::Xml(running, "<running>"),
+                                    host::DataSource::Xml(candidate, "<candidate>"));
+    ctx_ = tx_->Context("test");
+    host_ = static_cast<kxconfd_t *>(ctx_->vcb_opaque);
+    sock_ = kxconfd_maapi_socket_get(host_);
+    th_ = ctx_->thandle;
+  }
 
   /// maapi_get_elem as text; "<error>" with the error text when it fails.
   std::string Get(const std::string &path) {

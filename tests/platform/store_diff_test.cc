@@ -28,7 +28,8 @@ struct Recorder {
     static const char *const names[] = {"?", "CREATED", "DELETED", "MODIFIED", "VALUE_SET"};
     std::string path = KeypathText(*kp);
     std::string line = std::string(names[op]) + " " + path;
-    if (oldv || newv) line += " " + (oldv ? Text(*oldv) : "-") + "->" + (newv ? Text(*newv) : "-");
+    if (oldv != nullptr) line += " oldv!";  // confd_lib_maapi(3): always NULL
+    if (newv != nullptr) line += " =" + Text(*newv);
     // Callbacks read fixed depths without looking at len: every element
     // beyond the path must read as absent, or they read garbage.
     for (int i = kp->len; i < MAXDEPTH; ++i) {
@@ -51,16 +52,17 @@ __attribute__((noinline)) void DirtyStack() {
 
 class StoreDiffTest : public StoreTest {
  protected:
-  std::vector<std::string> Diff(const std::string &path, Recorder *rec) {
+  std::vector<std::string> Diff(const std::string &path, Recorder *rec, int flags = 0) {
     DirtyStack();
-    EXPECT_EQ(maapi_keypath_diff_iterate(sock_, th_, Recorder::Iter, 0, rec, "%s", path.c_str()),
-              CONFD_OK)
+    EXPECT_EQ(
+        maapi_keypath_diff_iterate(sock_, th_, Recorder::Iter, flags, rec, "%s", path.c_str()),
+        CONFD_OK)
         << confd_lasterr();
     return rec->changes;
   }
-  std::vector<std::string> Diff(const std::string &path) {
+  std::vector<std::string> Diff(const std::string &path, int flags = 0) {
     Recorder rec;
-    return Diff(path, &rec);
+    return Diff(path, &rec, flags);
   }
 };
 
@@ -71,9 +73,9 @@ TEST_F(StoreDiffTest, CreatedEntryIsFollowedByItsContents) {
        Interfaces(kCore1 + L3("core2", V4("10.0.2.1/24", {"10.0.3.1/24"}) + Vlan(200))));
   EXPECT_EQ(Diff("/config/interface/l3"),
             (Lines{"CREATED /config/interface/ipapp:l3{core2}",
-                   "VALUE_SET /config/interface/ipapp:l3{core2}/ipv4/address/ip -->10.0.2.1/24",
+                   "VALUE_SET /config/interface/ipapp:l3{core2}/ipv4/address/ip =10.0.2.1/24",
                    "CREATED /config/interface/ipapp:l3{core2}/ipv4/address/secondary{10.0.3.1/24}",
-                   "VALUE_SET /config/interface/ipapp:l3{core2}/lower-layer-if/vlan -->200"}));
+                   "VALUE_SET /config/interface/ipapp:l3{core2}/lower-layer-if/vlan =200"}));
   // A deleted entry is reported once, at the top.
   Load(Interfaces(kCore1), Interfaces(""));
   EXPECT_EQ(Diff("/config/interface/ipapp:l3"),
@@ -136,8 +138,8 @@ TEST_F(StoreDiffTest, ChangedLeavesFollowTheirModifiedParents) {
   const Lines expected = {
       "MODIFIED /config/interface/ipapp:l3{core1}",
       "CREATED /config/interface/ipapp:l3{core1}/ipv4/address/secondary{10.0.1.1/24}",
-      "DELETED /config/interface/ipapp:l3{core1}/lower-layer-if/vlan 100->-",
-      "VALUE_SET /config/interface/ipapp:l3{core1}/vrf red->blue"};
+      "DELETED /config/interface/ipapp:l3{core1}/lower-layer-if/vlan",
+      "VALUE_SET /config/interface/ipapp:l3{core1}/vrf =blue"};
   EXPECT_EQ(Diff("/config/interface/l3"), expected);
   // Below an entry: the same changes without the entry itself.
   EXPECT_EQ(Diff("/config/interface/ipapp:l3{core1}"), Lines(expected.begin() + 1, expected.end()));
@@ -145,38 +147,65 @@ TEST_F(StoreDiffTest, ChangedLeavesFollowTheirModifiedParents) {
   EXPECT_TRUE(Diff("/config/interface/ipapp:loopback").empty());
 }
 
-TEST_F(StoreDiffTest, IndexNamesOneEntryInBothTrees) {
-  // [2] is "del" in the running tree and "new one" in the candidate.
-  Load(Interfaces(L3("a") + L3("b") + L3("del", Vrf("x")) + L3("z", Vrf("x"))),
-       Interfaces(L3("a") + L3("b") + L3("new one", Vrf("y"))));
-  const Lines new_one = {"VALUE_SET /config/interface/ipapp:l3{\"new one\"}/vrf -->y"};
-  EXPECT_EQ(Diff("/config/interface/l3[2]"), new_one);
-  EXPECT_EQ(Diff("/config/interface/l3[2]/vrf"), new_one);
-  // Only the running tree has a fourth entry; neither has a fifth.
-  EXPECT_EQ(Diff("/config/interface/l3[3]"),
-            (Lines{"DELETED /config/interface/ipapp:l3{z}/vrf x->-"}));
-  EXPECT_TRUE(Diff("/config/interface/l3[4]").empty());
-}
-
+// confd_lib_maapi(3): ITER_CONTINUE skips a node's children, ITER_STOP
+// ends the walk, ITER_UP skips the rest of the siblings, and ITER_SUSPEND
+// needs maapi_diff_iterate_resume, which the store refuses to pretend.
 TEST_F(StoreDiffTest, IteratorVerdictsSteerTheWalk) {
   Load(Interfaces(L3("a", Vrf("x")) + L3("b", Vrf("x"))),
-       Interfaces(L3("a", Vrf("y")) + L3("b", Vrf("y"))));
-  Recorder skip_a;
-  skip_a.policy = [](const std::string &path, maapi_iter_op) {
-    return path == "/config/interface/ipapp:l3{a}" ? ITER_CONTINUE : ITER_RECURSE;
+       Interfaces(L3("a", Vrf("y") + Vlan(5)) + L3("b", Vrf("y"))));
+  const struct {
+    const char *name;
+    std::function<maapi_iter_ret(const std::string &, maapi_iter_op)> policy;
+    Lines expected;
+  } cases[] = {
+      {"continue past a",
+       [](const std::string &path, maapi_iter_op) {
+         return path == "/config/interface/ipapp:l3{a}" ? ITER_CONTINUE : ITER_RECURSE;
+       },
+       {"MODIFIED /config/interface/ipapp:l3{a}", "MODIFIED /config/interface/ipapp:l3{b}",
+        "VALUE_SET /config/interface/ipapp:l3{b}/vrf =y"}},
+      {"stop", [](const std::string &, maapi_iter_op) { return ITER_STOP; },
+       {"MODIFIED /config/interface/ipapp:l3{a}"}},
+      {"up from a's first leaf",
+       [](const std::string &, maapi_iter_op op) {
+         return op == MOP_VALUE_SET ? ITER_UP : ITER_RECURSE;
+       },
+       {"MODIFIED /config/interface/ipapp:l3{a}",
+        "VALUE_SET /config/interface/ipapp:l3{a}/lower-layer-if/vlan =5",
+        "VALUE_SET /config/interface/ipapp:l3{a}/vrf =y", "MODIFIED /config/interface/ipapp:l3{b}",
+        "VALUE_SET /config/interface/ipapp:l3{b}/vrf =y"}},
   };
-  EXPECT_EQ(
-      Diff("/config/interface/l3", &skip_a),
-      (Lines{"MODIFIED /config/interface/ipapp:l3{a}", "MODIFIED /config/interface/ipapp:l3{b}",
-             "VALUE_SET /config/interface/ipapp:l3{b}/vrf x->y"}));
-  Recorder stop;
-  stop.policy = [](const std::string &, maapi_iter_op) { return ITER_STOP; };
-  EXPECT_EQ(Diff("/config/interface/l3", &stop), (Lines{"MODIFIED /config/interface/ipapp:l3{a}"}));
-  Recorder stop_at_leaf;
-  stop_at_leaf.policy = [](const std::string &, maapi_iter_op op) {
-    return op == MOP_VALUE_SET ? ITER_STOP : ITER_RECURSE;
-  };
-  EXPECT_EQ(Diff("/config/interface/l3", &stop_at_leaf).size(), 2u);
+  for (const auto &c : cases) {
+    SCOPED_TRACE(c.name);
+    Recorder rec;
+    rec.policy = c.policy;
+    EXPECT_EQ(Diff("/config/interface/l3", &rec), c.expected);
+  }
+  Recorder suspend;
+  suspend.policy = [](const std::string &, maapi_iter_op) { return ITER_SUSPEND; };
+  EXPECT_EQ(maapi_keypath_diff_iterate(sock_, th_, Recorder::Iter, 0, &suspend, "/config"),
+            CONFD_ERR);
+  EXPECT_EQ(confd_errno, CONFD_ERR_PROTOUSAGE);
+  EXPECT_EQ(suspend.changes.size(), 1u);
+  // confd_lib_maapi(3) paths take no "[N]".
+  EXPECT_EQ(maapi_keypath_diff_iterate(sock_, th_, Recorder::Iter, 0, &suspend,
+                                       "/config/interface/l3[0]"),
+            CONFD_ERR);
+  EXPECT_EQ(confd_errno, CONFD_ERR_BADPATH);
+}
+
+// confd_lib_maapi(3): a modified presence container is reported only with
+// ITER_WANT_P_CONTAINER; created and deleted ones always are.
+TEST_F(StoreDiffTest, PresenceContainersAreReportedOnRequest) {
+  LoadTypes(Item("<name>a</name><box><on>true</on></box>") + Item("<name>b</name>"),
+            Item("<name>a</name><box><on>false</on></box>") +
+                Item("<name>b</name><box><on>true</on></box>"));
+  EXPECT_EQ(Diff("/st:item"), (Lines{"MODIFIED /item{a}", "VALUE_SET /item{a}/box/on =false",
+                                     "MODIFIED /item{b}", "CREATED /item{b}/box",
+                                     "VALUE_SET /item{b}/box/on =true"}));
+  EXPECT_EQ(Diff("/st:item", ITER_WANT_P_CONTAINER),
+            (Lines{"MODIFIED /item{a}", "MODIFIED /item{a}/box", "VALUE_SET /item{a}/box/on =false",
+                   "MODIFIED /item{b}", "CREATED /item{b}/box", "VALUE_SET /item{b}/box/on =true"}));
 }
 
 TEST_F(StoreDiffTest, XpathEvaluatesInTheCandidateWithAContextPath) {
@@ -206,8 +235,16 @@ TEST_F(StoreDiffTest, XpathEvaluatesInTheCandidateWithAContextPath) {
         << confd_lasterr();
     ASSERT_NE(res, nullptr);
     EXPECT_STREQ(res, c.result);
-    free(res);
+    if (res[0] != '\0') free(res);  // an empty result stays the transaction's
   }
+  // Each empty result is open (on the element it leaks) until the
+  // transaction ends, which releases it.
+  EXPECT_EQ(tx_->Open().xpath_results, 2);
+  std::vector<host::OpenItem> open = tx_->OpenItems();
+  ASSERT_EQ(open.size(), 2u);
+  EXPECT_EQ(open[0].kind, "XPath result");
+  EXPECT_EQ(open[0].call, "maapi_xpath_eval_expr");
+  EXPECT_EQ(open[0].path, "ospf-interface-l3[ospf-pm-if-name='l3-x']/ospf-pm-if-name in /internal");
   struct Refused {
     const char *expr;
     const char *context;
@@ -258,6 +295,9 @@ TEST_F(StoreDiffTest, CdbSessionsReadTheRunningStore) {
       std::memset(name, '#', sizeof name);
       EXPECT_EQ(cdb_get_str(cdb, name, size, "/internal/ospf-interface-l3[0]/ospf-pm-if-name"),
                 result);
+      if (result == CONFD_ERR) {
+        EXPECT_EQ(confd_errno, CONFD_ERR_PROTOUSAGE);
+      }
       EXPECT_EQ(std::string(name + size, sizeof name - size), std::string(sizeof name - size, '#'));
       if (result == CONFD_OK) {
         EXPECT_STREQ(name, "l3-core1");
@@ -286,6 +326,14 @@ TEST_F(StoreDiffTest, CdbSessionsReadTheRunningStore) {
   EXPECT_TRUE(tx_->Open().empty());
   EXPECT_EQ(cdb_get_int32(12345, &vlan, "/config/interface/l3{core1}/lower-layer-if/vlan"),
             CONFD_ERR);
+
+  // confd_lib_cdb(3): CDB_PRE_COMMIT_RUNNING outside a subscription
+  // notification fails with CONFD_ERR_NOEXISTS.
+  tx_->FailCdbSessions(false);
+  EXPECT_THROW(KxConfdCdbSession(kxconfd_instance_get(host_), CDB_PRE_COMMIT_RUNNING, true),
+               std::runtime_error);
+  EXPECT_EQ(confd_errno, CONFD_ERR_NOEXISTS);
+  EXPECT_TRUE(tx_->Open().empty());
 }
 
 TEST_F(StoreDiffTest, HostRecordsErrorsAndCalls) {

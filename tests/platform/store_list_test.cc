@@ -1,5 +1,6 @@
-// Lists: the store's entry order, cursors, [N], bulk reads, and the
-// accounting of cursors and duplicated values.
+// Lists: the store's entry order, cursors, [N] in CDB paths, bulk reads,
+// and the accounting of cursors and duplicated values.
+#include <cstring>
 #include <vector>
 
 #include "config_xml.h"
@@ -43,11 +44,20 @@ class StoreListTest : public StoreTest {
     maapi_destroy_cursor(&mc);
     return keys;
   }
-  /// First keys through [N].
+  /// First keys through [N], read from the running store (CDB paths).
   std::vector<std::string> IndexedKeys(const std::string &list, const std::string &key) {
     std::vector<std::string> keys;
-    int n = maapi_num_instances(sock_, th_, "%s", list.c_str());
-    for (int i = 0; i < n; ++i) keys.push_back(Get(list + "[" + std::to_string(i) + "]/" + key));
+    KxConfdCdbSession session(kxconfd_instance_get(host_), CDB_RUNNING, true);
+    int n = cdb_num_instances(session.Socket(), "%s", list.c_str());
+    for (int i = 0; i < n; ++i) {
+      confd_value_t v;
+      if (cdb_get(session.Socket(), &v, "%s[%d]/%s", list.c_str(), i, key.c_str()) != CONFD_OK) {
+        keys.push_back(std::string("<error> ") + confd_lasterr());
+        continue;
+      }
+      keys.push_back(Text(v));
+      confd_free_value(&v);
+    }
     return keys;
   }
 };
@@ -87,6 +97,9 @@ TEST_F(StoreListTest, CursorOnAnEmptyOrMissingListEndsAtOnce) {
   EXPECT_TRUE(tx_->Open().empty());
 }
 
+// confd_lib_maapi(3) maapi_get_objects: entries after the one the cursor
+// names, the highest number of values per entry returned, the cursor left
+// on the last entry read and n 0 once fewer than *nobj were left.
 TEST_F(StoreListTest, GetObjectsReadsBatchesUntilTheListIsExhausted) {
   const struct {
     int entries;
@@ -94,7 +107,7 @@ TEST_F(StoreListTest, GetObjectsReadsBatchesUntilTheListIsExhausted) {
   } cases[] = {
       {40, {32, 8}},
       {33, {32, 1}},  // the last entry alone in a batch of its own
-      {32, {32}},     // exactly one batch's worth: the first call reports the end
+      {32, {32, 0}},  // exactly one batch's worth: the next call reads nothing and ends it
   };
   for (const auto &c : cases) {
     SCOPED_TRACE(c.entries);
@@ -109,12 +122,17 @@ TEST_F(StoreListTest, GetObjectsReadsBatchesUntilTheListIsExhausted) {
     confd_value_t values[32 * 4];
     do {
       int n = 32;
-      ASSERT_EQ(maapi_get_objects(&mc, values, 4, &n), CONFD_OK);
+      // Every entry has 4 values (3 keys and ospf-pm-if-name, absent or not).
+      const int most = maapi_get_objects(&mc, values, 4, &n);
+      ASSERT_EQ(most, n > 0 ? 4 : 0);
       batches.push_back(n);
       for (confd_value_t *obj = values; obj < values + n * 4; obj += 4) {
         instances.push_back(Text(obj[0]));
         pm_names.push_back(obj[3].type == C_NOEXISTS ? "-" : Text(obj[3]));
         for (int j = 0; j < 4; ++j) confd_free_value(&obj[j]);
+      }
+      if (mc.n != 0) {
+        EXPECT_EQ(Text(mc.keys[0]), instances.back());  // the last entry read
       }
     } while (mc.n != 0);
     maapi_destroy_cursor(&mc);
@@ -127,10 +145,69 @@ TEST_F(StoreListTest, GetObjectsReadsBatchesUntilTheListIsExhausted) {
   // uint32 keys are not duplicated.
   maapi_cursor mc;
   ASSERT_EQ(maapi_init_cursor(sock_, th_, &mc, "/internal/ospf-interface-l3"), CONFD_OK);
-  confd_value_t keys[32];
+  confd_value_t values[32];
   int n = 32;
-  ASSERT_EQ(maapi_get_objects(&mc, keys, 1, &n), CONFD_OK);
+  ASSERT_EQ(maapi_get_objects(&mc, values, 1, &n), 4);
   EXPECT_EQ(tx_->Open().dup_values, 0);
+  maapi_destroy_cursor(&mc);
+  const std::vector<std::string> expected = CursorKeys("/internal/ospf-interface-l3");
+
+  // Mixed with maapi_get_next: the bulk read starts after the entry read.
+  ASSERT_EQ(maapi_init_cursor(sock_, th_, &mc, "/internal/ospf-interface-l3"), CONFD_OK);
+  maapi_get_next(&mc);
+  maapi_get_next(&mc);
+  n = 1;
+  ASSERT_EQ(maapi_get_objects(&mc, values, 1, &n), 4);
+  EXPECT_EQ(Text(values[0]), expected[2]);
+  maapi_get_next(&mc);
+  EXPECT_EQ(Text(mc.keys[0]), expected[3]);
+  maapi_destroy_cursor(&mc);
+}
+
+// confd_types(3) "Value Array", as maapi_get_objects fills it: depth first,
+// containers as C_XMLTAG followed by their children, an absent presence
+// container or leaf as one C_NOEXISTS, a list as one C_NOEXISTS, a leaf-list
+// as one C_LIST.
+TEST_F(StoreListTest, GetObjectsLaysOutTheValueArray) {
+  const std::string full =
+      "<name>a</name><size>7</size><inner><depth>-1</depth></inner><box><on>true</on></box>"
+      "<tag>x</tag><tag>y</tag><sub><id>1</id></sub><sub><id>2</id></sub><color>blue</color>";
+  LoadTypes("", Item(full) + Item("<name>b</name>"));
+  maapi_cursor mc;
+  ASSERT_EQ(maapi_init_cursor(sock_, th_, &mc, "/st:item"), CONFD_OK) << confd_lasterr();
+  confd_value_t v[2 * 9];
+  for (confd_value_t &x : v) CONFD_SET_NOEXISTS(&x);
+  int n = 5;
+  ASSERT_EQ(maapi_get_objects(&mc, v, 9, &n), 9);  // a has 9 values, b 8
+  ASSERT_EQ(n, 2);
+  auto type_name = [](int t) {
+    switch (t) {
+      case C_NOEXISTS: return "NOEXISTS";
+      case C_XMLTAG: return "XMLTAG";
+      case C_BUF: return "BUF";
+      case C_UINT16: return "UINT16";
+      case C_INT8: return "INT8";
+      case C_BOOL: return "BOOL";
+      case C_LIST: return "LIST";
+      case C_ENUM_VALUE: return "ENUM_VALUE";
+      default: return "?";
+    }
+  };
+  std::vector<std::string> got;
+  for (const confd_value_t &x : v) got.push_back(std::string(type_name(x.type)) + " " + Text(x));
+  EXPECT_EQ(got, (std::vector<std::string>{
+                     // a: name, size, inner/depth, box/on, tag, sub, color
+                     "BUF a", "UINT16 7", "XMLTAG inner", "INT8 -1", "XMLTAG box", "BOOL true",
+                     "LIST x y", "NOEXISTS ", "ENUM_VALUE enum<2>",
+                     // b: the non-presence container is there, the absent box is one slot
+                     "BUF b", "NOEXISTS ", "XMLTAG inner", "NOEXISTS ", "NOEXISTS ", "NOEXISTS ",
+                     "NOEXISTS ", "NOEXISTS ", "NOEXISTS "}));
+  ASSERT_EQ(v[6].type, C_LIST);
+  ASSERT_EQ(CONFD_GET_LISTSIZE(&v[6]), 2u);
+  EXPECT_STREQ(CONFD_GET_CBUFPTR(&CONFD_GET_LIST(&v[6])[1]), "y");
+  EXPECT_EQ(tx_->Open().dup_values, 3);  // "a", the leaf-list, "b"
+  for (confd_value_t &x : v) confd_free_value(&x);
+  EXPECT_TRUE(tx_->Open().cursors == 1 && tx_->Open().dup_values == 0);
   maapi_destroy_cursor(&mc);
 }
 
@@ -168,9 +245,59 @@ TEST_F(StoreListTest, AccountingCatchesLeakedCursorsAndUnfreedValues) {
   maapi_destroy_cursor(&mc);
 }
 
-TEST_F(StoreListTest, BadIndexesAndNonListsAreRefused) {
+// confd_lib_maapi(3) names entries by their keys; "[N]" (0-based, in
+// data-store order) belongs to CDB paths (confd_lib_cdb(3) PATHS).
+TEST_F(StoreListTest, IndexesAreForCdbPathsOnly) {
   Load(ExampleConfig());
-  EXPECT_EQ(maapi_exists(sock_, th_, "/config/interface/l3[5]"), 0);
+  EXPECT_EQ(maapi_exists(sock_, th_, "/config/interface/l3[0]"), CONFD_ERR);
+  EXPECT_EQ(confd_errno, CONFD_ERR_BADPATH);
+  maapi_cursor mc;
+  EXPECT_EQ(maapi_init_cursor(sock_, th_, &mc, "/config/interface/l3[0]/ipv4/address/secondary"),
+            CONFD_ERR);
+  char *res = nullptr;
+  EXPECT_EQ(maapi_xpath_eval_expr(sock_, th_, "vrf", &res, nullptr, "/config/interface/l3[0]"),
+            CONFD_ERR);
+  EXPECT_EQ(confd_errno, CONFD_ERR_BADPATH);
+  KxConfdCdbSession session(kxconfd_instance_get(host_), CDB_RUNNING, true);
+  EXPECT_EQ(cdb_exists(session.Socket(), "/config/interface/l3[0]"), 1);
+  EXPECT_EQ(cdb_exists(session.Socket(), "/config/interface/l3[5]"), 0);
+  char name[16];
+  EXPECT_EQ(cdb_get_str(session.Socket(), name, sizeof name, "/config/interface/l3[0]/name"),
+            CONFD_OK);
+  EXPECT_STREQ(name, "core1");
+  EXPECT_EQ(cdb_exists(session.Socket(), "/config/interface/l3[0]x/vrf"), CONFD_ERR);
+  EXPECT_STREQ(confd_lasterr(),
+               "cdb_exists: \"/config/interface/l3[0]x/vrf\": bad path: '/' expected after the "
+               "keys of \"l3\"");
+  EXPECT_EQ(cdb_exists(session.Socket(), "/config/interface/l3[x]"), CONFD_ERR);
+  EXPECT_STREQ(confd_lasterr(), "cdb_exists: \"/config/interface/l3[x]\": bad path: bad index \"[x]\"");
+}
+
+// confd_lib_maapi(3) maapi_init_cursor sets secondary_index and xpath_expr
+// to NULL; an xpath_expr set afterwards filters the entries.
+TEST_F(StoreListTest, CursorFieldsTheCallerMaySet) {
+  Load(OspfTable(6));
+  maapi_cursor mc;
+  std::memset(&mc, 0x5a, sizeof mc);
+  ASSERT_EQ(maapi_init_cursor(sock_, th_, &mc, "/internal/ospf-interface-l3"), CONFD_OK);
+  EXPECT_EQ(mc.secondary_index, nullptr);
+  EXPECT_EQ(mc.xpath_expr, nullptr);
+  char expr[] = "ospf-pm-if-name and instance > 1";
+  mc.xpath_expr = expr;
+  std::vector<std::string> keys;
+  for (maapi_get_next(&mc); mc.n != 0; maapi_get_next(&mc)) keys.push_back(Text(mc.keys[0]));
+  EXPECT_EQ(keys, (std::vector<std::string>{"2", "4"}));
+  maapi_destroy_cursor(&mc);
+  ASSERT_EQ(maapi_init_cursor(sock_, th_, &mc, "/internal/ospf-interface-l3"), CONFD_OK);
+  char index[] = "by-name";
+  mc.secondary_index = index;
+  EXPECT_EQ(maapi_get_next(&mc), CONFD_ERR);
+  EXPECT_EQ(confd_errno, CONFD_ERR_NOEXISTS);
+  maapi_destroy_cursor(&mc);
+}
+
+TEST_F(StoreListTest, NonListsAreRefused) {
+  Load(ExampleConfig());
   EXPECT_EQ(maapi_num_instances(sock_, th_, "/config/interface/l3{core1}"), CONFD_ERR);
   EXPECT_STREQ(confd_lasterr(), "maapi_num_instances: \"/config/interface/l3{core1}\": not a list");
   maapi_cursor mc{};

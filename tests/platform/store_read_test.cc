@@ -1,12 +1,13 @@
-// Reads by path: every path form the handlers use, the type map, and the
-// errors a wrong path or a wrong-typed read gives.
+// Reads by path: every path form the handlers use, the path modifiers, the
+// type map, confd_pp_value, the errors a wrong path or a wrong-typed read
+// gives, and the per-thread error state.
 #include <arpa/inet.h>
 #include <ipapp_ns.h>
 
-#include <unistd.h>
-
 #include <cstring>
-#include <filesystem>
+#include <thread>
+#include <type_traits>
+#include <vector>
 
 #include "platform_fixture.h"
 
@@ -24,7 +25,8 @@ TEST_F(StoreReadTest, ReadsEveryPathFormTheHandlersBuildWithItsConfdType) {
     confd_vtype type;
     const char *text;
   } cases[] = {
-      // Interface lists, with and without module prefixes.
+      // Interface lists, with and without module prefixes. The text is
+      // confd_pp_value's, which knows no schema.
       {"/config/interface/ipapp:l3{core1}/ipv4/address/ip", C_IPV4_AND_PLEN, "10.0.0.1/24"},
       {"/config/interface/l3{core1}/ipv4/address/ip", C_IPV4_AND_PLEN, "10.0.0.1/24"},
       {"/shellcfg:config/shellcfg:interface/ipapp:l3{core1}/ipapp:vrf", C_BUF, "red"},
@@ -36,13 +38,12 @@ TEST_F(StoreReadTest, ReadsEveryPathFormTheHandlersBuildWithItsConfdType) {
       {"/config/interface/l3{\"core1\"}/vrf", C_BUF, "red"},
       {"/config/interface/ipapp:loopback{0}/ipv4/address{1.1.1.1/32}/ip", C_IPV4_AND_PLEN,
        "1.1.1.1/32"},
-      {"/config/interface/loopback{0}/ipv4/address[0]/ip", C_IPV4_AND_PLEN, "1.1.1.1/32"},
       {"/config/interface/ipapp:mgmt{0}/ipv4/address/ip", C_IPV4_AND_PLEN, "192.168.1.10/24"},
-      {"/config/interface/ipapp:l3[0]/name", C_BUF, "core1"},
+      {"/config/interface/ipapp:l3{core1}/name", C_BUF, "core1"},
       // Internal tables.
       {"/shellcfg-internal:internal/shellcfg-internal:vrf-config/indexTOstring{1}/vname", C_BUF,
        "red"},
-      {"/internal/ospf-interface-l3[0]/ospf-pm-if-name", C_BUF, "l3-core1"},
+      {"/internal/ospf-interface-l3{5 0.0.0.1 l3-core1}/ospf-pm-if-name", C_BUF, "l3-core1"},
       {"/internal/ospf-interface-l3{5 0.0.0.1 l3-core1}/area", C_IPV4, "0.0.0.1"},
       {"/internal/ospfv3-interface-l3{ 5 0.0.0.1 l3-core1 }/ospfv3-pm-if-index", C_UINT32, "1100"},
       {"/internal/int-ldp-intf-l3{l3-core1 l3-vlan 100 10.0.0.1/24}/vlan", C_BUF, "100"},
@@ -50,12 +51,13 @@ TEST_F(StoreReadTest, ReadsEveryPathFormTheHandlersBuildWithItsConfdType) {
       // Routes.
       {"/QX-RTM-MIB/rtmStaticRtTable/rtmStaticRtEntry{0 ipv4 0a:00:00:00 8 ipv4 0a:00:00:01}/"
        "rtmStaticRtNextHopAddr",
-       C_BINARY, "0a:00:00:01"},
+       C_BINARY, "0A000001"},
       {"/QX-RTM-MIB/rtmStaticRtTable/rtmStaticRtEntry{0 1 0A:00:00:00 8 ipv4 0a:00:00:01}/"
        "rtmStaticRtNetworkAddrType",
-       C_ENUM_VALUE, "ipv4"},
-      {"/QX-RTM-MIB/rtmStaticRtTable/rtmStaticRtEntry[0]/rtmStaticRtNetworkPrefixLen", C_INT32,
-       "8"},
+       C_ENUM_VALUE, "enum<1>"},
+      {"/QX-RTM-MIB/rtmStaticRtTable/rtmStaticRtEntry{0 ipv4 0a:00:00:00 8 ipv4 0a:00:00:01}/"
+       "rtmStaticRtNetworkPrefixLen",
+       C_INT32, "8"},
       {"/rtmStaticRtEntry-global{ 0 0a:00:00:00 8 0a:00:00:01 }/interface-name", C_BUF, "l3-core1"},
   };
   for (const auto &c : cases) {
@@ -89,7 +91,6 @@ TEST_F(StoreReadTest, ExistenceOfEntriesListsAndContainers) {
       {"/internal/ospf-interface-l3", 1},  // a list with entries
       {"/internal/int-ldp-intf-l3", 1},
       {"/config/interface/loopback{0}/ipv6/address", 0},
-      {"/internal/ospf-interface-l3[1]", 0},
       {"/config/interface/l3{core1}/ipv4", 1},  // non-presence container
       {"/config/interface/l3{nosuch}/ipv4", 0},
       {"/config/interface/mgmt{1}/ipv4", 0},
@@ -132,12 +133,13 @@ TEST_F(StoreReadTest, BadPathsFailWithTheirReason) {
       {"/config/interface/l3{core1", "missing '}'"},
       {"/config/interface/l3{a b}/vrf", "list \"l3\" has 1 key, 2 given"},
       {"/config/interface/l3/vrf", "list \"l3\" needs keys or an index"},
-      {"/config/interface/l3[x]/vrf", "bad index \"[x]\""},
+      // confd_lib_maapi(3) paths name entries by their keys; "[N]" is CDB's.
+      {"/config/interface/l3[0]/vrf",
+       "\"[N]\" selects entries in CDB paths only; give the keys of \"l3\""},
       {"/config/interface{a}", "\"interface\" is not a list"},
       {"/config/interface/l3{core1}/vrf/x", "\"vrf\" is a leaf and has no children"},
       {"/config/interface/l3{core1}/", "empty element at offset 28"},
       {"/config/interface/l3{core1}x/vrf", "'/' expected after the keys of \"l3\""},
-      {"/config/interface/l3[0]x/vrf", "'/' expected after the keys of \"l3\""},
       {"/internal/ospf-interface-l3{x 0.0.0.1 a}/ospf-pm-if-name",
        "key \"x\" of list \"ospf-interface-l3\" is not a valid uint32 (not a number)"},
       {"/internal/ospf-interface-l3{1 0.0.0.300 a}/ospf-pm-if-name",
@@ -215,48 +217,186 @@ TEST_F(StoreReadTest, KeypathsCarryTagsAndTypedKeys) {
   EXPECT_THROW(tx_->Keypath("/config/nosuch"), host::InputError);
 }
 
-TEST_F(StoreReadTest, EnumNamesComeFromTheLeafsOwnType) {
-  // Another schema in the process names value 1 differently.
-  namespace fs = std::filesystem;
-  fs::path dir = fs::temp_directory_path() / ("platform_test_enum_" + std::to_string(getpid()));
-  fs::create_directories(dir);
-  std::ofstream(dir / "enum-clash.yang")
-      << "module enum-clash { yang-version 1.1; namespace \"urn:ipapp:enum-clash\"; prefix ec;\n"
-         "  container clash { leaf kind { type enumeration { enum one { value 1; } } } } }\n";
-  std::shared_ptr<const host::Schema> other = host::Schema::Load(dir.string());
-  fs::remove_all(dir);
-  auto other_tx = host::Transaction::Create(
-      other, host::DataSource::Empty(),
-      host::DataSource::Xml("<clash xmlns=\"urn:ipapp:enum-clash\"><kind>one</kind></clash>"));
-  confd_trans_ctx *other_ctx = other_tx->Context("t");
-  int other_sock = kxconfd_maapi_socket_get(static_cast<kxconfd_t *>(other_ctx->vcb_opaque));
-
+TEST_F(StoreReadTest, KeypathsPrintKeysByTheirLeafsTypeBareValuesWithoutSchema) {
   const std::string route =
       "/QX-RTM-MIB/rtmStaticRtTable/rtmStaticRtEntry{0 ipv4 0a:00:00:00 8 ipv4 0a:00:00:01}";
-  EXPECT_EQ(Get(route + "/rtmStaticRtNextHopAddr"), "0a:00:00:01");
   EXPECT_EQ(KeypathText(tx_->Keypath(route)), route);
   EXPECT_EQ(tx_->Instances("/QX-RTM-MIB/rtmStaticRtTable/rtmStaticRtEntry"),
             std::vector<std::string>{route});
-  // A bare value takes its name from the schema of the thread's last call.
-  EXPECT_EQ(Get(route + "/rtmStaticRtNetworkAddrType"), "ipv4");
+  // The route columns stay C_BINARY through the model's hex-list typedef;
+  // the trace keeps their colon-separated text.
   confd_value_t v;
-  ASSERT_EQ(maapi_get_elem(other_sock, other_ctx->thandle, &v, "/clash/kind"), CONFD_OK);
-  EXPECT_EQ(Text(v), "one");
-  EXPECT_EQ(Get(route + "/rtmStaticRtNextHopAddrType"), "ipv4");
+  ASSERT_EQ(maapi_get_elem(sock_, th_, &v, "%s/rtmStaticRtNextHopAddr", route.c_str()), CONFD_OK);
+  EXPECT_EQ(v.type, C_BINARY);
+  EXPECT_EQ(tx_->Trace().back().detail, "0a:00:00:01");
+  // confd_lib_lib(3): confd_pp_value prints C_BINARY as xs:hexBinary text
+  // and a bare C_ENUM_VALUE as enum<N>, whatever schema is loaded.
+  EXPECT_EQ(Text(v), "0A000001");
+  confd_free_value(&v);
+  ASSERT_EQ(maapi_get_elem(sock_, th_, &v, "%s/rtmStaticRtNetworkAddrType", route.c_str()),
+            CONFD_OK);
+  EXPECT_EQ(Text(v), "enum<1>");
+  EXPECT_EQ(tx_->Trace().back().detail, "ipv4");
 }
 
+// confd_lib_maapi(3) / confd_lib_cdb(3) PATHS: the modifiers take their
+// arguments as documented; the plain ones allocate nothing extra.
+TEST_F(StoreReadTest, PathModifiersTakeTheirDocumentedArguments) {
+  tx_->ClearTrace();
+  confd_value_t keys[3];
+  CONFD_SET_UINT32(&keys[0], 5);
+  struct in_addr area;
+  inet_pton(AF_INET, "0.0.0.1", &area);
+  CONFD_SET_IPV4(&keys[1], area);
+  CONFD_SET_STR(&keys[2], "l3-core1");
+  confd_value_t name;
+  CONFD_SET_BUF(&name, "core1", 5);
+  confd_hkeypath_t kp = tx_->Keypath("/config/interface/l3{core1}");
+  const std::string ospf = "/internal/ospf-interface-l3{5 0.0.0.1 l3-core1}";
+  maapi_exists(sock_, th_, "/internal/ospf-interface-l3{%d %ip4 %s}", 5, &area, "l3-core1");
+  maapi_exists(sock_, th_, "/internal/ospf-interface-l3{%u %x %x}", 5u, &keys[1], &keys[2]);
+  maapi_exists(sock_, th_, "/internal/ospf-interface-l3{%*x}", 3, keys);
+  maapi_exists(sock_, th_, "%s{%i 0.0.0.1 l3-core1}", "/internal/ospf-interface-l3", 5);
+  maapi_exists(sock_, th_, "/config/interface/l3{%x}/vrf", &name);
+  maapi_exists(sock_, th_, "%h/vrf", &kp);
+  maapi_exists(sock_, th_, "%*h{core1}/vrf", kp.len - 1, &kp);
+  maapi_exists(sock_, th_, "/config/interface/l3{100%%}");
+  const std::vector<std::string> paths = {ospf,
+                                          ospf,
+                                          ospf,
+                                          ospf,
+                                          "/config/interface/l3{core1}/vrf",
+                                          "/config/interface/ipapp:l3{core1}/vrf",
+                                          "/config/interface/ipapp:l3{core1}/vrf",
+                                          "/config/interface/l3{100%}"};
+  std::vector<host::TraceEntry> trace = tx_->Trace();
+  ASSERT_EQ(trace.size(), paths.size());
+  for (size_t i = 0; i < paths.size(); ++i) {
+    SCOPED_TRACE(paths[i]);
+    EXPECT_EQ(trace[i].path, paths[i]);
+    EXPECT_EQ(trace[i].result, i + 1 < paths.size() ? 1 : 0);
+  }
+  // A %x string with a blank is quoted inside keys; an IPv6 address prints
+  // in its RFC 5952 text.
+  struct in6_addr a6;
+  inet_pton(AF_INET6, "2001:0db8::0001", &a6);
+  CONFD_SET_BUF(&name, "a b", 3);
+  maapi_exists(sock_, th_, "/config/interface/l3{%x}/ipv6/address{%ip6/64}", &name, &a6);
+  EXPECT_EQ(tx_->Trace().back().path, "/config/interface/l3{\"a b\"}/ipv6/address{2001:db8::1/64}");
+
+  // A modifier the documentation does not list is a bad path, not a guess.
+  EXPECT_EQ(maapi_exists(sock_, th_, "/config/interface/l3{%ld}", 5L), CONFD_ERR);
+  EXPECT_EQ(confd_errno, CONFD_ERR_BADPATH);
+  EXPECT_STREQ(confd_lasterr(),
+               "maapi_exists: \"/config/interface/l3{%ld}\": bad path: unsupported modifier "
+               "\"%l\" in format \"/config/interface/l3{%ld}\"");
+}
+
+// confd_lib_maapi(3) / confd_lib_cdb(3): a namespace qualifier in a path is
+// the module's prefix; keypaths print it.
+TEST(StorePrefixTest, QualifiersAreYangPrefixes) {
+  auto tx = host::Transaction::Create(TypesSchema(), host::DataSource::Empty(),
+                                      host::DataSource::Xml(Types("<dec>1.5</dec>")));
+  confd_trans_ctx *ctx = tx->Context("t");
+  const int sock = kxconfd_maapi_socket_get(static_cast<kxconfd_t *>(ctx->vcb_opaque));
+  EXPECT_EQ(maapi_exists(sock, ctx->thandle, "/st:types/st:dec"), 1);
+  EXPECT_EQ(maapi_exists(sock, ctx->thandle, "/types/dec"), 1);
+  EXPECT_EQ(maapi_exists(sock, ctx->thandle, "/store-types:types/dec"), CONFD_ERR);
+  EXPECT_STREQ(confd_lasterr(),
+               "maapi_exists: \"/store-types:types/dec\": bad path: unknown element "
+               "\"store-types:types\"");
+  EXPECT_EQ(tx->Instances("/st:item"), std::vector<std::string>{});
+}
+
+// confd_types(3) "DATA MODEL TYPES": each YANG type arrives as the ConfD
+// type the documentation gives it; the trace keeps the text form.
+TEST(StoreTypesTest, EachYangTypeHasItsDocumentedConfdType) {
+  const std::string leaves =
+      "<hex>0A:ff</hex><hexlist>01:02</hexlist><bin>AQID</bin>"
+      "<v4prefix>10.0.0.0/8</v4prefix><v6prefix>2001:db8::/32</v6prefix>"
+      "<addr4>10.1.1.1</addr4><addr6>2001:db8::1</addr6><num-or-word>42</num-or-word>"
+      "<word-or-num>forty</word-or-num><dec>-3.5</dec><flags>a c</flags><wide>high</wide><flag/>"
+      "<kind xmlns:st=\"urn:ipapp:store-types\">st:round</kind>"
+      "<when>2024-02-29T23:59:58.25-00:00</when><quad>1.2.3.4</quad>"
+      "<mac>00:1B:21:aa:bb:cc</mac><ref>-3.5</ref>";
+  auto tx = host::Transaction::Create(TypesSchema(), host::DataSource::Empty(),
+                                      host::DataSource::Xml(Types(leaves)));
+  confd_trans_ctx *ctx = tx->Context("t");
+  const int sock = kxconfd_maapi_socket_get(static_cast<kxconfd_t *>(ctx->vcb_opaque));
+  const struct {
+    const char *leaf;
+    confd_vtype type;
+    const char *text;  // text form (the trace's detail)
+    const char *pp;    // confd_pp_value
+  } cases[] = {
+      {"hex", C_HEXSTR, "0a:ff", "0a:ff"},
+      {"hexlist", C_BINARY, "01:02", "0102"},
+      {"bin", C_BINARY, "AQID", "010203"},
+      {"v4prefix", C_IPV4PREFIX, "10.0.0.0/8", "10.0.0.0/8"},
+      {"v6prefix", C_IPV6PREFIX, "2001:db8::/32", "2001:db8::/32"},
+      {"addr4", C_IPV4, "10.1.1.1", "10.1.1.1"},  // a union takes the member that matched
+      {"addr6", C_IPV6, "2001:db8::1", "2001:db8::1"},
+      {"num-or-word", C_INT32, "42", "42"},
+      {"word-or-num", C_BUF, "forty", "forty"},
+      {"dec", C_DECIMAL64, "-3.5", "-3.5"},
+      {"flags", C_BIT32, "a c", "bits<5>"},
+      {"wide", C_BITBIG, "high", "bits<400000000000000000>"},
+      {"flag", C_XMLTAG, "", "flag"},
+      {"kind", C_IDENTITYREF, "st:round", "round"},
+      {"when", C_DATETIME, "2024-02-29T23:59:58.25-00:00", "2024-02-29T23:59:58.25-00:00"},
+      {"quad", C_DQUAD, "1.2.3.4", "1.2.3.4"},
+      {"mac", C_BINARY, "00:1b:21:aa:bb:cc", "001B21AABBCC"},
+      {"ref", C_DECIMAL64, "-3.5", "-3.5"},  // a leafref has its target's type
+  };
+  for (const auto &c : cases) {
+    SCOPED_TRACE(c.leaf);
+    confd_value_t v;
+    ASSERT_EQ(maapi_get_elem(sock, ctx->thandle, &v, "/types/%s", c.leaf), CONFD_OK)
+        << confd_lasterr();
+    EXPECT_EQ(v.type, c.type);
+    EXPECT_EQ(tx->Trace().back().detail, c.text);
+    EXPECT_EQ(Text(v), c.pp);
+    confd_free_value(&v);
+  }
+  EXPECT_TRUE(tx->Open().empty());
+  confd_value_t v;
+  ASSERT_EQ(maapi_get_elem(sock, ctx->thandle, &v, "/types/bin"), CONFD_OK);
+  ASSERT_EQ(CONFD_GET_BINARY_SIZE(&v), 3u);
+  EXPECT_EQ(CONFD_GET_BINARY_PTR(&v)[2], 3);
+  confd_free_value(&v);
+  ASSERT_EQ(maapi_get_elem(sock, ctx->thandle, &v, "/types/when"), CONFD_OK);
+  EXPECT_EQ(CONFD_GET_DATETIME(&v).micro, 250000u);
+  EXPECT_EQ(CONFD_GET_DATETIME(&v).timezone, CONFD_TIMEZONE_UNDEF);
+  ASSERT_EQ(maapi_get_elem(sock, ctx->thandle, &v, "/types/dec"), CONFD_OK);
+  EXPECT_EQ(CONFD_GET_DECIMAL64(&v).value, -350);
+  EXPECT_EQ(CONFD_GET_DECIMAL64(&v).fraction_digits, 2);
+}
+
+// confd_lib_lib(3): confd_pp_value prints every type without a schema,
+// returns the length it needed like snprintf, and never a negative value.
 TEST(ConfdPpValueTest, PrintsEveryTypeAndReportsTheLengthItNeeded) {
   confd_value_t v;
-  CONFD_SET_INT8(&v, -8);
-  EXPECT_EQ(Text(v), "-8");
-  CONFD_SET_INT64(&v, -9000000000LL);
-  EXPECT_EQ(Text(v), "-9000000000");
-  CONFD_SET_UINT64(&v, 18446744073709551615ULL);
-  EXPECT_EQ(Text(v), "18446744073709551615");
-  CONFD_SET_UINT16(&v, 65535);
-  EXPECT_EQ(Text(v), "65535");
-  CONFD_SET_BOOL(&v, 1);
-  EXPECT_EQ(Text(v), "true");
+  const auto pp = [&](auto set) {
+    set(&v);
+    return Text(v);
+  };
+  EXPECT_EQ(pp([](confd_value_t *x) { CONFD_SET_INT8(x, -8); }), "-8");
+  EXPECT_EQ(pp([](confd_value_t *x) { CONFD_SET_INT64(x, -9000000000LL); }), "-9000000000");
+  EXPECT_EQ(pp([](confd_value_t *x) { CONFD_SET_UINT64(x, 18446744073709551615ULL); }),
+            "18446744073709551615");
+  EXPECT_EQ(pp([](confd_value_t *x) { CONFD_SET_UINT16(x, 65535); }), "65535");
+  EXPECT_EQ(pp([](confd_value_t *x) { CONFD_SET_BOOL(x, 1); }), "true");
+  EXPECT_EQ(pp([](confd_value_t *x) { CONFD_SET_ENUM_VALUE(x, 16); }), "enum<16>");
+  EXPECT_EQ(pp([](confd_value_t *x) { CONFD_SET_BIT32(x, 0x1a); }), "bits<1A>");
+  EXPECT_EQ(pp([](confd_value_t *x) { CONFD_SET_BIT64(x, 1ULL << 40); }), "bits<10000000000>");
+  EXPECT_EQ(pp([](confd_value_t *x) { CONFD_SET_XMLTAG(x, ipapp_l3, ipapp__ns); }), "l3");
+  EXPECT_EQ(pp([](confd_value_t *x) { CONFD_SET_XMLTAG(x, 12345, 1); }), "tag<12345>");
+  EXPECT_EQ(pp([](confd_value_t *x) { CONFD_SET_DECIMAL64(x, (confd_decimal64{314, 2})); }),
+            "3.14");
+  EXPECT_EQ(pp([](confd_value_t *x) { CONFD_SET_DECIMAL64(x, (confd_decimal64{314, 0})); }),
+            "invalid64<314>");
+  EXPECT_EQ(pp([](confd_value_t *x) { CONFD_SET_IDENTITYREF(x, (confd_identityref{1, 99})); }),
+            "idref<99>");
   struct in6_addr a6;
   inet_pton(AF_INET6, "2001:0db8:0:0:0:0:0:1", &a6);
   CONFD_SET_IPV6(&v, a6);
@@ -266,17 +406,61 @@ TEST(ConfdPpValueTest, PrintsEveryTypeAndReportsTheLengthItNeeded) {
   p4.len = 31;
   CONFD_SET_IPV4_AND_PLEN(&v, p4);
   EXPECT_EQ(Text(v), "10.1.1.1/31");
-  static const unsigned char bytes[] = {0x05};
-  CONFD_SET_BINARY(&v, bytes, 1);
-  EXPECT_EQ(Text(v), "05");
+  static const unsigned char bytes[] = {0x05, 0xab};
+  CONFD_SET_BINARY(&v, bytes, 2);
+  EXPECT_EQ(Text(v), "05AB");
+  CONFD_SET_HEXSTR(&v, bytes, 2);
+  EXPECT_EQ(Text(v), "05:ab");
   CONFD_SET_BUF(&v, "a b", 3);
   EXPECT_EQ(Text(v), "a b");
   char small[4];
+  // confd_types(3): CONFD_SET_STR makes a C_STR value.
   CONFD_SET_STR(&v, "abcdef");
+  EXPECT_EQ(v.type, C_STR);
   EXPECT_EQ(confd_pp_value(small, sizeof small, &v), 6);
   EXPECT_STREQ(small, "abc");
   CONFD_SET_NOEXISTS(&v);
-  EXPECT_EQ(confd_pp_value(small, sizeof small, &v), CONFD_ERR);
+  EXPECT_EQ(confd_pp_value(small, sizeof small, &v), 0);
+  EXPECT_STREQ(small, "");
+  // An element the schema does not know still prints.
+  confd_hkeypath_t kp{};
+  kp.len = 2;
+  CONFD_SET_XMLTAG(&kp.v[1][0], ipapp_l3, ipapp__ns);
+  CONFD_SET_XMLTAG(&kp.v[0][0], 777, ipapp__ns);
+  EXPECT_EQ(KeypathText(kp), "/l3/tag<777>");
+}
+
+// The declarations follow the documented numbering (confd_types(3),
+// confd_lib_maapi(3), confd_lib_lib(3)).
+TEST(ConfdDeclarationsTest, DocumentedNumbersAndMembers) {
+  static_assert(C_HEXSTR == 47 && C_IPV6_AND_PLEN == 49 && C_BITBIG == 50 && C_EMPTY == 53 &&
+                C_MAXTYPE == 54);
+  static_assert(ITER_STOP == 1 && ITER_RECURSE == 2 && ITER_CONTINUE == 3 && ITER_SUSPEND == 4 &&
+                ITER_UP == 5);
+  static_assert(ITER_WANT_P_CONTAINER == 256);
+  static_assert(std::is_same_v<decltype(confd_lasterr()), char *>);
+  static_assert(std::is_same_v<decltype(confd_trans_ctx::validate_opaque), char *>);
+  static_assert(std::is_same_v<decltype(confd_value_t::val.d64), confd_decimal64>);
+}
+
+// confd_lib_lib(3) ERRORS: confd_errno and confd_lasterr() are the calling
+// thread's own.
+TEST_F(StoreReadTest, ErrorStateIsPerThread) {
+  EXPECT_EQ(maapi_exists(sock_, th_, "/config/nosuch"), CONFD_ERR);
+  ASSERT_EQ(confd_errno, CONFD_ERR_BADPATH);
+  const std::string mine = confd_lasterr();
+  int other_errno = 0;
+  std::string other_text;
+  std::thread([&] {
+    other_errno = confd_errno;  // nothing failed on this thread yet
+    EXPECT_EQ(maapi_exists(sock_, th_ + 1000, "/config"), CONFD_ERR);
+    other_text = confd_lasterr();
+    EXPECT_EQ(confd_errno, CONFD_ERR_NOSESSION);
+  }).join();
+  EXPECT_EQ(other_errno, 0);
+  EXPECT_NE(other_text, mine);
+  EXPECT_EQ(confd_errno, CONFD_ERR_BADPATH);
+  EXPECT_EQ(confd_lasterr(), mine);
 }
 
 }  // namespace
