@@ -375,6 +375,7 @@ TEST(StoreTypesTest, EachYangTypeHasItsDocumentedConfdType) {
 // confd_lib_lib(3): confd_pp_value prints every type without a schema,
 // returns the length it needed like snprintf, and never a negative value.
 TEST(ConfdPpValueTest, PrintsEveryTypeAndReportsTheLengthItNeeded) {
+  TestSchema();  // element names are known once a schema is loaded
   confd_value_t v;
   const auto pp = [&](auto set) {
     set(&v);
