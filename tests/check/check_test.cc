@@ -174,6 +174,47 @@ TEST(CheckReport, JsonCarriesFaultsAndTrace) {
   EXPECT_THAT(paths, ::testing::Contains("/config/interface/ipapp:mgmt{0}/ipv4/address/ip"));
 }
 
+// What the element would leak is shown per validation: an empty XPath
+// result the VRF handler never frees, a cursor left undestroyed.
+TEST(CheckReport, WhatAValidationLeavesOpenIsReported) {
+  ToolResult text = Check(Example("accept-vrf-reuse.xml"));
+  ASSERT_EQ(text.status, 0) << text.err;
+  EXPECT_THAT(text.out,
+              HasSubstr("\nwarning: intf_vrf_validation /config/interface/ipapp:l3 left open: "
+                        "XPath result of maapi_xpath_eval_expr "
+                        "ospf-interface-l3[ospf-pm-if-name='l3-green-1']/ospf-pm-if-name in "
+                        "/internal; XPath result of maapi_xpath_eval_expr "
+                        "ospfv3-interface-l3[ospfv3-pm-if-name='l3-green-1']/ospfv3-pm-if-name in "
+                        "/internal\n"));
+  const json doc = Check(Example("accept-vrf-reuse.xml"), {"--format", "json"}).Json();
+  int leaks = 0;
+  for (const json &inv : doc["invocations"]) {
+    ASSERT_TRUE(inv["leaks"].is_array());
+    for (const json &leak : inv["leaks"]) {
+      EXPECT_EQ(inv["validation"], "intf_vrf_validation");
+      EXPECT_EQ(leak["kind"], "XPath result");
+      ++leaks;
+    }
+  }
+  EXPECT_EQ(leaks, 2);
+
+  // Each callback is charged with its own: one cursor per invocation.
+  const std::string running = WriteFile("running.xml", "");
+  const std::string candidate = WriteFile(
+      "candidate.xml",
+      R"(<config xmlns="urn:ipapp:shellcfg"><interface><l3 xmlns="urn:ipapp:ipapp"><name>a</name>)"
+      "</l3></interface></config>");
+  ToolResult r = RunTool({"--running", running, "--candidate", candidate, "--plugin",
+                          IPAPP_FAKE_PLUGIN, "--format", "json"},
+                         "leak");
+  ASSERT_EQ(r.status, 0) << r.err;
+  ASSERT_GT(r.Json()["invocations"].size(), 1u);
+  for (const json &inv : r.Json()["invocations"]) {
+    EXPECT_EQ(inv["leaks"], json::parse(R"([{"kind": "cursor", "call": "maapi_init_cursor",
+                                              "path": "/config/interface/ipapp:l3"}])"));
+  }
+}
+
 // --- Which validations a commit runs (fake plug-in, no rules) ---------------
 
 std::string Config(const std::string &mgmt_address, const std::string &ldp_address) {

@@ -6,7 +6,10 @@
 //   throw           validate throws std::runtime_error("fake failure in <validation>")
 //   wrong-point     get_validation_point answers "other_point"
 //   abort           validate aborts the process, as a failed assertion does
+//   leak            validate opens a cursor on the l3 list and never destroys it
 #include <confd_lib.h>
+#include <confd_maapi.h>
+#include <kxconfd.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -39,6 +42,11 @@ extern "C" int validate(confd_trans_ctx *tctx, confd_hkeypath_t *, confd_value_t
     throw std::runtime_error(std::string("fake failure in ") + tctx->validate_opaque);
   }
   if (mode == "abort") std::abort();
+  if (mode == "leak") {
+    maapi_cursor mc;
+    maapi_init_cursor(kxconfd_maapi_socket_get(static_cast<kxconfd_t *>(tctx->vcb_opaque)),
+                      tctx->thandle, &mc, "/config/interface/ipapp:l3");
+  }
   if (mode == "refuse") {
     confd_trans_seterr(tctx, "%s refused", tctx->validate_opaque);
     return CONFD_ERR;
