@@ -164,7 +164,8 @@ TEST_F(StoreDiffTest, IteratorVerdictsSteerTheWalk) {
        },
        {"MODIFIED /config/interface/ipapp:l3{a}", "MODIFIED /config/interface/ipapp:l3{b}",
         "VALUE_SET /config/interface/ipapp:l3{b}/vrf =y"}},
-      {"stop", [](const std::string &, maapi_iter_op) { return ITER_STOP; },
+      {"stop",
+       [](const std::string &, maapi_iter_op) { return ITER_STOP; },
        {"MODIFIED /config/interface/ipapp:l3{a}"}},
       {"up from a's first leaf",
        [](const std::string &, maapi_iter_op op) {
@@ -200,12 +201,13 @@ TEST_F(StoreDiffTest, PresenceContainersAreReportedOnRequest) {
   LoadTypes(Item("<name>a</name><box><on>true</on></box>") + Item("<name>b</name>"),
             Item("<name>a</name><box><on>false</on></box>") +
                 Item("<name>b</name><box><on>true</on></box>"));
-  EXPECT_EQ(Diff("/st:item"), (Lines{"MODIFIED /item{a}", "VALUE_SET /item{a}/box/on =false",
-                                     "MODIFIED /item{b}", "CREATED /item{b}/box",
-                                     "VALUE_SET /item{b}/box/on =true"}));
-  EXPECT_EQ(Diff("/st:item", ITER_WANT_P_CONTAINER),
-            (Lines{"MODIFIED /item{a}", "MODIFIED /item{a}/box", "VALUE_SET /item{a}/box/on =false",
-                   "MODIFIED /item{b}", "CREATED /item{b}/box", "VALUE_SET /item{b}/box/on =true"}));
+  EXPECT_EQ(Diff("/st:item"),
+            (Lines{"MODIFIED /item{a}", "VALUE_SET /item{a}/box/on =false", "MODIFIED /item{b}",
+                   "CREATED /item{b}/box", "VALUE_SET /item{b}/box/on =true"}));
+  EXPECT_EQ(
+      Diff("/st:item", ITER_WANT_P_CONTAINER),
+      (Lines{"MODIFIED /item{a}", "MODIFIED /item{a}/box", "VALUE_SET /item{a}/box/on =false",
+             "MODIFIED /item{b}", "CREATED /item{b}/box", "VALUE_SET /item{b}/box/on =true"}));
 }
 
 TEST_F(StoreDiffTest, XpathEvaluatesInTheCandidateWithAContextPath) {

@@ -182,15 +182,24 @@ TEST_F(StoreListTest, GetObjectsLaysOutTheValueArray) {
   ASSERT_EQ(n, 2);
   auto type_name = [](int t) {
     switch (t) {
-      case C_NOEXISTS: return "NOEXISTS";
-      case C_XMLTAG: return "XMLTAG";
-      case C_BUF: return "BUF";
-      case C_UINT16: return "UINT16";
-      case C_INT8: return "INT8";
-      case C_BOOL: return "BOOL";
-      case C_LIST: return "LIST";
-      case C_ENUM_VALUE: return "ENUM_VALUE";
-      default: return "?";
+      case C_NOEXISTS:
+        return "NOEXISTS";
+      case C_XMLTAG:
+        return "XMLTAG";
+      case C_BUF:
+        return "BUF";
+      case C_UINT16:
+        return "UINT16";
+      case C_INT8:
+        return "INT8";
+      case C_BOOL:
+        return "BOOL";
+      case C_LIST:
+        return "LIST";
+      case C_ENUM_VALUE:
+        return "ENUM_VALUE";
+      default:
+        return "?";
     }
   };
   std::vector<std::string> got;
@@ -270,7 +279,8 @@ TEST_F(StoreListTest, IndexesAreForCdbPathsOnly) {
                "cdb_exists: \"/config/interface/l3[0]x/vrf\": bad path: '/' expected after the "
                "keys of \"l3\"");
   EXPECT_EQ(cdb_exists(session.Socket(), "/config/interface/l3[x]"), CONFD_ERR);
-  EXPECT_STREQ(confd_lasterr(), "cdb_exists: \"/config/interface/l3[x]\": bad path: bad index \"[x]\"");
+  EXPECT_STREQ(confd_lasterr(),
+               "cdb_exists: \"/config/interface/l3[x]\": bad path: bad index \"[x]\"");
 }
 
 // confd_lib_maapi(3) maapi_init_cursor sets secondary_index and xpath_expr

@@ -392,11 +392,17 @@ TEST(ConfdPpValueTest, PrintsEveryTypeAndReportsTheLengthItNeeded) {
   EXPECT_EQ(pp([](confd_value_t *x) { CONFD_SET_BIT64(x, 1ULL << 40); }), "bits<10000000000>");
   EXPECT_EQ(pp([](confd_value_t *x) { CONFD_SET_XMLTAG(x, ipapp_l3, ipapp__ns); }), "l3");
   EXPECT_EQ(pp([](confd_value_t *x) { CONFD_SET_XMLTAG(x, 12345, 1); }), "tag<12345>");
-  EXPECT_EQ(pp([](confd_value_t *x) { CONFD_SET_DECIMAL64(x, (confd_decimal64{314, 2})); }),
+  EXPECT_EQ(pp([](confd_value_t *x) {
+              CONFD_SET_DECIMAL64(x, (confd_decimal64{314, 2}));
+            }),
             "3.14");
-  EXPECT_EQ(pp([](confd_value_t *x) { CONFD_SET_DECIMAL64(x, (confd_decimal64{314, 0})); }),
+  EXPECT_EQ(pp([](confd_value_t *x) {
+              CONFD_SET_DECIMAL64(x, (confd_decimal64{314, 0}));
+            }),
             "invalid64<314>");
-  EXPECT_EQ(pp([](confd_value_t *x) { CONFD_SET_IDENTITYREF(x, (confd_identityref{1, 99})); }),
+  EXPECT_EQ(pp([](confd_value_t *x) {
+              CONFD_SET_IDENTITYREF(x, (confd_identityref{1, 99}));
+            }),
             "idref<99>");
   struct in6_addr a6;
   inet_pton(AF_INET6, "2001:0db8:0:0:0:0:0:1", &a6);

@@ -23,24 +23,24 @@ TEST_F(VrfTest, L3InterfaceUsedByAProtocol) {
     return std::string("l3 a is configured in ") + protocol +
            " and cannot be associated with a VRF";
   };
-  RunCases("intf_vrf_validation",
-           {
-               {"OSPF first", A(red) + all, kL3Path, text("OSPF"), A(vlan) + all},
-               {"OSPFv3 before MPLS",
-                A(red) + Internal(Ospf("l3-a", "ospfv3") + LdpL3("l3-a", 100, "10.0.0.1/24")),
-                kL3Path, text("OSPFv3"), A(vlan), 1},
-               {"MPLS", A(red) + ldp, kL3Path, text("MPLS"), A(vlan) + ldp, 2},
-               {"created in a VRF", A(red) + ldp, kL3Path, text("MPLS"), "", 2},
-               {"LDP on another VLAN", A(red) + Internal(LdpL3("l3-a", 200, "10.0.0.1/24")),
-                kL3Path, "", A(vlan), 2},
-               {"no lower layer", A(Vrf("red")) + ldp, kL3Path, "", A("") + ldp, 2},
-               {"no address", A(red, "") + ldp, kL3Path, "", A(vlan, "") + ldp, 2},
-               {"OSPF on another interface", A(red) + Internal(Ospf("l3-b")), kL3Path, "", A(vlan),
-                2},
-               {"leaving a VRF", A(vlan) + all, kL3Path, "", A(red) + all},
-               {"address check first", A(red, "10.0.0.0/24") + all, kL3Path,
-                "l3 a ipv4 address 10.0.0.0/24 cannot be configured as network address.", A(vlan)},
-           });
+  RunCases(
+      "intf_vrf_validation",
+      {
+          {"OSPF first", A(red) + all, kL3Path, text("OSPF"), A(vlan) + all},
+          {"OSPFv3 before MPLS",
+           A(red) + Internal(Ospf("l3-a", "ospfv3") + LdpL3("l3-a", 100, "10.0.0.1/24")), kL3Path,
+           text("OSPFv3"), A(vlan), 1},
+          {"MPLS", A(red) + ldp, kL3Path, text("MPLS"), A(vlan) + ldp, 2},
+          {"created in a VRF", A(red) + ldp, kL3Path, text("MPLS"), "", 2},
+          {"LDP on another VLAN", A(red) + Internal(LdpL3("l3-a", 200, "10.0.0.1/24")), kL3Path, "",
+           A(vlan), 2},
+          {"no lower layer", A(Vrf("red")) + ldp, kL3Path, "", A("") + ldp, 2},
+          {"no address", A(red, "") + ldp, kL3Path, "", A(vlan, "") + ldp, 2},
+          {"OSPF on another interface", A(red) + Internal(Ospf("l3-b")), kL3Path, "", A(vlan), 2},
+          {"leaving a VRF", A(vlan) + all, kL3Path, "", A(red) + all},
+          {"address check first", A(red, "10.0.0.0/24") + all, kL3Path,
+           "l3 a ipv4 address 10.0.0.0/24 cannot be configured as network address.", A(vlan)},
+      });
 }
 
 TEST_F(VrfTest, LoopbackUsedByAProtocol) {
@@ -53,16 +53,16 @@ TEST_F(VrfTest, LoopbackUsedByAProtocol) {
     return std::string("loopback 0 is configured in ") + protocol +
            " and cannot be associated with a VRF";
   };
-  RunCases("intf_vrf_validation",
-           {
-               // Found in the l3 OSPF tables under the stored name.
-               {"OSPF", lo(Ospf("loopback-0")), kLoPath, text("OSPF"), before},
-               {"OSPFv3", lo(Ospf("loopback-0", "ospfv3")), kLoPath, text("OSPFv3"), before, 1},
-               {"MPLS, second address", lo(LdpLo("loopback-0", "2.2.2.2/32")), kLoPath,
-                text("MPLS"), before, 2},
-               {"MPLS, other address", lo(LdpLo("loopback-0", "3.3.3.3/32")), kLoPath, "", before,
-                2},
-           });
+  RunCases(
+      "intf_vrf_validation",
+      {
+          // Found in the l3 OSPF tables under the stored name.
+          {"OSPF", lo(Ospf("loopback-0")), kLoPath, text("OSPF"), before},
+          {"OSPFv3", lo(Ospf("loopback-0", "ospfv3")), kLoPath, text("OSPFv3"), before, 1},
+          {"MPLS, second address", lo(LdpLo("loopback-0", "2.2.2.2/32")), kLoPath, text("MPLS"),
+           before, 2},
+          {"MPLS, other address", lo(LdpLo("loopback-0", "3.3.3.3/32")), kLoPath, "", before, 2},
+      });
 }
 
 TEST_F(VrfTest, OnlyAWholeListGetsTheVrfChecks) {

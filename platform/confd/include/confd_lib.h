@@ -395,11 +395,11 @@ struct confd_trans_ctx {
   void *v_opaque; /* private data of validation callbacks */
   struct confd_error error;
   struct confd_tr_item *accumulated;
-  int thandle;           /* transaction handle for MAAPI calls */
-  void *cb_opaque;       /* private data of the data callback registration */
-  void *vcb_opaque;      /* private data of the validation callback registration */
-  int secondary_index;   /* list traversal by a secondary index, when != 0 */
-  int validation_info;   /* CONFD_VALIDATION_FLAG_* */
+  int thandle;         /* transaction handle for MAAPI calls */
+  void *cb_opaque;     /* private data of the data callback registration */
+  void *vcb_opaque;    /* private data of the validation callback registration */
+  int secondary_index; /* list traversal by a secondary index, when != 0 */
+  int validation_info; /* CONFD_VALIDATION_FLAG_* */
   char *callpoint_opaque;
   char *validate_opaque; /* opaque string of the validation point */
   union confd_request_data request_data;

@@ -124,11 +124,12 @@ int maapi_xpath_eval_expr(int sock, int thandle, const char *expr, char **res,
  * set (MOP_VALUE_SET). A presence container with changes below it is
  * reported (MOP_MODIFIED) only with ITER_WANT_P_CONTAINER in flags; without
  * it the changes below it are reported as if it were a plain container. */
-int maapi_keypath_diff_iterate(
-    int sock, int thandle,
-    enum maapi_iter_ret (*iter)(confd_hkeypath_t *kp, enum maapi_iter_op op, confd_value_t *oldv,
-                                confd_value_t *newv, void *state),
-    int flags, void *initstate, const char *fmt, ...);
+int maapi_keypath_diff_iterate(int sock, int thandle,
+                               enum maapi_iter_ret (*iter)(confd_hkeypath_t *kp,
+                                                           enum maapi_iter_op op,
+                                                           confd_value_t *oldv, confd_value_t *newv,
+                                                           void *state),
+                               int flags, void *initstate, const char *fmt, ...);
 
 #ifdef __cplusplus
 }

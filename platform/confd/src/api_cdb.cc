@@ -29,8 +29,9 @@ int cdb_start_session(int sock, enum cdb_db_type db) {
       // confd_lib_cdb(3): only between a subscription notification and the
       // final sync, and a validation callback is neither.
       err = CONFD_ERR_NOEXISTS;
-      why = "CDB_PRE_COMMIT_RUNNING is readable only while a subscription notification is "
-            "handled";
+      why =
+          "CDB_PRE_COMMIT_RUNNING is readable only while a subscription notification is "
+          "handled";
     } else if (db != CDB_RUNNING) {
       why = "only the running database can be read (asked for " + std::to_string(db) + ")";
     } else {

@@ -140,8 +140,7 @@ std::string CursorOptions(const maapi_cursor *mc, int *err) {
 
 // The next entry at or after state->next that passes the cursor's XPath
 // filter; null at the end. *why is set when the filter cannot be evaluated.
-const DNode *NextEntry(ipapp::store::CursorState *state, const maapi_cursor *mc,
-                       std::string *why) {
+const DNode *NextEntry(ipapp::store::CursorState *state, const maapi_cursor *mc, std::string *why) {
   size_t size = state->list ? state->list->entries.size() : 0;
   while (state->next < size) {
     const DNode *entry = state->list->entries[state->next];
@@ -362,9 +361,9 @@ int maapi_xpath_eval_expr(int sock, int thandle, const char *expr, char **res,
     std::lock_guard<std::mutex> lock(ipapp::store::StoreMutex());
     ipapp::store::Txn &txn = call.txn();
     txn.xpath_results.emplace(
-        *res, ipapp::store::OpenItem{txn.NextSerialLocked(), "XPath result",
-                                     "maapi_xpath_eval_expr",
-                                     std::string(expr) + " in " + call.path()});
+        *res,
+        ipapp::store::OpenItem{txn.NextSerialLocked(), "XPath result", "maapi_xpath_eval_expr",
+                               std::string(expr) + " in " + call.path()});
   }
   if (trace != nullptr) {
     std::string line = std::string("xpath ") + expr + " => \"" + value + "\"";

@@ -102,8 +102,8 @@ void Call::FormatPath(const char *fmt, va_list ap) {
     } else {
       // Nothing after the unknown modifier can be trusted to line up with
       // the arguments: the path is the format itself.
-      format_error_ = "unsupported modifier \"" +
-                      std::string(pct, *m ? m + 1 : m) + "\" in format \"" + fmt + "\"";
+      format_error_ = "unsupported modifier \"" + std::string(pct, *m ? m + 1 : m) +
+                      "\" in format \"" + fmt + "\"";
       path_.assign(fmt);
       return;
     }

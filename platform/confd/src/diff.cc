@@ -246,8 +246,9 @@ int maapi_keypath_diff_iterate(int sock, int thandle, IterFn iter, int flags, vo
   }
   if (differ->overflow()) return call.Fail(CONFD_ERR_BADPATH, "keypath deeper than MAXDEPTH");
   if (differ->suspended()) {
-    return call.Fail(CONFD_ERR_PROTOUSAGE,
-                     "ITER_SUSPEND needs maapi_diff_iterate_resume, which the store does not offer");
+    return call.Fail(
+        CONFD_ERR_PROTOUSAGE,
+        "ITER_SUSPEND needs maapi_diff_iterate_resume, which the store does not offer");
   }
   return call.Done(CONFD_OK, std::to_string(differ->reported()) + " changes");
 }

@@ -165,8 +165,8 @@ bool ParsePath(const SchemaIndex &schema, std::string_view path, bool schema_pat
         elem.sel = PathElem::kKeys;
       } else {
         if (!allow_index) {
-          *error = "\"[N]\" selects entries in CDB paths only; give the keys of \"" + s->name +
-                   "\"";
+          *error =
+              "\"[N]\" selects entries in CDB paths only; give the keys of \"" + s->name + "\"";
           return false;
         }
         size_t close = path.find(']', i);

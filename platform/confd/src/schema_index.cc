@@ -279,8 +279,8 @@ LeafType MapTypeOf(const lysc_type *ct, const lysp_type *pt, int depth) {
     case LY_TYPE_LEAFREF: {
       // The target's typedef names are not reachable from here: the real
       // type's base decides.
-      LeafType real = MapTypeOf(reinterpret_cast<const lysc_type_leafref *>(ct)->realtype, nullptr,
-                                depth + 1);
+      LeafType real =
+          MapTypeOf(reinterpret_cast<const lysc_type_leafref *>(ct)->realtype, nullptr, depth + 1);
       real.name = "leafref";
       return real;
     }

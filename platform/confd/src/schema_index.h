@@ -36,21 +36,21 @@ struct IdentItem {
 /// Value type of a leaf: the ConfD type it maps to (confd_types(3)), and
 /// what parsing and printing need to know about it.
 struct LeafType {
-  confd_vtype vtype = C_BUF;  ///< C_UNION: the value takes a member's type
-  std::string name;           ///< YANG type name, for messages ("int32", "hex-string")
-  std::vector<EnumItem> enums;     ///< enumeration values, or bit positions
-  std::vector<LeafType> members;   ///< union: the member types in order
-  std::vector<IdentItem> idents;   ///< identityref: the identities it may name
-  const lysc_type *ly = nullptr;   ///< compiled type (finds a union's member)
-  uint8_t fraction_digits = 0;     ///< decimal64
-  bool base64 = false;             ///< C_BINARY written in base64 (YANG binary)
+  confd_vtype vtype = C_BUF;      ///< C_UNION: the value takes a member's type
+  std::string name;               ///< YANG type name, for messages ("int32", "hex-string")
+  std::vector<EnumItem> enums;    ///< enumeration values, or bit positions
+  std::vector<LeafType> members;  ///< union: the member types in order
+  std::vector<IdentItem> idents;  ///< identityref: the identities it may name
+  const lysc_type *ly = nullptr;  ///< compiled type (finds a union's member)
+  uint8_t fraction_digits = 0;    ///< decimal64
+  bool base64 = false;            ///< C_BINARY written in base64 (YANG binary)
 };
 
 struct SNode {
   const lysc_node *ly = nullptr;
   std::string name;
   std::string module;
-  std::string prefix;  ///< the module's YANG prefix, the qualifier paths use
+  std::string prefix;             ///< the module's YANG prefix, the qualifier paths use
   const SNode *parent = nullptr;  ///< null for top-level nodes and the root
   NodeKind kind = NodeKind::kContainer;
   uint32_t tag = 0;

@@ -146,8 +146,8 @@ std::vector<OpenItem> Txn::OpenItems() const {
   }
   for (const auto &[sock, info] : cdb_sockets) {
     if (info.session) {
-      out.push_back({info.serial, "CDB session", "cdb_start_session",
-                     "socket " + std::to_string(sock)});
+      out.push_back(
+          {info.serial, "CDB session", "cdb_start_session", "socket " + std::to_string(sock)});
     }
   }
   for (const auto &[p, item] : dups) out.push_back(item);

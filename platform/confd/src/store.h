@@ -50,10 +50,10 @@ struct Resources {
 /// Something a call handed out that its caller has to give back (destroy,
 /// end, free): what a leak report names.
 struct OpenItem {
-  uint64_t serial = 0;       ///< order of opening, unique per transaction
-  const char *kind = "";     ///< "cursor", "CDB session", "value", "XPath result"
-  const char *call = "";     ///< the call that handed it out
-  std::string path;          ///< the path (or expression) it concerns
+  uint64_t serial = 0;    ///< order of opening, unique per transaction
+  const char *kind = "";  ///< "cursor", "CDB session", "value", "XPath result"
+  const char *call = "";  ///< the call that handed it out
+  std::string path;       ///< the path (or expression) it concerns
 };
 
 /// State of an initialised cursor.

@@ -106,10 +106,10 @@ struct OpenResources {
 
 /// One open resource, as a leak report names it.
 struct OpenItem {
-  uint64_t id = 0;    ///< unique per transaction, in the order opened
-  std::string kind;   ///< "cursor", "CDB session", "value", "XPath result"
-  std::string call;   ///< the call that opened it, e.g. "maapi_init_cursor"
-  std::string path;   ///< the path (an XPath result: "expr in context")
+  uint64_t id = 0;   ///< unique per transaction, in the order opened
+  std::string kind;  ///< "cursor", "CDB session", "value", "XPath result"
+  std::string call;  ///< the call that opened it, e.g. "maapi_init_cursor"
+  std::string path;  ///< the path (an XPath result: "expr in context")
 };
 
 /// A transaction under validation: the running store (read through CDB) and
