@@ -208,8 +208,9 @@ TEST(CheckReport, WhatAValidationLeavesOpenIsReported) {
                           IPAPP_FAKE_PLUGIN, "--format", "json"},
                          "leak");
   ASSERT_EQ(r.status, 0) << r.err;
-  ASSERT_GT(r.Json()["invocations"].size(), 1u);
-  for (const json &inv : r.Json()["invocations"]) {
+  const json fake = r.Json();
+  ASSERT_GT(fake["invocations"].size(), 1u);
+  for (const json &inv : fake["invocations"]) {
     EXPECT_EQ(inv["leaks"], json::parse(R"([{"kind": "cursor", "call": "maapi_init_cursor",
                                               "path": "/config/interface/ipapp:l3"}])"));
   }

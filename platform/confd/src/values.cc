@@ -213,7 +213,7 @@ bool ParseZone(std::string_view text, size_t *pos, int8_t *hours, int8_t *minute
 }
 
 void AppendZone(int hours, int minutes, std::string *out) {
-  char buf[16];
+  char buf[32];
   if (hours == CONFD_TIMEZONE_UNDEF) {
     out->append("-00:00");
   } else if (hours == 0 && minutes == 0) {
@@ -711,7 +711,7 @@ bool FormatValue(const confd_value_t &v, const LeafType *type, std::string *out)
 }
 
 void PrettyValue(const confd_value_t &v, std::string *out) {
-  char buf[64];
+  char buf[128];
   switch (v.type) {
     case C_ENUM_VALUE:
       *out += "enum<" + std::to_string(v.val.enumvalue) + ">";
