@@ -164,8 +164,8 @@ const DNode *NextEntry(ipapp::store::CursorState *state, const maapi_cursor *mc,
 // children, an absent presence container as one C_NOEXISTS. Only the
 // first n values are stored (allocated ones registered on txn); *count
 // counts them all.
-void ValueArray(Call &call, const char *path, const ipapp::store::SNode &s, const DNode *node,
-                confd_value_t *out, int n, int *count) {
+void ValueArray(Call &call, const std::string *path, const ipapp::store::SNode &s,
+                const DNode *node, confd_value_t *out, int n, int *count) {
   for (const ipapp::store::SNode *c : s.children) {
     confd_value_t v{};
     v.type = C_NOEXISTS;
@@ -206,9 +206,7 @@ void ValueArray(Call &call, const char *path, const ipapp::store::SNode &s, cons
     }
     if (*count < n) {
       out[*count] = v;
-      if (dup != nullptr) {
-        ipapp::store::AddDupLocked(call.txn(), dup, "maapi_get_objects", path ? path : "");
-      }
+      if (dup != nullptr) ipapp::store::AddDupLocked(call.txn(), dup, "maapi_get_objects", path);
     }
     ++*count;
   }
@@ -280,12 +278,13 @@ int maapi_get_objects(struct maapi_cursor *mc, confd_value_t *values, int n, int
     if (known && why.empty()) why = CursorOptions(mc, &err);
     if (known && why.empty()) {
       const DNode *last = nullptr;
+      const std::string *path = call.txn().InternLocked(state->path ? state->path : "");
       while (count < *nobj) {
         const DNode *entry = NextEntry(state, mc, &why);
         if (entry == nullptr) break;
         ++state->next;
         int width = 0;
-        ValueArray(call, state->path, *entry->s, entry, &values[count * n], n, &width);
+        ValueArray(call, path, *entry->s, entry, &values[count * n], n, &width);
         most = std::max(most, width);
         last = entry;
         ++count;

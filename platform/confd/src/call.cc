@@ -219,7 +219,7 @@ int Call::Done(int result, std::string detail) {
 int Call::DoneWithDup(int result, void *dup, std::string detail) {
   if (txn_) {
     std::lock_guard<std::mutex> lock(StoreMutex());
-    if (dup != nullptr) AddDupLocked(*txn_, dup, name_, path_);
+    if (dup != nullptr) AddDupLocked(*txn_, dup, name_, txn_->InternLocked(path_));
     txn_->AddTraceLocked(name_, path_, result, std::move(detail));
   }
   return result;

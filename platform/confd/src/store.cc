@@ -150,7 +150,7 @@ std::vector<OpenItem> Txn::OpenItems() const {
           {info.serial, "CDB session", "cdb_start_session", "socket " + std::to_string(sock)});
     }
   }
-  for (const auto &[p, item] : dups) out.push_back(item);
+  for (const auto &[p, dup] : dups) out.push_back({dup.serial, "value", dup.call, *dup.path});
   for (const auto &[p, item] : xpath_results) out.push_back(item);
   std::sort(out.begin(), out.end(),
             [](const OpenItem &a, const OpenItem &b) { return a.serial < b.serial; });
@@ -249,8 +249,8 @@ void ForgetCursorLocked(uint64_t id) {
   Reg().cursor_owner.erase(id);
 }
 
-void AddDupLocked(Txn &txn, void *ptr, const char *call, const std::string &path) {
-  txn.dups.emplace(ptr, OpenItem{txn.NextSerialLocked(), "value", call, path});
+void AddDupLocked(Txn &txn, void *ptr, const char *call, const std::string *path) {
+  txn.dups.emplace(ptr, DupRecord{txn.NextSerialLocked(), call, path});
   Reg().dup_owner.emplace(ptr, txn.thandle());
 }
 

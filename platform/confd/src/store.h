@@ -65,6 +65,15 @@ struct CursorState {
   uint64_t serial = 0;
 };
 
+/// A value a read allocated for its caller. The path is interned on the
+/// transaction: reads repeat paths, and a copy per value would cost more
+/// than the read.
+struct DupRecord {
+  uint64_t serial = 0;
+  const char *call = "";
+  const std::string *path = nullptr;
+};
+
 struct CdbSocket {
   bool session = false;
   const DataTree *tree = nullptr;
@@ -114,7 +123,17 @@ class Txn {
   uint64_t NextSerialLocked() { return ++serial_; }
   std::unordered_map<uint64_t, CursorState> cursors;
   std::unordered_map<int, CdbSocket> cdb_sockets;
-  std::unordered_map<void *, OpenItem> dups;
+  std::unordered_map<void *, DupRecord> dups;
+  /// One copy of every path a value was read from (see DupRecord).
+  const std::string *InternLocked(std::string_view path) {
+    if (last_interned_ != nullptr && *last_interned_ == path) return last_interned_;
+    auto it = interned_.find(path);
+    if (it != interned_.end()) return last_interned_ = it->second.get();
+    auto copy = std::make_unique<std::string>(path);
+    last_interned_ = copy.get();
+    interned_.emplace(*last_interned_, std::move(copy));
+    return last_interned_;
+  }
   /// Empty XPath results: handed out, never freed by the element's
   /// plug-ins; released with the transaction.
   std::unordered_map<char *, OpenItem> xpath_results;
@@ -135,6 +154,8 @@ class Txn {
   std::deque<std::unique_ptr<confd_trans_ctx>> contexts_;
   std::deque<std::string> kept_;
   uint64_t serial_ = 0;
+  std::unordered_map<std::string_view, std::unique_ptr<std::string>> interned_;
+  const std::string *last_interned_ = nullptr;
 };
 
 /// The store's one lock: registry and per-transaction bookkeeping.
@@ -154,9 +175,9 @@ std::shared_ptr<Txn> FindCdbSocketLocked(int sock);
 std::shared_ptr<Txn> FindCursorLocked(uint64_t id);
 uint64_t NewCursorIdLocked(int thandle);
 void ForgetCursorLocked(uint64_t id);
-/// Registers what a read allocated for its caller (call and path name it
-/// in leak reports).
-void AddDupLocked(Txn &txn, void *ptr, const char *call, const std::string &path);
+/// Registers what a read allocated for its caller (call and path, interned
+/// on txn with InternLocked, name it in leak reports).
+void AddDupLocked(Txn &txn, void *ptr, const char *call, const std::string *path);
 /// Releases a duplicated buffer; false for a pointer the store did not hand out.
 bool FreeDup(void *ptr);
 
