@@ -95,11 +95,8 @@ addrkit::IPv4AddrMask GenericConfig::get_ipv4_addr_mask(const confd_value_t &add
   if (addr.type != C_BINARY || prefix.type != C_INT32) return mask;
   mask.addr() = get_ipv4_addr(addr);
   ASSERT_CONFD_TYPE(&prefix, C_INT32);
-  // The route table's prefix length is a plain integer; one the family
-  // cannot have reads as no prefix, like a value of the wrong type.
-  const int32_t len = CONFD_GET_INT32(&prefix);
-  if (len < 0 || len > 32) return addrkit::IPv4AddrMask();
-  mask.set_prefix_len(len);
+  // The data model holds the length to the family's range.
+  mask.set_prefix_len(CONFD_GET_INT32(&prefix));
   return mask;
 }
 
@@ -109,11 +106,8 @@ addrkit::IPv6AddrMask GenericConfig::get_ipv6_addr_mask(const confd_value_t &add
   if (addr.type != C_BINARY || prefix.type != C_INT32) return mask;
   mask.addr() = get_ipv6_addr(addr);
   ASSERT_CONFD_TYPE(&prefix, C_INT32);
-  // The route table's prefix length is a plain integer; one the family
-  // cannot have reads as no prefix, like a value of the wrong type.
-  const int32_t len = CONFD_GET_INT32(&prefix);
-  if (len < 0 || len > 128) return addrkit::IPv6AddrMask();
-  mask.set_prefix_len(len);
+  // The data model holds the length to the family's range.
+  mask.set_prefix_len(CONFD_GET_INT32(&prefix));
   return mask;
 }
 
