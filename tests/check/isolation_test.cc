@@ -6,6 +6,8 @@
 
 #include <ipapp/check_engine.h>
 
+#include "report_text.h"
+
 #include <cstdlib>
 #include <string>
 #include <vector>
@@ -30,24 +32,6 @@ std::unique_ptr<ipapp::host::Transaction> Commit(const std::string &candidate) {
                                           ipapp::host::DataSource::File(kExamples + candidate));
 }
 
-// Everything a report says, as one comparable text.
-std::string Describe(const Report &report) {
-  std::string out;
-  for (const Invocation &inv : report.invocations) {
-    out += inv.validation + " " + inv.keypath + " -> " + std::to_string(inv.result) + " " +
-           inv.error + (inv.failed ? " failed " + inv.process_end : "") + "\n";
-    for (const ipapp::host::TraceEntry &e : inv.trace) {
-      out +=
-          "  " + e.call + " " + e.path + " = " + std::to_string(e.result) + " " + e.detail + "\n";
-    }
-  }
-  for (const ipapp::host::Fault &f : report.faults) {
-    out += "fault " + std::to_string(f.kind) + " " + f.function + " " + f.file + ":" +
-           std::to_string(f.line) + " " + f.message + "\n";
-  }
-  return out + report.finish_failure;
-}
-
 TEST(IsolatedCommit, ReportsWhatAnInProcessCommitReports) {
   ipapp::check::Options options;
   options.keep_going = true;
@@ -63,7 +47,7 @@ TEST(IsolatedCommit, ReportsWhatAnInProcessCommitReports) {
       in_process = ipapp::check::RunCommit(plugin, *Schema(), *tx, options);
     }
     EXPECT_GT(isolated.invocations.size(), 3u);
-    EXPECT_EQ(Describe(isolated), Describe(in_process));
+    EXPECT_EQ(ipapp::test::ReportText(isolated), ipapp::test::ReportText(in_process));
   }
 }
 
