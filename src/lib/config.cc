@@ -172,8 +172,7 @@ std::string GenericConfig::get_vrf_name(const std::string &path) const {
     return std::string();
   }
   ASSERT_CONFD_TYPE(&l3_vrf_name, C_BUF);
-  std::string vrf = BufText(l3_vrf_name);
-  confd_free_dup_to_value(&l3_vrf_name);
+  std::string vrf = TakeBufText(&l3_vrf_name);
   return vrf;
 }
 
@@ -267,8 +266,7 @@ std::string GenericConfig::get_vrf_name_from_id(const confd_value_t &id) const {
   confd_value_t vrf;
   if (maapi_get_elem(sock, tctx->thandle, &vrf, "%s", path.c_str()) == CONFD_ERR) return vrf_name;
   ASSERT_CONFD_TYPE(&vrf, C_BUF);
-  vrf_name = BufText(vrf);
-  confd_free_dup_to_value(&vrf);
+  vrf_name = TakeBufText(&vrf);
   return vrf_name;
 }
 
@@ -288,8 +286,7 @@ std::string GenericConfig::get_intf_name_from_route(maapi_cursor &cursor) const 
     return intf_name;
   }
   ASSERT_CONFD_TYPE(&l3_intf_name, C_BUF);
-  intf_name = BufText(l3_intf_name);
-  confd_free_dup_to_value(&l3_intf_name);
+  intf_name = TakeBufText(&l3_intf_name);
   // The stored form has a separator at index 2 ("l3-core1"); the model's
   // names have a blank there. A two-character name gets the blank appended.
   intf_name.replace(2, 1, " ");

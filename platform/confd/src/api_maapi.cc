@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -84,15 +85,26 @@ int maapi_init_cursor(int sock, int thandle, struct maapi_cursor *mc, const char
   if (mc == nullptr) return call.Fail(CONFD_ERR_PROTOUSAGE, "null cursor");
   std::memset(mc, 0, sizeof *mc);
   mc->path = strdup(call.path().c_str());
+  if (mc->path == nullptr) throw std::bad_alloc();
   mc->socket = sock;
   mc->thandle = thandle;
   {
+    // Registered whole or not at all: a cursor the caller never got cannot
+    // be destroyed by it.
     std::lock_guard<std::mutex> lock(ipapp::store::StoreMutex());
-    uint64_t id = ipapp::store::NewCursorIdLocked(thandle);
-    ipapp::store::CursorState &state = call.txn().cursors[id];
-    state.list = t.list;
-    state.s = t.s;
-    state.path = mc->path;
+    uint64_t id = 0;
+    try {
+      id = ipapp::store::NewCursorIdLocked(thandle);
+      ipapp::store::CursorState &state = call.txn().cursors[id];
+      state.list = t.list;
+      state.s = t.s;
+      state.path = mc->path;
+    } catch (...) {
+      if (id != 0) ipapp::store::ForgetCursorLocked(id);
+      std::free(mc->path);
+      mc->path = nullptr;
+      throw;
+    }
     mc->cursor_id = reinterpret_cast<void *>(static_cast<uintptr_t>(id));
   }
   return call.Done(CONFD_OK);
@@ -150,6 +162,8 @@ int maapi_get_next(struct maapi_cursor *mc) {
   return call.Done(CONFD_OK, detail);
 }
 
+// Never throws: guards call it from destructors. Only lookups and erasures
+// happen before the trace record, which cannot fail.
 void maapi_destroy_cursor(struct maapi_cursor *mc) {
   Call call("maapi_destroy_cursor");
   if (mc == nullptr) return;
@@ -172,12 +186,29 @@ void maapi_destroy_cursor(struct maapi_cursor *mc) {
   call.Done(CONFD_OK);
 }
 
+namespace {
+
+// Takes back the buffers duplicated into values[0, count): unregistered and
+// freed, the values set to C_NOEXISTS.
+void TakeBack(confd_value_t *values, int count) noexcept {
+  for (int i = 0; i < count; ++i) {
+    confd_value_t &v = values[i];
+    if ((v.type == C_BUF || v.type == C_BINARY) && v.val.buf.ptr != nullptr) {
+      ipapp::store::FreeDup(v.val.buf.ptr);
+    }
+    CONFD_SET_NOEXISTS(&v);
+  }
+}
+
+}  // namespace
+
 int maapi_get_objects(struct maapi_cursor *mc, confd_value_t *values, int n, int *nobj) {
   Call call("maapi_get_objects");
   int count = 0;
+  int written = 0;  // values filled, each with its duplicate registered
   bool known;
   bool bad_args = values == nullptr || nobj == nullptr || n <= 0 || (nobj && *nobj <= 0);
-  {
+  try {
     std::lock_guard<std::mutex> lock(ipapp::store::StoreMutex());
     ipapp::store::CursorState *state = FindCursor(call, mc);
     known = state != nullptr;
@@ -191,11 +222,21 @@ int maapi_get_objects(struct maapi_cursor *mc, confd_value_t *values, int n, int
             static_cast<size_t>(j) < leaves.size() ? entry.Child(leaves[j]) : nullptr;
         if (leaf == nullptr) {
           CONFD_SET_NOEXISTS(&out);
+          ++written;
           continue;
         }
         void *dup;
-        out = ipapp::store::DupValue(leaf->value, &dup);
-        if (dup != nullptr) ipapp::store::AddDupLocked(call.txn(), dup);
+        const confd_value_t copy = ipapp::store::DupValue(leaf->value, &dup);
+        if (dup != nullptr) {
+          try {
+            ipapp::store::AddDupLocked(call.txn(), dup);
+          } catch (...) {
+            std::free(dup);
+            throw;
+          }
+        }
+        out = copy;
+        ++written;
       }
       ++count;
     }
@@ -207,10 +248,18 @@ int maapi_get_objects(struct maapi_cursor *mc, confd_value_t *values, int n, int
         mc->n = 0;
       }
     }
+  } catch (...) {
+    TakeBack(values, written);  // the caller never learns of them
+    throw;
   }
   if (!known) return UnknownCursor(call, mc);
   if (bad_args) return call.Fail(CONFD_ERR_PROTOUSAGE, "bad arguments (values, n or *nobj)");
-  return call.Done(CONFD_OK, std::to_string(count) + " objects");
+  try {
+    return call.Done(CONFD_OK, std::to_string(count) + " objects");
+  } catch (...) {
+    TakeBack(values, written);
+    throw;
+  }
 }
 
 namespace {

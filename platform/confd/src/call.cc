@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 
 #include "values.h"
 
@@ -132,16 +133,22 @@ int Call::WrongType(const DNode &leaf, int vtype) {
                                      VtypeName(leaf.value.type) + "), not " + VtypeName(vtype));
 }
 
-int Call::Done(int result, std::string detail) {
+int Call::Done(int result, const std::string &detail) {
   return DoneWithDup(result, nullptr, detail);
 }
 
-int Call::DoneWithDup(int result, void *dup, std::string detail) {
-  if (txn_) {
-    std::lock_guard<std::mutex> lock(StoreMutex());
-    if (dup != nullptr) AddDupLocked(*txn_, dup);
-    txn_->AddTraceLocked(name_, path_, result, std::move(detail));
+int Call::DoneWithDup(int result, void *dup, const std::string &detail) {
+  if (!txn_) return result;
+  std::lock_guard<std::mutex> lock(StoreMutex());
+  if (dup != nullptr) {
+    try {
+      AddDupLocked(*txn_, dup);
+    } catch (...) {
+      std::free(dup);
+      throw;
+    }
   }
+  txn_->AddTraceLocked(name_, path_, result, detail);
   return result;
 }
 
@@ -159,6 +166,7 @@ confd_value_t DupValue(const confd_value_t &v, void **dup) {
   *dup = nullptr;
   if (v.type == C_BUF || v.type == C_BINARY) {
     auto *copy = static_cast<unsigned char *>(std::malloc(v.val.buf.size + 1));
+    if (copy == nullptr) throw std::bad_alloc();
     if (v.val.buf.size) std::memcpy(copy, v.val.buf.ptr, v.val.buf.size);
     copy[v.val.buf.size] = '\0';
     out.val.buf.ptr = copy;

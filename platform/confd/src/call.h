@@ -50,10 +50,12 @@ class Call {
   }
   int WrongType(const DNode &leaf, int vtype);
 
-  /// Records the call and returns result.
-  int Done(int result, std::string detail = {});
-  /// Also hands *v (duplicated) to the caller's accounting.
-  int DoneWithDup(int result, void *dup, std::string detail);
+  /// Records the call and returns result. Never throws once detail exists:
+  /// whatever a call registered before stays registered and handed out.
+  int Done(int result, const std::string &detail = {});
+  /// Also registers dup (a duplicated buffer, or null) as handed to the
+  /// caller; if that throws, dup is freed and nothing is registered.
+  int DoneWithDup(int result, void *dup, const std::string &detail);
   /// Sets the error, records the call and returns CONFD_ERR.
   int Fail(int err, const std::string &why);
 
@@ -75,7 +77,8 @@ class Call {
   } while (0)
 
 /// Copies a read value for the caller: buffers are duplicated
-/// (NUL-terminated) and returned through *dup, null for other types.
+/// (NUL-terminated) and returned through *dup, null for other types. Throws
+/// std::bad_alloc, with nothing allocated, when memory runs out.
 confd_value_t DupValue(const confd_value_t &v, void **dup);
 
 }  // namespace ipapp::store
