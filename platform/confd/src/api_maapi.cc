@@ -320,11 +320,20 @@ int maapi_xpath_eval_expr(int sock, int thandle, const char *expr, char **res,
     if (set->count > 0) StringValue(set->dnodes[0], &value);
     ly_set_free(set, nullptr);
   }
+  // Texts first: once *res is handed out nothing may throw.
+  std::string line = trace ? std::string("xpath ") + expr + " => \"" + value + "\"" : "";
+  const std::string detail = std::string(expr) + " => " + value;
   *res = strdup(value.c_str());
-  if (value.empty()) KeepEmptyResult(*res);
-  if (trace != nullptr) {
-    std::string line = std::string("xpath ") + expr + " => \"" + value + "\"";
-    trace(line.data());
+  if (*res == nullptr) throw std::bad_alloc();
+  if (value.empty()) {
+    try {
+      KeepEmptyResult(*res);
+    } catch (...) {
+      std::free(*res);
+      *res = nullptr;
+      throw;
+    }
   }
-  return call.Done(CONFD_OK, std::string(expr) + " => " + value);
+  if (trace != nullptr) trace(line.data());
+  return call.Done(CONFD_OK, detail);
 }
