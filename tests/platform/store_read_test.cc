@@ -133,6 +133,8 @@ TEST_F(StoreReadTest, BadPathsFailWithTheirReason) {
       {"/config/interface/l3{a b}/vrf", "list \"l3\" has 1 key, 2 given"},
       {"/config/interface/l3/vrf", "list \"l3\" needs keys or an index"},
       {"/config/interface/l3[x]/vrf", "bad index \"[x]\""},
+      {"/config/interface/l3[99999999999999999999]/vrf",  // no overflow on the way
+       "bad index \"[99999999999999999999]\""},
       {"/config/interface{a}", "\"interface\" is not a list"},
       {"/config/interface/l3{core1}/vrf/x", "\"vrf\" is a leaf and has no children"},
       {"/config/interface/l3{core1}/", "empty element at offset 28"},
