@@ -10,7 +10,7 @@ seconds=${1:-60}
 bash scripts/install-deps.sh --fuzz
 CC=clang CXX=clang++ cmake -S . -B build-fuzz -DIPAPP_FUZZ=ON -DIPAPP_WERROR=ON \
   -DIPAPP_BUILD_TESTS=OFF -DIPAPP_BUILD_BENCH=OFF >/dev/null
-cmake --build build-fuzz -j "$(nproc)"
+cmake --build build-fuzz -j "$(nproc)" --target fuzz_address_text fuzz_keypath fuzz_commit
 
 mkdir -p build-fuzz/findings
 for target in address_text keypath commit; do
