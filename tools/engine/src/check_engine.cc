@@ -431,6 +431,20 @@ Report RunCommitIsolated(const std::string &plugin_path, const host::Schema &sch
     RunChild(fds[1], plugin_path, schema, tx, options);
   }
   close(fds[1]);
+  // Should anything below throw (a caller's callback, memory), the child
+  // must not outlive the call.
+  struct Child {
+    pid_t pid;
+    int fd;
+    bool reaped = false;
+    ~Child() {
+      if (fd >= 0) close(fd);
+      if (reaped) return;
+      kill(pid, SIGKILL);
+      while (waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
+      }
+    }
+  } child{pid, fds[0]};
 
   Report report;
   Stage stage;
@@ -499,7 +513,8 @@ Report RunCommitIsolated(const std::string &plugin_path, const host::Schema &sch
     }
     buffer.erase(0, at);
   }
-  close(fds[0]);
+  close(child.fd);
+  child.fd = -1;
   int status = 0;
   if (timed_out || garbled || !Reap(pid, deadline, &status)) {
     timed_out = timed_out || !garbled;
@@ -507,6 +522,7 @@ Report RunCommitIsolated(const std::string &plugin_path, const host::Schema &sch
     while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
     }
   }
+  child.reaped = true;
 
   if (plugin_error) throw PluginError(*plugin_error);
   if (input_error) throw *input_error;
