@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the project builds and tests with; installs
 # nothing when all are present, so it is safe to run again.
+#   --fuzz   also clang and its runtimes (libFuzzer, sanitizers), for
+#            scripts/fuzz.sh
 set -euo pipefail
 
 packages=(
@@ -12,6 +14,9 @@ packages=(
   binutils
   netconfd libyuma-dev libxml2-dev openssh-server python3-ncclient
 )
+if [ "${1:-}" = "--fuzz" ]; then
+  packages+=(clang libclang-rt-14-dev)
+fi
 
 missing=()
 for p in "${packages[@]}"; do

@@ -95,11 +95,8 @@ addrkit::IPv4AddrMask GenericConfig::get_ipv4_addr_mask(const confd_value_t &add
   if (addr.type != C_BINARY || prefix.type != C_INT32) return mask;
   mask.addr() = get_ipv4_addr(addr);
   ASSERT_CONFD_TYPE(&prefix, C_INT32);
-  // The route table's prefix length is a plain integer; one the family
-  // cannot have reads as no prefix, like a value of the wrong type.
-  const int32_t len = CONFD_GET_INT32(&prefix);
-  if (len < 0 || len > 32) return addrkit::IPv4AddrMask();
-  mask.set_prefix_len(len);
+  // The data model holds the length to the family's range.
+  mask.set_prefix_len(CONFD_GET_INT32(&prefix));
   return mask;
 }
 
@@ -109,11 +106,8 @@ addrkit::IPv6AddrMask GenericConfig::get_ipv6_addr_mask(const confd_value_t &add
   if (addr.type != C_BINARY || prefix.type != C_INT32) return mask;
   mask.addr() = get_ipv6_addr(addr);
   ASSERT_CONFD_TYPE(&prefix, C_INT32);
-  // The route table's prefix length is a plain integer; one the family
-  // cannot have reads as no prefix, like a value of the wrong type.
-  const int32_t len = CONFD_GET_INT32(&prefix);
-  if (len < 0 || len > 128) return addrkit::IPv6AddrMask();
-  mask.set_prefix_len(len);
+  // The data model holds the length to the family's range.
+  mask.set_prefix_len(CONFD_GET_INT32(&prefix));
   return mask;
 }
 
@@ -178,8 +172,7 @@ std::string GenericConfig::get_vrf_name(const std::string &path) const {
     return std::string();
   }
   ASSERT_CONFD_TYPE(&l3_vrf_name, C_BUF);
-  std::string vrf = BufText(l3_vrf_name);
-  confd_free_dup_to_value(&l3_vrf_name);
+  std::string vrf = TakeBufText(&l3_vrf_name);
   return vrf;
 }
 
@@ -273,8 +266,7 @@ std::string GenericConfig::get_vrf_name_from_id(const confd_value_t &id) const {
   confd_value_t vrf;
   if (maapi_get_elem(sock, tctx->thandle, &vrf, "%s", path.c_str()) == CONFD_ERR) return vrf_name;
   ASSERT_CONFD_TYPE(&vrf, C_BUF);
-  vrf_name = BufText(vrf);
-  confd_free_dup_to_value(&vrf);
+  vrf_name = TakeBufText(&vrf);
   return vrf_name;
 }
 
@@ -294,8 +286,7 @@ std::string GenericConfig::get_intf_name_from_route(maapi_cursor &cursor) const 
     return intf_name;
   }
   ASSERT_CONFD_TYPE(&l3_intf_name, C_BUF);
-  intf_name = BufText(l3_intf_name);
-  confd_free_dup_to_value(&l3_intf_name);
+  intf_name = TakeBufText(&l3_intf_name);
   // The stored form has a separator at index 2 ("l3-core1"); the model's
   // names have a blank there. A two-character name gets the blank appended.
   intf_name.replace(2, 1, " ");

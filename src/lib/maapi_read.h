@@ -23,6 +23,16 @@ inline std::string BufText(const confd_value_t &v) {
   return std::string(p, strnlen(p, CONFD_GET_BUFSIZE(&v)));
 }
 
+/// BufText of a value that a MAAPI read duplicated, then released with
+/// confd_free_dup_to_value: released too when making the text throws.
+inline std::string TakeBufText(confd_value_t *v) {
+  struct Release {
+    confd_value_t *v;
+    ~Release() { confd_free_dup_to_value(v); }
+  } release{v};
+  return BufText(*v);
+}
+
 /// The address-and-prefix leaf at path: maapi_exists, then (when it answers
 /// 1) maapi_get_ipv4_and_plen_elem. Unspecified when absent or unreadable.
 addrkit::IPv4AddrMask ReadIpv4AddrMask(int sock, confd_trans_ctx *tctx, const std::string &path);

@@ -312,6 +312,15 @@ TEST_F(StoreDiffTest, CdbSessionsReadTheRunningStore) {
     confd_free_value(&v);
     EXPECT_EQ(cdb_get_int32(cdb, &vlan, "/config/interface/l3{core1}/vrf"), CONFD_ERR);
     EXPECT_EQ(confd_errno, CONFD_ERR_BADTYPE);
+    // CDB paths keep "[N]"; a bad index is refused without overflowing on the way.
+    for (const char *index : {"x", "99999999999999999999"}) {
+      SCOPED_TRACE(index);
+      const std::string path = std::string("/config/interface/l3[") + index + "]/vrf";
+      EXPECT_EQ(cdb_exists(cdb, "%s", path.c_str()), CONFD_ERR);
+      EXPECT_EQ(confd_errno, CONFD_ERR_BADPATH);
+      EXPECT_EQ(std::string(confd_lasterr()),
+                "cdb_exists: \"" + path + "\": bad path: bad index \"[" + index + "]\"");
+    }
   }
   EXPECT_TRUE(tx_->Open().empty());
 

@@ -66,13 +66,20 @@ TEST_F(RouteTest, NextHopConflictsInTheSameVrfOnly) {
           {"loopback /32", Interfaces(Lo("0", LoV4({"10.0.0.1/32"}))) + global, kRoutePath,
            "loopback 0 ipv4 address 10.0.0.1/32 and static route 192.168.0.0/16 next-hop "
            "10.0.0.1 cannot have address conflict."},
-          // A prefix length the family cannot have reads as no prefix.
-          {"prefix length 33",
-           Interfaces(L3("a", V4("10.0.0.1/24"))) + Routes(Route("192.168.0.0", 33, "10.0.0.1")),
+          // Lengths read as written, up to the family's ends.
+          {"host route",
+           Interfaces(L3("a", V4("10.0.0.1/24"))) + Routes(Route("192.168.0.7", 32, "10.0.0.1")),
            kRoutePath,
-           "l3 a ipv4 address 10.0.0.1/24 and static route 0.0.0.0/0 next-hop 10.0.0.1 "
+           "l3 a ipv4 address 10.0.0.1/24 and static route 192.168.0.7/32 next-hop 10.0.0.1 "
            "cannot have address conflict."},
       });
+  RunCases("ipv6_addr_route_validation",
+           {{"ipv6 host route",
+             Interfaces(L3("a", V6({"2001:db8::1/64"}))) +
+                 Routes(Route("2001:db8:5::7", 128, "2001:db8::1")),
+             kRoutePath,
+             "l3 a ipv6 address 2001:db8::1/64 and static route 2001:db8:5::7/128 next-hop "
+             "2001:db8::1 cannot have address conflict."}});
 }
 
 TEST_F(RouteTest, OutputInterfaceKeepsItsLowerLayer) {

@@ -1,23 +1,26 @@
 // ipapp-check: tells whether the element would accept a candidate
 // configuration, by running the commit's validation callbacks through the
-// plug-in the way the element's data-model daemon does.
+// plug-in the way the element's data-model daemon does. The plug-in runs in a
+// child process, so that whatever it does ends in a report.
 //
-// Exit status: 0 accepted, 1 refused, 2 bad usage or bad input, 3 the plug-in
-// could not be loaded or an exception left it.
+// Exit status: 0 accepted, 1 refused, 2 bad usage, bad input or a report that
+// cannot be written, 3 the plug-in could not be loaded, or it threw, crashed,
+// ended the process or overran the time limit.
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
 #include <ipapp/check_engine.h>
 #include <ipapp/host.h>
 
-#include <unistd.h>
-
 #include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cmath>
 #include <csignal>
+#include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <iostream>
-#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -38,6 +41,7 @@ struct Args {
   std::string format = "text";
   bool keep_going = false;
   bool trace = false;
+  double timeout = 60;  ///< seconds per commit
 };
 
 // The first existing candidate, or the first one when none exists (so the
@@ -84,7 +88,7 @@ void PrintTrace(std::ostream &out, const Invocation &inv) {
 
 void PrintText(std::ostream &out, const Report &report, bool trace) {
   if (const Invocation *failure = report.failure()) {
-    out << "plug-in failure: " << failure->error << "\n"
+    out << "plug-in failure: " << failure->FailureText() << "\n"
         << "  validation: " << failure->validation << "\n"
         << "  keypath: " << failure->keypath << "\n";
   } else if (report.accepted()) {
@@ -128,6 +132,7 @@ void PrintText(std::ostream &out, const Report &report, bool trace) {
   if (trace) {
     for (const Invocation &inv : report.invocations) PrintTrace(out, inv);
   }
+  if (!report.finish_failure.empty()) out << "plug-in failure: " << report.finish_failure << "\n";
 }
 
 nlohmann::json ToJson(const Report &report, bool trace) {
@@ -142,8 +147,9 @@ nlohmann::json ToJson(const Report &report, bool trace) {
   if (failure) {
     doc["failure"] = {{"validation", failure->validation},
                       {"keypath", failure->keypath},
-                      {"error", failure->error}};
+                      {"error", failure->FailureText()}};
   }
+  if (!report.finish_failure.empty()) doc["finish_failure"] = report.finish_failure;
   doc["faults"] = nlohmann::json::array();
   for (const ipapp::host::Fault &f : report.faults) {
     doc["faults"].push_back(
@@ -169,30 +175,15 @@ nlohmann::json ToJson(const Report &report, bool trace) {
   return doc;
 }
 
-// A failed assertion in the plug-in aborts the process, as it would abort the
-// element's daemon. The checker reports it as a plug-in failure instead of
-// dying with the signal; the assertion's own report is already on stderr.
-char g_abort_message[512];
-
-extern "C" void OnPluginAbort(int) {
-  (void)!write(STDERR_FILENO, g_abort_message, strlen(g_abort_message));
-  _exit(kPluginFailure);
+// Flushes stdout; false (errno set) when the report did not get out: a full
+// disk or a reader that has gone must not pass for a verdict.
+bool Flushed() {
+  errno = 0;
+  std::cout.flush();
+  return std::fflush(stdout) == 0 && !std::ferror(stdout) && std::cout.good();
 }
 
-class AbortReport {
- public:
-  AbortReport() { previous_ = std::signal(SIGABRT, OnPluginAbort); }
-  ~AbortReport() { std::signal(SIGABRT, previous_); }
-  AbortReport(const AbortReport &) = delete;
-  AbortReport &operator=(const AbortReport &) = delete;
-
- private:
-  void (*previous_)(int);
-};
-
 int Run(const Args &args) {
-  // Declared first so that the transaction ends before the plug-in unloads.
-  std::optional<ipapp::check::Plugin> plugin;
   std::shared_ptr<const ipapp::host::Schema> schema;
   std::unique_ptr<ipapp::host::Transaction> tx;
   const std::string yang = args.yang.empty() ? DefaultYangDir() : args.yang;
@@ -208,28 +199,21 @@ int Run(const Args &args) {
   }
 
   const std::string plugin_path = args.plugin.empty() ? DefaultPlugin() : args.plugin;
-  try {
-    plugin.emplace(plugin_path);
-  } catch (const ipapp::check::PluginError &e) {
-    std::cerr << "ipapp-check: " << e.what() << "\n";
-    return kPluginFailure;
-  }
-
   ipapp::check::Options options;
   options.keep_going = args.keep_going;
   options.trace = args.trace;
+  const auto timeout = std::chrono::milliseconds(std::llround(args.timeout * 1000));
   Report report;
   try {
-    AbortReport abort_report;
-    options.before_each = [](const std::string &validation, const std::string &keypath) {
-      snprintf(g_abort_message, sizeof g_abort_message,
-               "ipapp-check: the plug-in aborted in %s on %s\n", validation.c_str(),
-               keypath.c_str());
-    };
-    report = ipapp::check::RunCommit(*plugin, *schema, *tx, options);
+    report = ipapp::check::RunCommitIsolated(plugin_path, *schema, *tx, options, timeout);
   } catch (const ipapp::host::InputError &e) {
     std::cerr << "ipapp-check: " << e.what() << "\n";
     return kBadInput;
+  } catch (const std::exception &e) {
+    // A plug-in that cannot be loaded or started, or a commit process that
+    // could not run: no verdict.
+    std::cerr << "ipapp-check: " << e.what() << "\n";
+    return kPluginFailure;
   }
 
   if (args.format == "json") {
@@ -237,9 +221,18 @@ int Run(const Args &args) {
   } else {
     PrintText(std::cout, report, args.trace);
   }
+  if (!Flushed()) {
+    const int err = errno;
+    std::cerr << "ipapp-check: cannot write the report to stdout"
+              << (err ? std::string(": ") + std::strerror(err) : std::string()) << "\n";
+    return kBadInput;
+  }
   if (const Invocation *failure = report.failure()) {
-    std::cerr << "ipapp-check: exception from the plug-in in " << failure->validation << " on "
-              << failure->keypath << ": " << failure->error << "\n";
+    std::cerr << "ipapp-check: " << failure->FailureTextWithPlace() << "\n";
+    return kPluginFailure;
+  }
+  if (!report.finish_failure.empty()) {
+    std::cerr << "ipapp-check: " << report.finish_failure << "\n";
     return kPluginFailure;
   }
   return report.accepted() ? kAccepted : kRefused;
@@ -248,6 +241,8 @@ int Run(const Args &args) {
 }  // namespace
 
 int main(int argc, char **argv) {
+  // A reader that has gone makes writes fail (checked) instead of killing us.
+  std::signal(SIGPIPE, SIG_IGN);
   CLI::App app{"Tells whether the element would accept a candidate configuration."};
   Args args;
   app.add_option("--running", args.running, "running configuration (.xml or .json); default empty");
@@ -259,6 +254,9 @@ int main(int argc, char **argv) {
   app.add_option("--format", args.format, "output format")->check(CLI::IsMember({"text", "json"}));
   app.add_flag("--keep-going", args.keep_going, "run every validation instead of stopping");
   app.add_flag("--trace", args.trace, "show every data-store call of each validation");
+  app.add_option("--timeout", args.timeout,
+                 "seconds the plug-in may take for the whole commit (default 60)")
+      ->check(CLI::Range(0.001, 86400.0));
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError &e) {

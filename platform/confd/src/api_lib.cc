@@ -20,7 +20,8 @@ int CopyOut(const std::string &text, char *buf, int bufsiz) {
   return static_cast<int>(text.size());
 }
 
-void FreeValue(const char *name, confd_value_t *v) {
+// Never throws: values are released from destructors.
+void FreeValue(const char *name, confd_value_t *v) noexcept {
   if (v == nullptr) return;
   void *ptr = nullptr;
   switch (v->type) {
@@ -53,7 +54,10 @@ void FreeValue(const char *name, confd_value_t *v) {
   if (txn) {
     ipapp::store::Call call(name);
     call.Use(txn);
-    call.Done(CONFD_ERR, "not a value duplicated by a read");
+    try {
+      call.Done(CONFD_ERR, "not a value duplicated by a read");
+    } catch (...) {  // the detail text could not be made: no record
+    }
   }
 }
 

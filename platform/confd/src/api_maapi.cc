@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -84,16 +85,27 @@ int maapi_init_cursor(int sock, int thandle, struct maapi_cursor *mc, const char
   if (mc == nullptr) return call.Fail(CONFD_ERR_PROTOUSAGE, "null cursor");
   std::memset(mc, 0, sizeof *mc);
   mc->path = strdup(call.path().c_str());
+  if (mc->path == nullptr) throw std::bad_alloc();
   mc->socket = sock;
   mc->thandle = thandle;
   {
+    // Registered whole or not at all: a cursor the caller never got cannot
+    // be destroyed by it.
     std::lock_guard<std::mutex> lock(ipapp::store::StoreMutex());
-    uint64_t id = ipapp::store::NewCursorIdLocked(thandle);
-    ipapp::store::CursorState &state = call.txn().cursors[id];
-    state.list = t.list;
-    state.s = t.s;
-    state.path = mc->path;
-    state.serial = call.txn().NextSerialLocked();
+    uint64_t id = 0;
+    try {
+      id = ipapp::store::NewCursorIdLocked(thandle);
+      ipapp::store::CursorState &state = call.txn().cursors[id];
+      state.list = t.list;
+      state.s = t.s;
+      state.path = mc->path;
+      state.serial = call.txn().NextSerialLocked();
+    } catch (...) {
+      if (id != 0) ipapp::store::ForgetCursorLocked(id);
+      std::free(mc->path);
+      mc->path = nullptr;
+      throw;
+    }
     mc->cursor_id = reinterpret_cast<void *>(static_cast<uintptr_t>(id));
   }
   return call.Done(CONFD_OK);
@@ -205,8 +217,15 @@ void ValueArray(Call &call, const std::string *path, const ipapp::store::SNode &
         continue;
     }
     if (*count < n) {
+      if (dup != nullptr) {
+        try {
+          ipapp::store::AddDupLocked(call.txn(), dup, "maapi_get_objects", path);
+        } catch (...) {
+          std::free(dup);
+          throw;
+        }
+      }
       out[*count] = v;
-      if (dup != nullptr) ipapp::store::AddDupLocked(call.txn(), dup, "maapi_get_objects", path);
     }
     ++*count;
   }
@@ -240,6 +259,8 @@ int maapi_get_next(struct maapi_cursor *mc) {
   return call.Done(CONFD_OK, detail);
 }
 
+// Never throws: guards call it from destructors. Only lookups and erasures
+// happen before the trace record, which cannot fail.
 void maapi_destroy_cursor(struct maapi_cursor *mc) {
   Call call("maapi_destroy_cursor");
   if (mc == nullptr) return;
@@ -262,15 +283,36 @@ void maapi_destroy_cursor(struct maapi_cursor *mc) {
   call.Done(CONFD_OK);
 }
 
+namespace {
+
+// Takes back the buffers duplicated into values[0, count): unregistered and
+// freed, the values set to C_NOEXISTS.
+void TakeBack(confd_value_t *values, int count) noexcept {
+  for (int i = 0; i < count; ++i) {
+    confd_value_t &v = values[i];
+    void *ptr = nullptr;
+    if (v.type == C_BUF || v.type == C_BINARY || v.type == C_HEXSTR || v.type == C_BITBIG) {
+      ptr = v.val.buf.ptr;
+    } else if (v.type == C_LIST) {
+      ptr = v.val.list.ptr;
+    }
+    if (ptr != nullptr) ipapp::store::FreeDup(ptr);
+    CONFD_SET_NOEXISTS(&v);
+  }
+}
+
+}  // namespace
+
 int maapi_get_objects(struct maapi_cursor *mc, confd_value_t *values, int n, int *nobj) {
   Call call("maapi_get_objects");
   int count = 0;
-  int most = 0;  // values of the largest entry read
-  bool known;
+  int most = 0;    // values of the largest entry read
+  int filled = 0;  // values[0, filled) hold what this call wrote
+  bool known = false;
   std::string why;
   int err = CONFD_ERR_PROTOUSAGE;
   bool bad_args = values == nullptr || nobj == nullptr || n <= 0 || (nobj && *nobj < 0);
-  {
+  try {
     std::lock_guard<std::mutex> lock(ipapp::store::StoreMutex());
     ipapp::store::CursorState *state = FindCursor(call, mc);
     known = state != nullptr;
@@ -283,8 +325,13 @@ int maapi_get_objects(struct maapi_cursor *mc, confd_value_t *values, int n, int
         const DNode *entry = NextEntry(state, mc, &why);
         if (entry == nullptr) break;
         ++state->next;
+        // The row is cleared first, so that taking it back never meets a
+        // value this call did not write.
+        confd_value_t *row = &values[count * n];
+        for (int j = 0; j < n; ++j) CONFD_SET_NOEXISTS(&row[j]);
+        filled = (count + 1) * n;
         int width = 0;
-        ValueArray(call, path, *entry->s, entry, &values[count * n], n, &width);
+        ValueArray(call, path, *entry->s, entry, row, n, &width);
         most = std::max(most, width);
         last = entry;
         ++count;
@@ -298,10 +345,21 @@ int maapi_get_objects(struct maapi_cursor *mc, confd_value_t *values, int n, int
         SetKeys(*last, mc);  // the next call starts after it
       }
     }
+  } catch (...) {
+    TakeBack(values, filled);  // the caller never learns of them
+    throw;
   }
   if (!known) return UnknownCursor(call, mc);
-  if (!why.empty()) return call.Fail(err, why);
-  return call.Done(most, std::to_string(count) + " objects");
+  if (!why.empty()) {
+    TakeBack(values, filled);
+    return call.Fail(err, why);
+  }
+  try {
+    return call.Done(most, std::to_string(count) + " objects");
+  } catch (...) {
+    TakeBack(values, filled);
+    throw;
+  }
 }
 
 namespace {
@@ -353,20 +411,27 @@ int maapi_xpath_eval_expr(int sock, int thandle, const char *expr, char **res,
     if (set->count > 0) StringValue(set->dnodes[0], &value);
     ly_set_free(set, nullptr);
   }
+  // Texts first: once *res is handed out nothing may throw.
+  std::string line = trace ? std::string("xpath ") + expr + " => \"" + value + "\"" : "";
+  const std::string detail = std::string(expr) + " => " + value;
   *res = strdup(value.c_str());
+  if (*res == nullptr) throw std::bad_alloc();
   if (value.empty()) {
     // The element's plug-ins never free an empty result: the transaction
     // keeps it, as open, until it ends.
-    std::lock_guard<std::mutex> lock(ipapp::store::StoreMutex());
-    ipapp::store::Txn &txn = call.txn();
-    txn.xpath_results.emplace(
-        *res,
-        ipapp::store::OpenItem{txn.NextSerialLocked(), "XPath result", "maapi_xpath_eval_expr",
-                               std::string(expr) + " in " + call.path()});
+    try {
+      std::string what = std::string(expr) + " in " + call.path();
+      std::lock_guard<std::mutex> lock(ipapp::store::StoreMutex());
+      ipapp::store::Txn &txn = call.txn();
+      txn.xpath_results.emplace(*res,
+                                ipapp::store::OpenItem{txn.NextSerialLocked(), "XPath result",
+                                                       "maapi_xpath_eval_expr", std::move(what)});
+    } catch (...) {
+      std::free(*res);
+      *res = nullptr;
+      throw;
+    }
   }
-  if (trace != nullptr) {
-    std::string line = std::string("xpath ") + expr + " => \"" + value + "\"";
-    trace(line.data());
-  }
-  return call.Done(CONFD_OK, std::string(expr) + " => " + value);
+  if (trace != nullptr) trace(line.data());
+  return call.Done(CONFD_OK, detail);
 }

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 
 #include "values.h"
 
@@ -212,16 +213,22 @@ int Call::WrongType(const DNode &leaf, int vtype) {
                                      VtypeName(leaf.value.type) + "), not " + VtypeName(vtype));
 }
 
-int Call::Done(int result, std::string detail) {
+int Call::Done(int result, const std::string &detail) {
   return DoneWithDup(result, nullptr, detail);
 }
 
-int Call::DoneWithDup(int result, void *dup, std::string detail) {
-  if (txn_) {
-    std::lock_guard<std::mutex> lock(StoreMutex());
-    if (dup != nullptr) AddDupLocked(*txn_, dup, name_, txn_->InternLocked(path_));
-    txn_->AddTraceLocked(name_, path_, result, std::move(detail));
+int Call::DoneWithDup(int result, void *dup, const std::string &detail) {
+  if (!txn_) return result;
+  std::lock_guard<std::mutex> lock(StoreMutex());
+  if (dup != nullptr) {
+    try {
+      AddDupLocked(*txn_, dup, name_, txn_->InternLocked(path_));
+    } catch (...) {
+      std::free(dup);
+      throw;
+    }
   }
+  txn_->AddTraceLocked(name_, path_, result, detail);
   return result;
 }
 
@@ -239,6 +246,7 @@ confd_value_t DupValue(const confd_value_t &v, void **dup) {
   *dup = nullptr;
   if (v.type == C_BUF || v.type == C_BINARY || v.type == C_HEXSTR || v.type == C_BITBIG) {
     auto *copy = static_cast<unsigned char *>(std::malloc(v.val.buf.size + 1));
+    if (copy == nullptr) throw std::bad_alloc();
     if (v.val.buf.size) std::memcpy(copy, v.val.buf.ptr, v.val.buf.size);
     copy[v.val.buf.size] = '\0';
     out.val.buf.ptr = copy;
@@ -264,6 +272,7 @@ confd_value_t DupList(const ListInst *list, void **dup) {
   }
   // One block: the values, then the bytes of their buffers.
   auto *block = static_cast<unsigned char *>(std::malloc(n * sizeof(confd_value_t) + bytes));
+  if (block == nullptr) throw std::bad_alloc();
   auto *values = reinterpret_cast<confd_value_t *>(block);
   unsigned char *at = block + n * sizeof(confd_value_t);
   for (size_t i = 0; i < n; ++i) {

@@ -55,11 +55,13 @@ class Call {
   }
   int WrongType(const DNode &leaf, int vtype);
 
-  /// Records the call and returns result.
-  int Done(int result, std::string detail = {});
+  /// Records the call and returns result. Never throws once detail exists:
+  /// whatever a call registered before stays registered and handed out.
+  int Done(int result, const std::string &detail = {});
   /// Also records dup (what a read allocated for its caller) as open on the
-  /// transaction until the caller frees it.
-  int DoneWithDup(int result, void *dup, std::string detail);
+  /// transaction until the caller frees it; if that throws, dup is freed and
+  /// nothing is registered.
+  int DoneWithDup(int result, void *dup, const std::string &detail);
   /// Sets the error, records the call and returns CONFD_ERR.
   int Fail(int err, const std::string &why);
 
@@ -84,7 +86,8 @@ class Call {
 
 /// Copies a read value for the caller: buffers (C_BUF, C_BINARY, C_HEXSTR,
 /// C_BITBIG) are duplicated (NUL-terminated) and returned through *dup,
-/// null for other types.
+/// null for other types. Throws std::bad_alloc, with nothing allocated, when
+/// memory runs out.
 confd_value_t DupValue(const confd_value_t &v, void **dup);
 
 /// The entries of a leaf-list as one C_LIST value for the caller: the array

@@ -175,9 +175,9 @@ bool ParsePath(const SchemaIndex &schema, std::string_view path, bool schema_pat
                                       : path.substr(i + 1, close - i - 1);
         long index = 0;
         bool ok = !digits.empty() && digits.size() < 10;
-        for (char c : digits) {
-          ok = ok && c >= '0' && c <= '9';
-          index = index * 10 + (c - '0');
+        for (size_t d = 0; ok && d < digits.size(); ++d) {
+          ok = digits[d] >= '0' && digits[d] <= '9';
+          index = index * 10 + (digits[d] - '0');
         }
         if (!ok) {
           *error = "bad index \"[" + std::string(digits) + "]\"";

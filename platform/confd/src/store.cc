@@ -56,21 +56,30 @@ Txn::Txn(int thandle, int maapi_socket, std::shared_ptr<const SchemaIndex> schem
 Txn::~Txn() {
   for (auto &[p, item] : dups) std::free(p);
   for (auto &[p, item] : xpath_results) std::free(p);
-  for (auto &ctx : contexts_) std::free(ctx->validate_opaque);
 }
 
 confd_trans_ctx *Txn::NewContext(const std::string &opaque, void *host) {
-  auto ctx = std::make_unique<confd_trans_ctx>();
-  std::memset(ctx.get(), 0, sizeof(confd_trans_ctx));
+  std::lock_guard<std::mutex> lock(StoreMutex());
+  Context &slot = contexts_[opaque];
+  if (!slot.ctx) {
+    auto ctx = std::make_unique<confd_trans_ctx>();
+    char *copy = strdup(opaque.c_str());
+    if (copy == nullptr) {
+      contexts_.erase(opaque);
+      throw std::bad_alloc();
+    }
+    slot.ctx = std::move(ctx);
+    slot.opaque.reset(copy);
+  }
+  confd_trans_ctx *ctx = slot.ctx.get();
+  std::memset(ctx, 0, sizeof(confd_trans_ctx));
   ctx->fd = -1;
   ctx->vfd = -1;
   ctx->thandle = thandle_;
   ctx->vcb_opaque = host;
-  ctx->validate_opaque = strdup(opaque.c_str());
+  ctx->validate_opaque = slot.opaque.get();
   ctx->internal = this;
-  std::lock_guard<std::mutex> lock(StoreMutex());
-  contexts_.push_back(std::move(ctx));
-  return contexts_.back().get();
+  return ctx;
 }
 
 void Txn::SetError(std::string text) {
@@ -105,12 +114,17 @@ std::vector<FaultRecord> Txn::Faults() const {
   return faults_;
 }
 
-void Txn::AddTraceLocked(const char *call, std::string path, int result, std::string detail) {
+void Txn::AddTraceLocked(const char *call, const std::string &path, int result,
+                         const std::string &detail) noexcept {
   if (trace_.size() >= kTraceLimit) {
     ++trace_dropped_;
     return;
   }
-  trace_.push_back({call, std::move(path), result, std::move(detail)});
+  try {
+    trace_.push_back({call, path, result, detail});
+  } catch (...) {
+    ++trace_dropped_;
+  }
 }
 
 std::vector<TraceRecord> Txn::Trace() const {
@@ -176,9 +190,9 @@ bool Txn::fail_maapi_socket() const {
   return fail_maapi_;
 }
 
-const std::string &Txn::Keep(std::string bytes) {
+const std::string &Txn::Intern(std::string_view bytes) {
   std::lock_guard<std::mutex> lock(StoreMutex());
-  return kept_.emplace_back(std::move(bytes));
+  return *interned_.emplace(bytes).first;
 }
 
 std::shared_ptr<Txn> CreateTxn(std::shared_ptr<const SchemaIndex> schema,
@@ -251,7 +265,12 @@ void ForgetCursorLocked(uint64_t id) {
 
 void AddDupLocked(Txn &txn, void *ptr, const char *call, const std::string *path) {
   txn.dups.emplace(ptr, DupRecord{txn.NextSerialLocked(), call, path});
-  Reg().dup_owner.emplace(ptr, txn.thandle());
+  try {
+    Reg().dup_owner.emplace(ptr, txn.thandle());
+  } catch (...) {
+    txn.dups.erase(ptr);
+    throw;
+  }
 }
 
 bool FreeDup(void *ptr) {
@@ -273,11 +292,16 @@ int OpenCdbSocket(int thandle) {
   Registry &reg = Reg();
   int sock = reg.next_socket++;
   reg.cdb_socket_owner.emplace(sock, thandle);
-  txn->cdb_sockets.emplace(sock, CdbSocket{});
+  try {
+    txn->cdb_sockets.emplace(sock, CdbSocket{});
+  } catch (...) {
+    reg.cdb_socket_owner.erase(sock);
+    throw;
+  }
   return sock;
 }
 
-void CloseCdbSocket(int sock) {
+void CloseCdbSocket(int sock) noexcept {
   std::lock_guard<std::mutex> lock(StoreMutex());
   std::shared_ptr<Txn> txn = FindCdbSocketLocked(sock);
   Reg().cdb_socket_owner.erase(sock);
@@ -341,34 +365,44 @@ bool KeypathOfPath(Txn &txn, const DataTree &tree, const ParsedPath &path, Keypa
       return false;
     }
     if (elem.sel == PathElem::kKeys) {
+      ParsedPath prefix;
+      prefix.n = i + 1;
+      for (int j = 0; j <= i; ++j) prefix.e[j] = path.e[j];
+      const Target t = Resolve(tree, prefix);
+      if (t.node != nullptr) {
+        if (!kp->PushEntry(*t.node)) {
+          *error = "keypath deeper than " + std::to_string(MAXDEPTH);
+          return false;
+        }
+        continue;
+      }
       confd_value_t keys[MAXKEYLEN];
       for (int k = 0; k < elem.nkeys; ++k) {
         std::string storage;
         std::string why;
         const LeafType &type = elem.s->keys[k]->type;
-        std::string text(elem.keys[k]);
+        const std::string &text = txn.Intern(elem.keys[k]);
         if (type.vtype == C_BUF) {
-          const std::string &kept = txn.Keep(std::move(text));
-          CONFD_SET_BUF(&keys[k], kept.c_str(), kept.size());
-        } else {
-          if (!ParseValue(type, text, &keys[k], &storage, &why)) {
-            *error = why;
-            return false;
+          CONFD_SET_BUF(&keys[k], text.c_str(), text.size());
+          continue;
+        }
+        if (!ParseValue(type, text, &keys[k], &storage, &why)) {
+          *error = why;
+          return false;
+        }
+        switch (keys[k].type) {
+          case C_BUF:
+          case C_BINARY:
+          case C_HEXSTR:
+          case C_BITBIG: {  // the bytes live in storage: keep them
+            const std::string &bytes = txn.Intern(storage);
+            keys[k].val.buf.ptr =
+                reinterpret_cast<unsigned char *>(const_cast<char *>(bytes.data()));
+            keys[k].val.buf.size = static_cast<unsigned int>(bytes.size());
+            break;
           }
-          switch (keys[k].type) {
-            case C_BUF:
-            case C_BINARY:
-            case C_HEXSTR:
-            case C_BITBIG: {  // the bytes live in storage: keep them
-              const std::string &bytes = txn.Keep(std::move(storage));
-              keys[k].val.buf.ptr =
-                  reinterpret_cast<unsigned char *>(const_cast<char *>(bytes.data()));
-              keys[k].val.buf.size = static_cast<unsigned int>(bytes.size());
-              break;
-            }
-            default:
-              break;
-          }
+          default:
+            break;
         }
       }
       if (!kp->PushKeys(keys, elem.nkeys)) {

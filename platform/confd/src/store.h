@@ -10,6 +10,7 @@
 #include <confd_maapi.h>
 
 #include <cstdint>
+#include <cstdlib>
 #include <deque>
 #include <memory>
 #include <mutex>
@@ -94,7 +95,9 @@ class Txn {
   const DataTree &running() const { return *running_; }
   const DataTree &candidate() const { return *candidate_; }
 
-  /// A context owned by the transaction; validate_opaque is a copy.
+  /// A context owned by the transaction, its fields as new; validate_opaque
+  /// is a copy. One per opaque string: asking again for the same opaque
+  /// resets and hands out the same context.
   confd_trans_ctx *NewContext(const std::string &opaque, void *host);
 
   void SetError(std::string text);
@@ -115,24 +118,28 @@ class Txn {
   void FailMaapiSocket(bool fail);
   bool fail_maapi_socket() const;
 
-  /// Keeps a buffer alive as long as the transaction (keypath keys).
-  const std::string &Keep(std::string bytes);
+  /// One copy of bytes alive as long as the transaction (keypath keys of
+  /// entries that do not exist): the same bytes again give the same copy.
+  const std::string &Intern(std::string_view bytes);
 
   // Below: the store's bookkeeping, only with the store lock held.
-  void AddTraceLocked(const char *call, std::string path, int result, std::string detail);
+  /// Never throws: a record that cannot be stored is counted as dropped, so
+  /// that releasing a resource (from a destructor) cannot fail.
+  void AddTraceLocked(const char *call, const std::string &path, int result,
+                      const std::string &detail) noexcept;
   uint64_t NextSerialLocked() { return ++serial_; }
   std::unordered_map<uint64_t, CursorState> cursors;
   std::unordered_map<int, CdbSocket> cdb_sockets;
   std::unordered_map<void *, DupRecord> dups;
   /// One copy of every path a value was read from (see DupRecord).
   const std::string *InternLocked(std::string_view path) {
-    if (last_interned_ != nullptr && *last_interned_ == path) return last_interned_;
-    auto it = interned_.find(path);
-    if (it != interned_.end()) return last_interned_ = it->second.get();
+    if (last_dup_path_ != nullptr && *last_dup_path_ == path) return last_dup_path_;
+    auto it = dup_paths_.find(path);
+    if (it != dup_paths_.end()) return last_dup_path_ = it->second.get();
     auto copy = std::make_unique<std::string>(path);
-    last_interned_ = copy.get();
-    interned_.emplace(*last_interned_, std::move(copy));
-    return last_interned_;
+    const std::string *kept = copy.get();
+    dup_paths_.emplace(*kept, std::move(copy));
+    return last_dup_path_ = kept;
   }
   /// Empty XPath results: handed out, never freed by the element's
   /// plug-ins; released with the transaction.
@@ -151,11 +158,15 @@ class Txn {
   size_t trace_dropped_ = 0;
   bool fail_cdb_ = false;
   bool fail_maapi_ = false;
-  std::deque<std::unique_ptr<confd_trans_ctx>> contexts_;
-  std::deque<std::string> kept_;
+  struct Context {
+    std::unique_ptr<confd_trans_ctx> ctx;
+    std::unique_ptr<char, void (*)(void *)> opaque{nullptr, std::free};
+  };
+  std::unordered_map<std::string, Context> contexts_;
+  std::unordered_set<std::string> interned_;
   uint64_t serial_ = 0;
-  std::unordered_map<std::string_view, std::unique_ptr<std::string>> interned_;
-  const std::string *last_interned_ = nullptr;
+  std::unordered_map<std::string_view, std::unique_ptr<std::string>> dup_paths_;
+  const std::string *last_dup_path_ = nullptr;
 };
 
 /// The store's one lock: registry and per-transaction bookkeeping.
@@ -176,14 +187,17 @@ std::shared_ptr<Txn> FindCursorLocked(uint64_t id);
 uint64_t NewCursorIdLocked(int thandle);
 void ForgetCursorLocked(uint64_t id);
 /// Registers what a read allocated for its caller (call and path, interned
-/// on txn with InternLocked, name it in leak reports).
+/// on txn with InternLocked, name it in leak reports); on an exception nothing
+/// is registered (the buffer is still the caller's to free).
 void AddDupLocked(Txn &txn, void *ptr, const char *call, const std::string *path);
 /// Releases a duplicated buffer; false for a pointer the store did not hand out.
 bool FreeDup(void *ptr);
 
-/// A new CDB socket on the transaction; -1 when it has ended.
+/// A new CDB socket on the transaction; -1 when it has ended. On an
+/// exception nothing is registered.
 int OpenCdbSocket(int thandle);
-void CloseCdbSocket(int sock);
+/// Forgets the socket and any session on it; never throws.
+void CloseCdbSocket(int sock) noexcept;
 
 /// The transaction this thread last worked on (host calls without a
 /// context, such as the fault log, go to it); 0 when none.
@@ -209,8 +223,10 @@ class KeypathBuilder {
   int n_ = 0;
 };
 
-/// The keypath of a parsed path; key texts are converted to typed values
-/// kept in txn. An [N] element takes the keys of the N-th entry in tree.
+/// The keypath of a parsed path. Keys of an entry that exists in tree are
+/// that entry's own values; other key texts are converted to typed values
+/// interned in txn, so converting a path again costs no memory. An [N]
+/// element takes the keys of the N-th entry in tree.
 bool KeypathOfPath(Txn &txn, const DataTree &tree, const ParsedPath &path, KeypathBuilder *kp,
                    std::string *error);
 /// The keypath of a data node.

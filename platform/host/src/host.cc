@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -11,6 +12,7 @@
 #include <nlohmann/json.hpp>
 
 #include "kxconfd_host.h"
+#include "locate.h"
 #include "store.h"
 
 namespace ipapp::host {
@@ -275,22 +277,53 @@ class TransactionImpl : public Transaction {
   std::unique_ptr<kxconfd> host_;
 };
 
-// libyang's JSON parser takes some truncated texts for empty data; the
-// syntax is checked on its own first so that those are refused as well.
-void CheckJsonSyntax(const DataSource &source) {
-  if (nlohmann::json::accept(source.text)) return;
-  try {
-    const nlohmann::json parsed = nlohmann::json::parse(source.text);
-  } catch (const nlohmann::json::parse_error &e) {
-    const size_t end = std::min<size_t>(e.byte > 0 ? e.byte - 1 : 0, source.text.size());
-    const int line =
-        1 + static_cast<int>(std::count(source.text.begin(), source.text.begin() + end, '\n'));
-    std::string why = e.what();
-    const size_t colon = why.find(": ", why.find("parse error"));
-    throw InputError(
-        source.name, line,
-        "malformed JSON: " + (colon == std::string::npos ? why : why.substr(colon + 2)));
+// libyang's JSON parser takes some truncated texts for empty data, and the
+// JSON library throws for a number that overflows a double; the syntax is
+// checked on its own first, so that every such text is refused with a line.
+class JsonSyntax : public nlohmann::json_sax<nlohmann::json> {
+ public:
+  bool null() override { return true; }
+  bool boolean(bool) override { return true; }
+  bool number_integer(number_integer_t) override { return true; }
+  bool number_unsigned(number_unsigned_t) override { return true; }
+  bool number_float(number_float_t, const string_t &) override { return true; }
+  bool string(string_t &) override { return true; }
+  bool binary(binary_t &) override { return true; }
+  bool start_object(std::size_t) override { return true; }
+  bool key(string_t &) override { return true; }
+  bool end_object() override { return true; }
+  bool start_array(std::size_t) override { return true; }
+  bool end_array() override { return true; }
+  bool parse_error(std::size_t position, const std::string &,
+                   const nlohmann::json::exception &e) override {
+    position_ = position;
+    why_ = e.what();
+    return false;
   }
+
+  size_t position() const { return position_; }
+  const std::string &why() const { return why_; }
+
+ private:
+  size_t position_ = 0;
+  std::string why_;
+};
+
+void CheckJsonSyntax(const DataSource &source) {
+  JsonSyntax syntax;
+  if (nlohmann::json::sax_parse(source.text, &syntax)) return;
+  // position counts the bytes read, the offending one included.
+  const size_t end =
+      std::min<size_t>(syntax.position() > 0 ? syntax.position() - 1 : 0, source.text.size());
+  const int line =
+      1 + static_cast<int>(std::count(source.text.begin(), source.text.begin() + end, '\n'));
+  std::string why = syntax.why();
+  // "[json.exception.parse_error.101] parse error at line 1, column 3: x" -> "x"
+  const size_t tag = why.find("] ");
+  if (tag != std::string::npos) why.erase(0, tag + 2);
+  const size_t colon = why.find(": ", why.find("parse error"));
+  if (why.rfind("parse error", 0) == 0 && colon != std::string::npos) why.erase(0, colon + 2);
+  throw InputError(source.name, line, "malformed JSON: " + why);
 }
 
 std::unique_ptr<store::DataTree> ParseData(const store::SchemaIndex &index,
@@ -307,7 +340,14 @@ std::unique_ptr<store::DataTree> ParseData(const store::SchemaIndex &index,
     if (err != LY_SUCCESS) {
       std::string log = store::TakeLibyangLog();
       lyd_free_all(tree);
-      throw InputError(source.name, LineOf(log), FirstError(log, "cannot be parsed"));
+      int line = LineOf(log);
+      if (line == 0) {
+        const std::string path = DataLocation(log);
+        if (!path.empty()) {
+          line = LineOfPath(source.text, source.format == DataSource::Format::kJson, path);
+        }
+      }
+      throw InputError(source.name, line, FirstError(log, "cannot be parsed"));
     }
   }
   try {
@@ -347,10 +387,15 @@ DataSource DataSource::File(const std::string &path) {
   } else {
     throw InputError(path, 0, "unknown data format \"" + ext + "\" (expected .xml or .json)");
   }
+  // A directory opens and reads as empty text: as a candidate it would mean
+  // "delete everything".
+  std::error_code ec;
+  if (fs::is_directory(path, ec)) throw InputError(path, 0, "is a directory, not a file");
   std::ifstream in(path, std::ios::binary);
-  if (!in) throw InputError(path, 0, "cannot be read");
+  if (!in) throw InputError(path, 0, std::string("cannot be read: ") + std::strerror(errno));
   std::ostringstream text;
   text << in.rdbuf();
+  if (in.bad()) throw InputError(path, 0, "cannot be read");
   return {format, text.str(), path};
 }
 

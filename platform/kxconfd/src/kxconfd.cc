@@ -33,15 +33,23 @@ KxConfdCdbSessionBase::KxConfdCdbSessionBase(KxConfdInterface *iface, cdb_db_typ
     throw std::runtime_error("CDB session: transaction " + std::to_string(iface_->thandle()) +
                              " has ended");
   }
-  if (cdb_start_session(sock_, db) != CONFD_OK) {
-    std::string why = confd_lasterr();
+  // No destructor runs for a constructor that throws: the socket, and the
+  // session if it started, go with it.
+  try {
+    if (cdb_start_session(sock_, db) != CONFD_OK) {
+      throw std::runtime_error(std::string("CDB session: ") + confd_lasterr());
+    }
+  } catch (...) {
     ipapp::store::CloseCdbSocket(sock_);
-    throw std::runtime_error("CDB session: " + why);
+    throw;
   }
 }
 
 KxConfdCdbSessionBase::~KxConfdCdbSessionBase() {
-  cdb_end_session(sock_);
+  try {
+    cdb_end_session(sock_);
+  } catch (...) {  // its record could not be made; the socket goes anyway
+  }
   ipapp::store::CloseCdbSocket(sock_);
 }
 

@@ -1,13 +1,16 @@
 // Commit validation the way the element's data-model daemon runs it: a
 // validation plug-in loaded with dlopen, and the validation callbacks that one
 // commit makes, derived from the modules' ipapp-ext bindings and from what
-// differs between the running store and the candidate.
+// differs between the running store and the candidate. A host that must
+// survive a broken plug-in runs the commit in a child process
+// (RunCommitIsolated).
 #ifndef IPAPP_CHECK_ENGINE_H
 #define IPAPP_CHECK_ENGINE_H
 
 #include <confd_lib.h>
 #include <ipapp/host.h>
 
+#include <chrono>
 #include <functional>
 #include <stdexcept>
 #include <string>
@@ -26,29 +29,45 @@ class PluginError : public std::runtime_error {
 };
 
 /// A validation plug-in, loaded and started: lib_init has been called once.
-/// Destruction calls lib_finish once and unloads the library.
+/// Destruction calls lib_finish once (unless Finish did) and unloads the
+/// library. Whatever an entry point throws is turned into text while the
+/// library is still loaded: exception types defined in the plug-in die with it.
 class Plugin {
  public:
+  /// Called with the name of each entry point just before it runs ("load"
+  /// for the library's own initialisation while it loads).
+  using EntryHook = std::function<void(const char *entry)>;
+
   /// Loads the library at path, checks that get_validation_point answers
-  /// kValidationPoint and calls lib_init. Throws PluginError.
-  explicit Plugin(const std::string &path);
+  /// kValidationPoint and calls lib_init. Throws PluginError, naming the
+  /// entry point that failed.
+  explicit Plugin(const std::string &path, EntryHook entering = nullptr);
   ~Plugin();
   Plugin(const Plugin &) = delete;
   Plugin &operator=(const Plugin &) = delete;
 
   const std::string &path() const { return path_; }
-  /// One validation callback; whatever validate throws passes through.
+  /// One validation callback; whatever validate throws passes through, so
+  /// it must be caught before the plug-in is destroyed.
   int Validate(confd_trans_ctx *tctx, confd_hkeypath_t *kp, confd_value_t *newval) const;
+  /// Calls lib_finish; the text of what it threw, or empty. Once only:
+  /// later calls and the destructor do nothing more.
+  std::string Finish();
 
  private:
   using ValidateFn = int (*)(confd_trans_ctx *, confd_hkeypath_t *, confd_value_t *);
   using FinishFn = int (*)();
 
   std::string path_;
+  EntryHook entering_;
   void *handle_ = nullptr;
   ValidateFn validate_ = nullptr;
   FinishFn finish_ = nullptr;
 };
+
+/// The text of the exception being handled: what() of a std::exception, else
+/// the name of its type. Call it only inside a catch block.
+std::string CurrentExceptionText();
 
 /// One validation callback of a commit.
 struct Call {
@@ -68,11 +87,22 @@ struct Invocation {
   std::string keypath;  ///< the keypath handed to validate, as confd_pp_kpath prints it
   int result = 0;       ///< validate's result; 0 accepts (meaningless when failed)
   std::string error;    ///< the transaction's error text, or the exception's text
-  bool failed = false;  ///< an exception left validate
+  bool failed = false;  ///< an exception left validate, or its process ended
+  /// Isolated runs: how the process running validate ended instead of
+  /// returning ("crashed", "aborted", "ended the process", "did not return");
+  /// error then says why ("signal SIGSEGV, Segmentation fault"). Empty when
+  /// an exception left validate.
+  std::string process_end;
   std::vector<host::TraceEntry> trace;  ///< data-store calls, when asked for
   /// What the callback opened and left open (a cursor not destroyed, a value
   /// not freed, an empty XPath result): on the element each one leaks.
   std::vector<host::OpenItem> leaks;
+
+  /// What failed, in one line without the place: the exception's text, or
+  /// "the plug-in crashed (signal SIGSEGV, Segmentation fault)".
+  std::string FailureText() const;
+  /// The same with the validation and keypath it happened in.
+  std::string FailureTextWithPlace() const;
 };
 
 struct Options {
@@ -80,16 +110,22 @@ struct Options {
   bool trace = false;       ///< keep each callback's data-store calls
   /// Called before each callback with its validation name and keypath text.
   std::function<void(const std::string &, const std::string &)> before_each;
+  /// Called after each callback with what it did.
+  std::function<void(const Invocation &)> after_each;
 };
 
 /// The outcome of one commit.
 struct Report {
   std::vector<Invocation> invocations;  ///< in the order they ran
   std::vector<host::Fault> faults;      ///< recorded by the plug-in meanwhile
+  /// Isolated runs: how lib_finish failed after the commit ran; empty when
+  /// it did not.
+  std::string finish_failure;
 
   /// No callback refused or failed.
   bool accepted() const;
-  /// The callback an exception left, or null.
+  /// The callback that failed (an exception left it or its process ended),
+  /// or null.
   const Invocation *failure() const;
   /// The callbacks that returned non-zero, in order.
   std::vector<const Invocation *> refusals() const;
@@ -100,6 +136,25 @@ struct Report {
 /// host::InputError when a bound path is unknown to the store.
 Report RunCommit(const Plugin &plugin, const host::Schema &schema, host::Transaction &tx,
                  const Options &options = {});
+
+/// The commit of tx in a child process that loads the plug-in at
+/// plugin_path, runs the commit as RunCommit does, calls lib_finish and sends
+/// the report back; tx itself is left as it was. Whatever the plug-in does
+/// cannot take the caller with it:
+/// - an exception, a crash, a call that ends the process or no result within
+///   timeout while loading, in get_validation_point or in lib_init: throws
+///   PluginError naming the entry point and, for a signal, the signal;
+/// - the same in validate: the report ends with that callback, failed, with
+///   process_end saying how (an exception: as RunCommit reports it);
+/// - the same in lib_finish: the report is complete, finish_failure says it.
+/// The timeout counts from the start of the child to its report. before_each
+/// and after_each are called in the caller's process as the child reports.
+/// Throws host::InputError as RunCommit does. Call it while no other thread
+/// of the caller uses the data store: the child inherits the store's lock
+/// in whatever state fork found it.
+Report RunCommitIsolated(const std::string &plugin_path, const host::Schema &schema,
+                         host::Transaction &tx, const Options &options,
+                         std::chrono::milliseconds timeout);
 
 }  // namespace ipapp::check
 
