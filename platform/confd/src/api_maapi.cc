@@ -140,8 +140,10 @@ int maapi_get_next(struct maapi_cursor *mc) {
     if (known && state->list != nullptr && state->next < state->list->entries.size()) {
       const DNode &entry = *state->list->entries[state->next++];
       SetKeys(entry, mc);
-      detail = entry.keystr;
-      std::replace(detail.begin(), detail.end(), '\0', ' ');
+      if (call.tracing()) {
+        detail = entry.keystr;
+        std::replace(detail.begin(), detail.end(), '\0', ' ');
+      }
     } else if (known) {
       mc->n = 0;
     }
@@ -210,7 +212,7 @@ int maapi_get_objects(struct maapi_cursor *mc, confd_value_t *values, int n, int
   }
   if (!known) return UnknownCursor(call, mc);
   if (bad_args) return call.Fail(CONFD_ERR_PROTOUSAGE, "bad arguments (values, n or *nobj)");
-  return call.Done(CONFD_OK, std::to_string(count) + " objects");
+  return call.Done(CONFD_OK, call.tracing() ? std::to_string(count) + " objects" : std::string());
 }
 
 namespace {

@@ -132,16 +132,17 @@ int Call::WrongType(const DNode &leaf, int vtype) {
                                      VtypeName(leaf.value.type) + "), not " + VtypeName(vtype));
 }
 
-int Call::Done(int result, std::string detail) {
+int Call::Done(int result, std::string_view detail) {
   return DoneWithDup(result, nullptr, detail);
 }
 
-int Call::DoneWithDup(int result, void *dup, std::string detail) {
-  if (txn_) {
-    std::lock_guard<std::mutex> lock(StoreMutex());
-    if (dup != nullptr) AddDupLocked(*txn_, dup);
-    txn_->AddTraceLocked(name_, path_, result, std::move(detail));
-  }
+int Call::DoneWithDup(int result, void *dup, std::string_view detail) {
+  if (!txn_) return result;
+  const bool record = txn_->recording_trace();
+  if (dup == nullptr && !record) return result;
+  std::lock_guard<std::mutex> lock(StoreMutex());
+  if (dup != nullptr) AddDupLocked(*txn_, dup);
+  if (record) txn_->AddTraceLocked(name_, path_, result, detail);
   return result;
 }
 

@@ -7,6 +7,7 @@
 #include <cstdarg>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "store.h"
 
@@ -50,10 +51,14 @@ class Call {
   }
   int WrongType(const DNode &leaf, int vtype);
 
-  /// Records the call and returns result.
-  int Done(int result, std::string detail = {});
-  /// Also hands *v (duplicated) to the caller's accounting.
-  int DoneWithDup(int result, void *dup, std::string detail);
+  /// Whether the transaction records this call: callers that build a
+  /// detail text of their own build it only then.
+  bool tracing() const { return txn_ && txn_->recording_trace(); }
+  /// Records the call (when the transaction records calls) and returns result.
+  int Done(int result, std::string_view detail = {});
+  /// Also hands dup (a buffer duplicated for the caller, or null) to the
+  /// transaction's accounting.
+  int DoneWithDup(int result, void *dup, std::string_view detail);
   /// Sets the error, records the call and returns CONFD_ERR.
   int Fail(int err, const std::string &why);
 

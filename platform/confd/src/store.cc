@@ -103,12 +103,13 @@ std::vector<FaultRecord> Txn::Faults() const {
   return faults_;
 }
 
-void Txn::AddTraceLocked(const char *call, std::string path, int result, std::string detail) {
+void Txn::AddTraceLocked(const char *call, std::string_view path, int result,
+                         std::string_view detail) {
   if (trace_.size() >= kTraceLimit) {
     ++trace_dropped_;
     return;
   }
-  trace_.push_back({call, std::move(path), result, std::move(detail)});
+  trace_.push_back({call, std::string(path), result, std::string(detail)});
 }
 
 std::vector<TraceRecord> Txn::Trace() const {

@@ -9,6 +9,7 @@
 #include <confd_lib.h>
 #include <confd_maapi.h>
 
+#include <atomic>
 #include <cstdint>
 #include <deque>
 #include <memory>
@@ -85,6 +86,10 @@ class Txn {
   std::vector<FaultRecord> Faults() const;
   std::vector<TraceRecord> Trace() const;
   void ClearTrace();
+  /// Whether calls are recorded in the trace (they are from the start).
+  /// Calls that are not recorded build no trace text at all.
+  void RecordTrace(bool on) { record_trace_.store(on, std::memory_order_relaxed); }
+  bool recording_trace() const { return record_trace_.load(std::memory_order_relaxed); }
   Resources Open() const;
 
   void FailCdbSessions(bool fail);
@@ -96,7 +101,7 @@ class Txn {
   const std::string &Keep(std::string bytes);
 
   // Below: the store's bookkeeping, only with the store lock held.
-  void AddTraceLocked(const char *call, std::string path, int result, std::string detail);
+  void AddTraceLocked(const char *call, std::string_view path, int result, std::string_view detail);
   std::unordered_map<uint64_t, CursorState> cursors;
   std::unordered_map<int, CdbSocket> cdb_sockets;
   std::unordered_set<void *> dups;
@@ -112,6 +117,7 @@ class Txn {
   std::vector<FaultRecord> faults_;
   std::vector<TraceRecord> trace_;
   size_t trace_dropped_ = 0;
+  std::atomic<bool> record_trace_{true};
   bool fail_cdb_ = false;
   bool fail_maapi_ = false;
   std::deque<std::unique_ptr<confd_trans_ctx>> contexts_;

@@ -213,6 +213,8 @@ class TransactionImpl : public Transaction {
     return out;
   }
   void ClearTrace() override { txn_->ClearTrace(); }
+  void RecordTrace(bool on) override { txn_->RecordTrace(on); }
+  bool RecordingTrace() const override { return txn_->recording_trace(); }
 
   OpenResources Open() const override {
     store::Resources r = txn_->Open();

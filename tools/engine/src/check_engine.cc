@@ -110,6 +110,14 @@ std::vector<const Invocation *> Report::refusals() const {
 
 Report RunCommit(const Plugin &plugin, const host::Schema &schema, host::Transaction &tx,
                  const Options &options) {
+  // Calls are recorded only for a trace that was asked for; the
+  // transaction's setting is given back however the commit ends.
+  struct TraceSetting {
+    host::Transaction &tx;
+    bool before;
+    ~TraceSetting() { tx.RecordTrace(before); }
+  } restore{tx, tx.RecordingTrace()};
+  tx.RecordTrace(options.trace);
   Report report;
   for (const Call &call : PlanCommit(schema, tx)) {
     Invocation inv;

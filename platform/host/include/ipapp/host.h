@@ -129,6 +129,10 @@ class Transaction {
   virtual std::vector<Fault> Faults() const = 0;
   virtual std::vector<TraceEntry> Trace() const = 0;
   virtual void ClearTrace() = 0;
+  /// Whether data-store calls are recorded for Trace(); they are from the
+  /// start. Recording costs about as much as the call itself.
+  virtual void RecordTrace(bool on) = 0;
+  virtual bool RecordingTrace() const = 0;
   virtual OpenResources Open() const = 0;
 
   /// Makes every following CDB session open fail (KxConfdCdbSession throws).

@@ -1,0 +1,169 @@
+#!/usr/bin/python3
+"""Commit check of a fully configured element against libyang alone.
+
+Generates the element (bench/commit/element.py) with N L3 interfaces, then
+runs, interleaved and repeated, one ipapp-check process (JSON output) and the
+floor: yanglint -t config on the running file and on the candidate file. CPU
+time (user + system) and peak resident memory come from each child's rusage;
+the figures are medians over the repetitions.
+
+  bench/commit/commit_bench.py [--interfaces N] [--repeat R] [--build DIR]
+  bench/commit/commit_bench.py --growth [--table FILE] [--data FILE]
+
+The first form prints the ratios at one size, the targets beside them, and
+exits 1 when a ratio misses its target. --growth runs 16, 64, 256 and 1024
+interfaces with --keep-going (beyond 256 interfaces the first validation
+refuses the commit and would end it) and writes a Markdown table and a data
+file for bench/commit/plot_growth.sh.
+"""
+
+import argparse
+import os
+import shutil
+import statistics
+import subprocess
+import sys
+import tempfile
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+ROOT = os.path.dirname(os.path.dirname(HERE))
+sys.path.insert(0, HERE)
+
+import element  # noqa: E402
+
+CPU_TARGET = 2.0  # ipapp-check CPU / (yanglint running + yanglint candidate)
+RSS_TARGET = 3.0  # ipapp-check peak RSS / one yanglint run's peak RSS
+
+
+def run(argv):
+    """CPU seconds (user + system) and peak RSS in KiB of one child."""
+    with open(os.devnull, "wb") as null:
+        proc = subprocess.Popen(argv, stdout=null, stderr=subprocess.PIPE)
+        _, status, usage = os.wait4(proc.pid, 0)
+        err = proc.stderr.read().decode(errors="replace")
+        proc.stderr.close()
+    code = os.waitstatus_to_exitcode(status)
+    if code not in (0, 1):  # ipapp-check: 1 is a refused commit
+        sys.exit("commit_bench: %s exited with %d\n%s" % (argv[0], code, err))
+    return usage.ru_utime + usage.ru_stime, usage.ru_maxrss
+
+
+class Bench:
+    def __init__(self, build, workdir):
+        self.check = os.path.join(build, "tools", "ipapp-check")
+        if not os.access(self.check, os.X_OK):
+            sys.exit("commit_bench: %s not built" % self.check)
+        self.yanglint = shutil.which("yanglint") or sys.exit("commit_bench: no yanglint")
+        self.yang = sorted(
+            os.path.join(ROOT, "yang", f) for f in os.listdir(os.path.join(ROOT, "yang"))
+        )
+        self.workdir = workdir
+
+    def measure(self, n, repeat, keep_going):
+        running = os.path.join(self.workdir, "running-%d.xml" % n)
+        candidate = os.path.join(self.workdir, "candidate-%d.xml" % n)
+        element.write(n, running, candidate)
+        check = [self.check, "--running", running, "--candidate", candidate, "--format", "json"]
+        if keep_going:
+            check.append("--keep-going")
+        lint = [self.yanglint, "-t", "config"] + self.yang
+        samples = {"check_cpu": [], "check_rss": [], "floor_cpu": [], "lint_rss": []}
+        run(check)  # warm the page cache and the dynamic loader
+        for _ in range(repeat):
+            cpu, rss = run(check)
+            samples["check_cpu"].append(cpu)
+            samples["check_rss"].append(rss)
+            cpu_r, rss_r = run(lint + [running])
+            cpu_c, rss_c = run(lint + [candidate])
+            samples["floor_cpu"].append(cpu_r + cpu_c)
+            samples["lint_rss"].append(max(rss_r, rss_c))
+        m = {k: statistics.median(v) for k, v in samples.items()}
+        m["n"] = n
+        m["size_kb"] = os.path.getsize(running) / 1000.0
+        m["cpu_ratio"] = m["check_cpu"] / m["floor_cpu"]
+        m["rss_ratio"] = m["check_rss"] / m["lint_rss"]
+        return m
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
+    parser.add_argument("--interfaces", type=int, default=256, help="L3 interfaces (multiple of 4)")
+    parser.add_argument("--repeat", type=int, default=7, help="interleaved repetitions")
+    parser.add_argument("--build", default=os.path.join(ROOT, "build"), help="build directory")
+    parser.add_argument("--keep-going", action="store_true", help="pass --keep-going")
+    parser.add_argument("--growth", action="store_true", help="16, 64, 256 and 1024 interfaces")
+    parser.add_argument("--table", help="--growth: write the Markdown table here")
+    parser.add_argument("--data", help="--growth: write the plot data here")
+    args = parser.parse_args()
+    if args.interfaces < 4 or args.interfaces % 4 or args.interfaces > 1024:
+        parser.error("--interfaces must be a multiple of 4 from 4 to 1024")
+
+    with tempfile.TemporaryDirectory(prefix="commit_bench.") as workdir:
+        bench = Bench(args.build, workdir)
+        if args.growth:
+            rows = [bench.measure(n, args.repeat, True) for n in (16, 64, 256, 1024)]
+            table = [
+                "| L3 interfaces | file | ipapp-check CPU | yanglint x2 CPU | CPU ratio "
+                "| ipapp-check peak RSS | yanglint peak RSS | RSS ratio |",
+                "|---:|---:|---:|---:|---:|---:|---:|---:|",
+            ]
+            for m in rows:
+                table.append(
+                    "| %d | %.0f KB | %.1f ms | %.1f ms | %.2f | %.1f MB | %.1f MB | %.2f |"
+                    % (
+                        m["n"],
+                        m["size_kb"],
+                        1000 * m["check_cpu"],
+                        1000 * m["floor_cpu"],
+                        m["cpu_ratio"],
+                        m["check_rss"] / 1024.0,
+                        m["lint_rss"] / 1024.0,
+                        m["rss_ratio"],
+                    )
+                )
+            text = "\n".join(table) + "\n"
+            sys.stdout.write(text)
+            if args.table:
+                with open(args.table, "w") as f:
+                    f.write(text)
+            if args.data:
+                with open(args.data, "w") as f:
+                    f.write("# n check_cpu_ms floor_cpu_ms check_rss_mb lint_rss_mb\n")
+                    for m in rows:
+                        f.write(
+                            "%d %.2f %.2f %.2f %.2f\n"
+                            % (
+                                m["n"],
+                                1000 * m["check_cpu"],
+                                1000 * m["floor_cpu"],
+                                m["check_rss"] / 1024.0,
+                                m["lint_rss"] / 1024.0,
+                            )
+                        )
+            return 0
+
+        m = bench.measure(args.interfaces, args.repeat, args.keep_going)
+        print("element: %d L3 interfaces, %.0f KB per file" % (m["n"], m["size_kb"]))
+        print(
+            "CPU time (median of %d): ipapp-check %.1f ms, yanglint running + candidate %.1f ms"
+            % (args.repeat, 1000 * m["check_cpu"], 1000 * m["floor_cpu"])
+        )
+        print(
+            "peak RSS (median of %d): ipapp-check %.1f MB, one yanglint run %.1f MB"
+            % (args.repeat, m["check_rss"] / 1024.0, m["lint_rss"] / 1024.0)
+        )
+        cpu_ok = m["cpu_ratio"] <= CPU_TARGET
+        rss_ok = m["rss_ratio"] <= RSS_TARGET
+        print(
+            "CPU ratio %.2f (target <= %.1f) %s"
+            % (m["cpu_ratio"], CPU_TARGET, "ok" if cpu_ok else "MISSED")
+        )
+        print(
+            "RSS ratio %.2f (target <= %.1f) %s"
+            % (m["rss_ratio"], RSS_TARGET, "ok" if rss_ok else "MISSED")
+        )
+        return 0 if cpu_ok and rss_ok else 1
+
+
+if __name__ == "__main__":
+    sys.exit(main())
