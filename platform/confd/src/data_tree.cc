@@ -143,8 +143,6 @@ void DataTree::Build(DNode *parent, const lyd_node *first) {
     auto twin = std::adjacent_find(list->entries.begin(), list->entries.end(),
                                    [&](const DNode *a, const DNode *b) { return !less(a, b); });
     if (twin != list->entries.end()) throw DataError(Twice(schema_, **twin, **(twin + 1)));
-    list->by_key.reserve(list->entries.size());
-    for (DNode *e : list->entries) list->by_key.emplace(e->keystr, e);
   }
 }
 

@@ -20,11 +20,12 @@ namespace ipapp::store {
 
 struct DNode;
 
-/// The entries of one list below one parent, in the store's order.
+/// The entries of one list below one parent, in the store's order: sorted
+/// by their key values (EntryLess), no two equal, so that an entry is found
+/// by binary search (FindEntry).
 struct ListInst {
   const SNode *s = nullptr;
   std::vector<DNode *> entries;
-  std::unordered_map<std::string_view, DNode *> by_key;  ///< by DNode::keystr
 };
 
 struct DNode {

@@ -68,37 +68,87 @@ bool ParseKeys(std::string_view path, size_t *pos, ParsedPath *out, PathElem *el
   return true;
 }
 
-bool CanonicalKeys(PathElem *elem, std::string *error) {
+bool ParseKeyValues(PathElem *elem, std::string *error) {
   const SNode *s = elem->s;
   if (static_cast<size_t>(elem->nkeys) != s->keys.size()) {
     *error = "list \"" + s->name + "\" has " + std::to_string(s->keys.size()) + " key" +
              (s->keys.size() == 1 ? "" : "s") + ", " + std::to_string(elem->nkeys) + " given";
     return false;
   }
-  elem->keystr.clear();
-  thread_local std::string storage;
-  thread_local std::string text;
   for (int k = 0; k < elem->nkeys; ++k) {
     const LeafType &type = s->keys[k]->type;
-    if (type.vtype == C_BUF) {
-      AppendKeyText(elem->keys[k], &elem->keystr);
-      continue;
-    }
-    confd_value_t v;
     std::string why;
-    if (!ParseValue(type, elem->keys[k], &v, &storage, &why)) {
+    if (!elem->ParseKey(k, type, &why)) {
       *error = "key \"" + std::string(elem->keys[k]) + "\" of list \"" + s->name +
                "\" is not a valid " + type.name + " (" + why + ")";
       return false;
     }
-    text.clear();
-    FormatValue(v, &type, &text);
-    AppendKeyText(text, &elem->keystr);
   }
   return true;
 }
 
 }  // namespace
+
+confd_value_t PathElem::KeyValue(int k) const {
+  confd_value_t v = kv_[k];
+  if (kbytes_at_[k] >= 0)
+    v.val.buf.ptr =
+        reinterpret_cast<unsigned char *>(const_cast<char *>(kbytes_.data() + kbytes_at_[k]));
+  return v;
+}
+
+bool PathElem::ParseKey(int k, const LeafType &type, std::string *error) {
+  if (k == 0) kbytes_.clear();
+  kbytes_at_[k] = -1;
+  if (type.vtype == C_BUF) {
+    CONFD_SET_BUF(&kv_[k], reinterpret_cast<const unsigned char *>(keys[k].data()), keys[k].size());
+    return true;
+  }
+  thread_local std::string storage;
+  if (!ParseValue(type, keys[k], &kv_[k], &storage, error)) return false;
+  if (kv_[k].type == C_BINARY || kv_[k].type == C_BUF) {
+    // Kept by offset: the element may be copied, kbytes_ may grow.
+    kbytes_at_[k] = static_cast<int>(kbytes_.size());
+    kbytes_.append(storage);
+  }
+  return true;
+}
+
+void PathElem::TakeKeys(const DNode &entry) {
+  nkeys = static_cast<int>(s->keys.size());
+  for (int k = 0; k < nkeys; ++k) {
+    const DNode *key = entry.Child(s->keys[k]);
+    keys[k] = key->text;
+    kv_[k] = key->value;
+    kbytes_at_[k] = -1;
+  }
+}
+
+const DNode *FindEntry(const ListInst &list, const PathElem &elem) {
+  // Entries are sorted by their key values (EntryLess); no two are equal.
+  confd_value_t want[MAXKEYLEN];
+  for (int k = 0; k < elem.nkeys; ++k) want[k] = elem.KeyValue(k);
+  auto compare = [&](const DNode *entry) {
+    for (int k = 0; k < elem.nkeys; ++k) {
+      int c = CompareValues(entry->Key(k), want[k]);
+      if (c != 0) return c;
+    }
+    return 0;
+  };
+  size_t lo = 0;
+  size_t hi = list.entries.size();
+  while (lo < hi) {
+    size_t mid = lo + (hi - lo) / 2;
+    int c = compare(list.entries[mid]);
+    if (c == 0) return list.entries[mid];
+    if (c < 0) {
+      lo = mid + 1;
+    } else {
+      hi = mid;
+    }
+  }
+  return nullptr;
+}
 
 bool ParsePath(const SchemaIndex &schema, std::string_view path, bool schema_path, ParsedPath *out,
                std::string *error) {
@@ -161,7 +211,7 @@ bool ParsePath(const SchemaIndex &schema, std::string_view path, bool schema_pat
         return false;
       }
       if (path[i] == '{') {
-        if (!ParseKeys(path, &i, out, &elem, error) || !CanonicalKeys(&elem, error)) return false;
+        if (!ParseKeys(path, &i, out, &elem, error) || !ParseKeyValues(&elem, error)) return false;
         elem.sel = PathElem::kKeys;
       } else {
         size_t close = path.find(']', i);
@@ -222,8 +272,7 @@ Target Resolve(const DataTree &tree, const ParsedPath &path) {
         const DNode *entry = nullptr;
         if (list != nullptr) {
           if (elem.sel == PathElem::kKeys) {
-            auto it = list->by_key.find(elem.keystr);
-            if (it != list->by_key.end()) entry = it->second;
+            entry = FindEntry(*list, elem);
           } else if (static_cast<size_t>(elem.index) < list->entries.size()) {
             entry = list->entries[elem.index];
           }
@@ -257,9 +306,7 @@ bool PinIndexes(const DataTree &first, const DataTree &second, ParsedPath *path)
     path->n = n;
     if (entry == nullptr) return false;
     elem.sel = PathElem::kKeys;
-    elem.nkeys = static_cast<int>(elem.s->keys.size());
-    for (int k = 0; k < elem.nkeys; ++k) elem.keys[k] = entry->Child(elem.s->keys[k])->text;
-    elem.keystr = entry->keystr;
+    elem.TakeKeys(*entry);
   }
   return true;
 }

@@ -21,8 +21,20 @@ struct PathElem {
   Sel sel = kNone;
   int nkeys = 0;
   std::string_view keys[MAXKEYLEN];  ///< key texts as written (unquoted)
-  std::string keystr;                ///< canonical, as DNode::keystr
   long index = 0;
+
+  /// Key k as a value of its leaf's type. C_BUF keys point at keys[k];
+  /// other buffers into this element or into the tree they were taken from.
+  confd_value_t KeyValue(int k) const;
+  /// Sets key k from text parsed as a value of type; false with *error.
+  bool ParseKey(int k, const LeafType &type, std::string *error);
+  /// Sets the keys to those of a list entry (values point into its tree).
+  void TakeKeys(const DNode &entry);
+
+ private:
+  confd_value_t kv_[MAXKEYLEN];
+  int kbytes_at_[MAXKEYLEN];  ///< offset of key k's bytes in kbytes_, or -1
+  std::string kbytes_;        ///< bytes of binary keys parsed from text
 };
 
 struct ParsedPath {
@@ -32,6 +44,9 @@ struct ParsedPath {
 
   const SNode *last() const { return n ? e[n - 1].s : nullptr; }
 };
+
+/// The entry of list whose keys are elem's; null when there is none.
+const DNode *FindEntry(const ListInst &list, const PathElem &elem);
 
 /// Parses path against schema into *out. A schema path may name lists
 /// without keys anywhere; a data path only at its end. Returns false with

@@ -154,8 +154,7 @@ std::vector<const DNode *> Collect(const store::DataTree &tree, const store::Par
         const store::ListInst *list = d->List(elem.s);
         if (list == nullptr) continue;
         if (elem.sel == store::PathElem::kKeys) {
-          auto it = list->by_key.find(elem.keystr);
-          if (it != list->by_key.end()) next.push_back(it->second);
+          if (const DNode *entry = store::FindEntry(*list, elem)) next.push_back(entry);
         } else if (elem.sel == store::PathElem::kIndex) {
           if (static_cast<size_t>(elem.index) < list->entries.size()) {
             next.push_back(list->entries[elem.index]);
