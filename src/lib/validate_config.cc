@@ -1,6 +1,8 @@
 // Rules of ValidateConfig: interface addresses, static routes, LDP.
 #include "validate_config.h"
 
+#include <typeinfo>
+
 namespace ip_application {
 namespace config_valid {
 
@@ -189,10 +191,16 @@ int ValidateConfig::ValidateStaticRouteNextHop(const Config &config) {
 bool ValidateConfig::InterfaceIPv4MatchStaticRouteNextHop(const Interface &intf,
                                                           const StaticRouteConfig &routes) {
   for (const std::shared_ptr<StaticRoute> &route : routes.routes) {
-    if (intf.vrf != route->vrf) continue;  // no default-VRF equivalence here
+    // Where the route's type is known, its next hop (an IPv4Addr) compares
+    // as its word: no virtual call and dynamic_cast per address.
+    const auto *v4 = typeid(*route) == typeid(StaticRouteIPv4)
+                         ? static_cast<const StaticRouteIPv4 *>(route.get())
+                         : nullptr;
+    const uint32_t hop = v4 ? v4->next_hop().addr() : 0;
     for (const addrkit::IPv4AddrMask &p : intf.ipv4) {
-      const addrkit::IPv4Addr addr(p.addr().addr());
-      if (route->next_hop() == addr) {
+      // No default-VRF equivalence here.
+      if (v4 ? hop == p.addr().addr() && intf.vrf == route->vrf
+             : intf.vrf == route->vrf && route->next_hop() == addrkit::IPv4Addr(p.addr().addr())) {
         error_msg = intf.name + " ipv4 address " + p.addr_prefix_len() + " and static route " +
                     route->network() + " next-hop " + route->next_hop().to_string() +
                     " cannot have address conflict.";
@@ -206,10 +214,14 @@ bool ValidateConfig::InterfaceIPv4MatchStaticRouteNextHop(const Interface &intf,
 bool ValidateConfig::InterfaceIPv6MatchStaticRouteNextHop(const Interface &intf,
                                                           const StaticRouteConfig &routes) {
   for (const std::shared_ptr<StaticRoute> &route : routes.routes) {
-    if (intf.vrf != route->vrf) continue;
+    const addrkit::IPv6Addr *hop = typeid(*route) == typeid(StaticRouteIPv6)
+                                       ? &static_cast<const StaticRouteIPv6 &>(*route).next_hop()
+                                       : nullptr;
     for (const addrkit::IPv6AddrMask &p : intf.ipv6) {
-      const addrkit::IPv6Addr addr(p.addr().bytes(), p.addr().scope());
-      if (route->next_hop() == addr) {
+      if (hop ? hop->bytes() == p.addr().bytes() && hop->scope() == p.addr().scope() &&
+                    intf.vrf == route->vrf
+              : intf.vrf == route->vrf &&
+                    route->next_hop() == addrkit::IPv6Addr(p.addr().bytes(), p.addr().scope())) {
         error_msg = intf.name + " ipv6 address " + p.to_string() + " and static route " +
                     route->network() + " next-hop " + route->next_hop().to_string() +
                     " cannot have address conflict.";

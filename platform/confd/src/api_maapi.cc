@@ -140,10 +140,7 @@ int maapi_get_next(struct maapi_cursor *mc) {
     if (known && state->list != nullptr && state->next < state->list->entries.size()) {
       const DNode &entry = *state->list->entries[state->next++];
       SetKeys(entry, mc);
-      if (call.tracing()) {
-        detail = entry.keystr;
-        std::replace(detail.begin(), detail.end(), '\0', ' ');
-      }
+      if (call.tracing()) detail = ipapp::store::KeyText(entry);
     } else if (known) {
       mc->n = 0;
     }

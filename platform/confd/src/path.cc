@@ -1,5 +1,7 @@
 #include "path.h"
 
+#include <cstring>
+
 #include "values.h"
 
 namespace ipapp::store {
@@ -7,6 +9,24 @@ namespace {
 
 bool IsBlank(char c) {
   return c == ' ' || c == '\t';
+}
+
+// End of the element name starting at i: the next '/', '{' or '[' (or the
+// end); *colon receives the position of its first ':'.
+size_t ScanName(std::string_view path, size_t i, size_t *colon) {
+  const char *p = path.data();
+  const size_t n = path.size();
+  for (; i < n; ++i) {
+    const char c = p[i];
+    if (c > ':') {
+      if (c == '{' || c == '[') break;
+    } else if (c == '/') {
+      break;
+    } else if (c == ':' && *colon == std::string_view::npos) {
+      *colon = i;
+    }
+  }
+  return i;
 }
 
 bool ParseKeys(std::string_view path, size_t *pos, ParsedPath *out, PathElem *elem,
@@ -130,7 +150,16 @@ const DNode *FindEntry(const ListInst &list, const PathElem &elem) {
   for (int k = 0; k < elem.nkeys; ++k) want[k] = elem.KeyValue(k);
   auto compare = [&](const DNode *entry) {
     for (int k = 0; k < elem.nkeys; ++k) {
-      int c = CompareValues(entry->Key(k), want[k]);
+      const confd_value_t &have = entry->Key(k);
+      int c;
+      if (have.type == C_BUF && want[k].type == C_BUF) {  // most keys: as CompareValues
+        const size_t a = have.val.buf.size;
+        const size_t b = want[k].val.buf.size;
+        c = std::memcmp(have.val.buf.ptr, want[k].val.buf.ptr, a < b ? a : b);
+        if (c == 0) c = a < b ? -1 : (a > b ? 1 : 0);
+      } else {
+        c = CompareValues(have, want[k]);
+      }
       if (c != 0) return c;
     }
     return 0;
@@ -153,7 +182,7 @@ const DNode *FindEntry(const ListInst &list, const PathElem &elem) {
 bool ParsePath(const SchemaIndex &schema, std::string_view path, bool schema_path, ParsedPath *out,
                std::string *error) {
   out->n = 0;
-  out->unescaped.clear();
+  if (!out->unescaped.empty()) out->unescaped.clear();
   if (path.empty() || path[0] != '/') {
     *error = "not an absolute path";
     return false;
@@ -167,13 +196,13 @@ bool ParsePath(const SchemaIndex &schema, std::string_view path, bool schema_pat
     }
     ++i;
     size_t start = i;
-    while (i < path.size() && path[i] != '/' && path[i] != '{' && path[i] != '[') ++i;
+    size_t colon = std::string_view::npos;
+    i = ScanName(path, i, &colon);
     std::string_view name = path.substr(start, i - start);
     std::string_view module;
-    size_t colon = name.find(':');
     if (colon != std::string_view::npos) {
-      module = name.substr(0, colon);
-      name = name.substr(colon + 1);
+      module = path.substr(start, colon - start);
+      name = path.substr(colon + 1, i - colon - 1);
     }
     if (name.empty()) {
       *error = "empty element at offset " + std::to_string(start);

@@ -260,7 +260,10 @@ const SNode *SNode::Child(std::string_view child_name, std::string_view child_mo
   const SNode *found = nullptr;
   *ambiguous = false;
   for (const SNode *c : children) {
-    if (c->name != child_name) continue;
+    if (c->name.size() != child_name.size() || c->name[0] != child_name[0] ||
+        c->name != child_name) {
+      continue;
+    }
     if (!child_module.empty()) {
       if (c->module == child_module) return c;
       continue;
