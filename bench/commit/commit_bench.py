@@ -35,24 +35,29 @@ CPU_TARGET = 2.0  # ipapp-check CPU / (yanglint running + yanglint candidate)
 RSS_TARGET = 3.0  # ipapp-check peak RSS / one yanglint run's peak RSS
 
 
-def run(argv):
-    """CPU seconds (user + system) and peak RSS in KiB of one child."""
-    with open(os.devnull, "wb") as null:
-        proc = subprocess.Popen(argv, stdout=null, stderr=subprocess.PIPE)
-        _, status, usage = os.wait4(proc.pid, 0)
-        err = proc.stderr.read().decode(errors="replace")
-        proc.stderr.close()
-    code = os.waitstatus_to_exitcode(status)
-    if code not in (0, 1):  # ipapp-check: 1 is a refused commit
-        sys.exit("commit_bench: %s exited with %d\n%s" % (argv[0], code, err))
-    return usage.ru_utime + usage.ru_stime, usage.ru_maxrss
+def run(launcher, argv):
+    """CPU seconds (user + system) and peak RSS in KiB of one command."""
+    proc = subprocess.run(
+        [launcher] + argv, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, check=False
+    )
+    lines = proc.stderr.decode(errors="replace").splitlines()
+    if proc.returncode != 0 or not lines or not lines[-1].startswith("measured_run: "):
+        sys.exit("commit_bench: %s failed\n%s" % (argv[0], "\n".join(lines)))
+    code, user, system, rss = lines[-1].split()[1:]
+    if int(code) not in (0, 1):  # ipapp-check: 1 is a refused commit
+        sys.exit("commit_bench: %s exited with %s\n%s" % (argv[0], code, "\n".join(lines)))
+    return float(user) + float(system), int(rss)
 
 
 class Bench:
     def __init__(self, build, workdir):
         self.check = os.path.join(build, "tools", "ipapp-check")
-        if not os.access(self.check, os.X_OK):
-            sys.exit("commit_bench: %s not built" % self.check)
+        # Commands start from this small launcher: a child of the Python
+        # interpreter would count the interpreter's memory as its own.
+        self.launcher = os.path.join(build, "bench", "commit", "measured_run")
+        for path in (self.check, self.launcher):
+            if not os.access(path, os.X_OK):
+                sys.exit("commit_bench: %s not built" % path)
         self.yanglint = shutil.which("yanglint") or sys.exit("commit_bench: no yanglint")
         self.yang = sorted(
             os.path.join(ROOT, "yang", f) for f in os.listdir(os.path.join(ROOT, "yang"))
@@ -68,13 +73,13 @@ class Bench:
             check.append("--keep-going")
         lint = [self.yanglint, "-t", "config"] + self.yang
         samples = {"check_cpu": [], "check_rss": [], "floor_cpu": [], "lint_rss": []}
-        run(check)  # warm the page cache and the dynamic loader
+        run(self.launcher, check)  # warm the page cache and the dynamic loader
         for _ in range(repeat):
-            cpu, rss = run(check)
+            cpu, rss = run(self.launcher, check)
             samples["check_cpu"].append(cpu)
             samples["check_rss"].append(rss)
-            cpu_r, rss_r = run(lint + [running])
-            cpu_c, rss_c = run(lint + [candidate])
+            cpu_r, rss_r = run(self.launcher, lint + [running])
+            cpu_c, rss_c = run(self.launcher, lint + [candidate])
             samples["floor_cpu"].append(cpu_r + cpu_c)
             samples["lint_rss"].append(max(rss_r, rss_c))
         m = {k: statistics.median(v) for k, v in samples.items()}

@@ -1,5 +1,6 @@
 #include "path.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "values.h"
@@ -179,16 +180,13 @@ const DNode *FindEntry(const ListInst &list, const PathElem &elem) {
   return nullptr;
 }
 
-bool ParsePath(const SchemaIndex &schema, std::string_view path, bool schema_path, ParsedPath *out,
-               std::string *error) {
-  out->n = 0;
-  if (!out->unescaped.empty()) out->unescaped.clear();
-  if (path.empty() || path[0] != '/') {
-    *error = "not an absolute path";
-    return false;
-  }
-  const SNode *parent = &schema.root();
-  size_t i = 0;
+namespace {
+
+// Parses the elements of path from offset i on (the elements before, if
+// any, are out->e[0 .. out->n)).
+bool ParseElements(const SchemaIndex &schema, std::string_view path, bool schema_path, size_t i,
+                   ParsedPath *out, std::string *error) {
+  const SNode *parent = out->n ? out->e[out->n - 1].s : &schema.root();
   while (i < path.size()) {
     if (path[i] != '/') {
       *error = "'/' expected at offset " + std::to_string(i);
@@ -266,6 +264,7 @@ bool ParsePath(const SchemaIndex &schema, std::string_view path, bool schema_pat
         return false;
       }
     }
+    elem.end = i;
     parent = s;
   }
   if (out->n == 0) {
@@ -276,6 +275,46 @@ bool ParsePath(const SchemaIndex &schema, std::string_view path, bool schema_pat
     *error = "trailing '/'";
     return false;
   }
+  return true;
+}
+
+}  // namespace
+
+bool ParsePath(const SchemaIndex &schema, std::string_view path, bool schema_path, ParsedPath *out,
+               std::string *error) {
+  out->n = 0;
+  out->memo_schema = nullptr;
+  if (!out->unescaped.empty()) out->unescaped.clear();
+  if (path.empty() || path[0] != '/') {
+    *error = "not an absolute path";
+    return false;
+  }
+  return ParseElements(schema, path, schema_path, 0, out, error);
+}
+
+bool ParsePathAgain(const SchemaIndex &schema, std::string_view path, ParsedPath *out,
+                    std::string *text, std::string *error) {
+  // Elements that end before the first difference from the previous path
+  // were parsed from the same text, after the same elements: they stand.
+  int keep = 0;
+  if (out->memo_schema == &schema && out->unescaped.empty()) {
+    const size_t limit = std::min(path.size(), text->size());
+    size_t common = 0;
+    while (common < limit && path[common] == (*text)[common]) ++common;
+    while (keep < out->n && out->e[keep].end < common) ++keep;
+  }
+  const char *before = text->data();
+  text->assign(path);
+  if (text->data() != before) keep = 0;  // key texts pointed into the old buffer
+  if (keep == 0) {
+    if (!ParsePath(schema, *text, false, out, error)) return false;
+    out->memo_schema = &schema;
+    return true;
+  }
+  out->n = keep;
+  out->memo_schema = nullptr;
+  if (!ParseElements(schema, *text, false, out->e[keep - 1].end, out, error)) return false;
+  out->memo_schema = &schema;
   return true;
 }
 

@@ -22,6 +22,7 @@ struct PathElem {
   int nkeys = 0;
   std::string_view keys[MAXKEYLEN];  ///< key texts as written (unquoted)
   long index = 0;
+  size_t end = 0;  ///< offset in the path text just after the element
 
   /// Key k as a value of its leaf's type. C_BUF keys point at keys[k];
   /// other buffers into this element or into the tree they were taken from.
@@ -41,6 +42,8 @@ struct ParsedPath {
   int n = 0;
   PathElem e[MAXDEPTH];
   std::deque<std::string> unescaped;  ///< quoted keys that held escapes
+  /// Set by ParsePathAgain: the schema the elements were parsed against.
+  const SchemaIndex *memo_schema = nullptr;
 
   const SNode *last() const { return n ? e[n - 1].s : nullptr; }
 };
@@ -53,6 +56,13 @@ const DNode *FindEntry(const ListInst &list, const PathElem &elem);
 /// *error saying what is wrong (the caller adds the path).
 bool ParsePath(const SchemaIndex &schema, std::string_view path, bool schema_path, ParsedPath *out,
                std::string *error);
+
+/// ParsePath of a data path into *out, which holds the last path parsed
+/// this way (its text in *text): the elements of their common prefix are
+/// kept, the rest is parsed. Afterwards *text is path and the key texts of
+/// *out point into it.
+bool ParsePathAgain(const SchemaIndex &schema, std::string_view path, ParsedPath *out,
+                    std::string *text, std::string *error);
 
 /// Where a data path leads in one tree.
 struct Target {
