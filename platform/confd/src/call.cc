@@ -92,15 +92,15 @@ void Call::Use(std::shared_ptr<Txn> txn) {
 bool Call::Parse() {
   // Successive calls mostly name the same path or one with the same
   // beginning (exists, then get; entry after entry of one list).
-  thread_local ParsedPath parsed;
-  thread_local std::string text = [] {
-    std::string t;
-    t.reserve(256);
-    return t;
-  }();
-  parsed_ = &parsed;
+  struct Last {
+    Last() { text.reserve(256); }
+    ParsedPath parsed;
+    std::string text;
+  };
+  thread_local Last last;
+  parsed_ = &last.parsed;
   std::string why;
-  if (!ParsePathAgain(txn_->schema(), path_, parsed_, &text, &why)) {
+  if (!ParsePathAgain(txn_->schema(), path_, parsed_, &last.text, &why)) {
     Fail(CONFD_ERR_BADPATH, "bad path: " + why);
     return false;
   }

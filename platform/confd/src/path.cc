@@ -1,6 +1,7 @@
 #include "path.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
 
 #include "values.h"
@@ -182,6 +183,21 @@ const DNode *FindEntry(const ListInst &list, const PathElem &elem) {
 
 namespace {
 
+// Length of the common beginning of a and b, compared a word at a time.
+size_t CommonPrefix(std::string_view a, std::string_view b) {
+  const size_t n = std::min(a.size(), b.size());
+  size_t i = 0;
+  for (; i + sizeof(uint64_t) <= n; i += sizeof(uint64_t)) {
+    uint64_t x;
+    uint64_t y;
+    std::memcpy(&x, a.data() + i, sizeof x);
+    std::memcpy(&y, b.data() + i, sizeof y);
+    if (x != y) break;
+  }
+  while (i < n && a[i] == b[i]) ++i;
+  return i;
+}
+
 // Parses the elements of path from offset i on (the elements before, if
 // any, are out->e[0 .. out->n)).
 bool ParseElements(const SchemaIndex &schema, std::string_view path, bool schema_path, size_t i,
@@ -298,9 +314,7 @@ bool ParsePathAgain(const SchemaIndex &schema, std::string_view path, ParsedPath
   // were parsed from the same text, after the same elements: they stand.
   int keep = 0;
   if (out->memo_schema == &schema && out->unescaped.empty()) {
-    const size_t limit = std::min(path.size(), text->size());
-    size_t common = 0;
-    while (common < limit && path[common] == (*text)[common]) ++common;
+    const size_t common = CommonPrefix(path, *text);
     while (keep < out->n && out->e[keep].end < common) ++keep;
   }
   const char *before = text->data();
