@@ -90,7 +90,8 @@ std::string_view DataTree::Arena::Copy(std::string_view text) {
   return {p, text.size()};
 }
 
-DataTree::DataTree(const SchemaIndex &schema, lyd_node *tree) : schema_(schema), tree_(tree) {
+DataTree::DataTree(const SchemaIndex &schema, lyd_node *tree)
+    : schema_(schema), tree_(tree), serial_(NextSerial()) {
   try {
     root_ = NewNode(&schema.root(), nullptr, nullptr);
     Build(root_, tree_);

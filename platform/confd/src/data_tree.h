@@ -79,6 +79,8 @@ class DataTree {
   const lyd_node *ly_tree() const { return tree_; }
   const SchemaIndex &schema() const { return schema_; }
   size_t size() const { return size_; }
+  /// Distinct for every tree a process builds (an address may be reused).
+  uint64_t serial() const { return serial_; }
 
  private:
   /// Bump allocation of trivially destructible objects and bytes, freed
@@ -106,6 +108,7 @@ class DataTree {
 
   const SchemaIndex &schema_;
   lyd_node *tree_;
+  uint64_t serial_;
   Arena arena_;
   DNode *root_ = nullptr;
   size_t size_ = 0;

@@ -198,6 +198,69 @@ size_t CommonPrefix(std::string_view a, std::string_view b) {
   return i;
 }
 
+// The child of parent whose name (without a module) stands at offset i of
+// path, followed by the end, '/', '{' or '['; null when no child's name
+// or two children's names (of different modules) stand there.
+const SNode *DirectChild(const SNode &parent, std::string_view path, size_t i) {
+  const SNode *found = nullptr;
+  const size_t rest = path.size() - i;
+  const char *p = path.data() + i;
+  for (const SNode *c : parent.children) {
+    const std::string &name = c->name;
+    const size_t n = name.size();
+    if (n > rest || p[0] != name[0] || std::memcmp(p, name.data(), n) != 0) continue;
+    if (n < rest && p[n] != '/' && p[n] != '{' && p[n] != '[') continue;
+    if (found != nullptr) return nullptr;
+    found = c;
+  }
+  return found;
+}
+
+// Adds the element s, whose name ends at *pos, with its keys or index;
+// *pos moves past them.
+bool ParseSelector(std::string_view path, const SNode *s, size_t *pos, ParsedPath *out,
+                   std::string *error) {
+  size_t i = *pos;
+  PathElem &elem = out->e[out->n++];
+  elem.s = s;
+  elem.sel = PathElem::kNone;
+  elem.nkeys = 0;
+  if (i < path.size() && (path[i] == '{' || path[i] == '[')) {
+    if (!s->is_list()) {
+      *error = "\"" + s->name + "\" is not a list";
+      return false;
+    }
+    if (path[i] == '{') {
+      if (!ParseKeys(path, &i, out, &elem, error) || !ParseKeyValues(&elem, error)) return false;
+      elem.sel = PathElem::kKeys;
+    } else {
+      size_t close = path.find(']', i);
+      std::string_view digits =
+          close == std::string_view::npos ? std::string_view() : path.substr(i + 1, close - i - 1);
+      long index = 0;
+      bool ok = !digits.empty() && digits.size() < 10;
+      for (char c : digits) {
+        ok = ok && c >= '0' && c <= '9';
+        index = index * 10 + (c - '0');
+      }
+      if (!ok) {
+        *error = "bad index \"[" + std::string(digits) + "]\"";
+        return false;
+      }
+      elem.sel = PathElem::kIndex;
+      elem.index = index;
+      i = close + 1;
+    }
+    if (i < path.size() && path[i] != '/') {
+      *error = "'/' expected after the keys of \"" + s->name + "\"";
+      return false;
+    }
+  }
+  elem.end = i;
+  *pos = i;
+  return true;
+}
+
 // Parses the elements of path from offset i on (the elements before, if
 // any, are out->e[0 .. out->n)).
 bool ParseElements(const SchemaIndex &schema, std::string_view path, bool schema_path, size_t i,
@@ -210,6 +273,22 @@ bool ParseElements(const SchemaIndex &schema, std::string_view path, bool schema
     }
     ++i;
     size_t start = i;
+    // Most elements are one child's name without a module: matched here
+    // directly; anything else takes the general way below.
+    const SNode *direct = parent->kind == NodeKind::kLeaf || parent->kind == NodeKind::kLeafList
+                              ? nullptr
+                              : DirectChild(*parent, path, start);
+    if (direct != nullptr && !(out->n > 0 && out->e[out->n - 1].s->is_list() &&
+                               out->e[out->n - 1].sel == PathElem::kNone && !schema_path)) {
+      i = start + direct->name.size();
+      if (out->n == MAXDEPTH) {
+        *error = "deeper than " + std::to_string(MAXDEPTH) + " elements";
+        return false;
+      }
+      if (!ParseSelector(path, direct, &i, out, error)) return false;
+      parent = direct;
+      continue;
+    }
     size_t colon = std::string_view::npos;
     i = ScanName(path, i, &colon);
     std::string_view name = path.substr(start, i - start);
@@ -244,43 +323,7 @@ bool ParseElements(const SchemaIndex &schema, std::string_view path, bool schema
       *error = "deeper than " + std::to_string(MAXDEPTH) + " elements";
       return false;
     }
-    PathElem &elem = out->e[out->n++];
-    elem.s = s;
-    elem.sel = PathElem::kNone;
-    elem.nkeys = 0;
-    if (i < path.size() && (path[i] == '{' || path[i] == '[')) {
-      if (!s->is_list()) {
-        *error = "\"" + s->name + "\" is not a list";
-        return false;
-      }
-      if (path[i] == '{') {
-        if (!ParseKeys(path, &i, out, &elem, error) || !ParseKeyValues(&elem, error)) return false;
-        elem.sel = PathElem::kKeys;
-      } else {
-        size_t close = path.find(']', i);
-        std::string_view digits = close == std::string_view::npos
-                                      ? std::string_view()
-                                      : path.substr(i + 1, close - i - 1);
-        long index = 0;
-        bool ok = !digits.empty() && digits.size() < 10;
-        for (char c : digits) {
-          ok = ok && c >= '0' && c <= '9';
-          index = index * 10 + (c - '0');
-        }
-        if (!ok) {
-          *error = "bad index \"[" + std::string(digits) + "]\"";
-          return false;
-        }
-        elem.sel = PathElem::kIndex;
-        elem.index = index;
-        i = close + 1;
-      }
-      if (i < path.size() && path[i] != '/') {
-        *error = "'/' expected after the keys of \"" + s->name + "\"";
-        return false;
-      }
-    }
-    elem.end = i;
+    if (!ParseSelector(path, s, &i, out, error)) return false;
     parent = s;
   }
   if (out->n == 0) {
@@ -299,7 +342,8 @@ bool ParseElements(const SchemaIndex &schema, std::string_view path, bool schema
 bool ParsePath(const SchemaIndex &schema, std::string_view path, bool schema_path, ParsedPath *out,
                std::string *error) {
   out->n = 0;
-  out->memo_schema = nullptr;
+  out->memo_schema = 0;
+  out->res_n = 0;
   if (!out->unescaped.empty()) out->unescaped.clear();
   if (path.empty() || path[0] != '/') {
     *error = "not an absolute path";
@@ -313,7 +357,7 @@ bool ParsePathAgain(const SchemaIndex &schema, std::string_view path, ParsedPath
   // Elements that end before the first difference from the previous path
   // were parsed from the same text, after the same elements: they stand.
   int keep = 0;
-  if (out->memo_schema == &schema && out->unescaped.empty()) {
+  if (out->memo_schema == schema.serial() && out->unescaped.empty()) {
     const size_t common = CommonPrefix(path, *text);
     while (keep < out->n && out->e[keep].end < common) ++keep;
   }
@@ -322,13 +366,14 @@ bool ParsePathAgain(const SchemaIndex &schema, std::string_view path, ParsedPath
   if (text->data() != before) keep = 0;  // key texts pointed into the old buffer
   if (keep == 0) {
     if (!ParsePath(schema, *text, false, out, error)) return false;
-    out->memo_schema = &schema;
+    out->memo_schema = schema.serial();
     return true;
   }
   out->n = keep;
-  out->memo_schema = nullptr;
+  out->memo_schema = 0;
+  out->res_n = std::min(out->res_n, keep);
   if (!ParseElements(schema, *text, false, out->e[keep - 1].end, out, error)) return false;
-  out->memo_schema = &schema;
+  out->memo_schema = schema.serial();
   return true;
 }
 
@@ -336,7 +381,19 @@ Target Resolve(const DataTree &tree, const ParsedPath &path) {
   Target t;
   const DNode *cur = &tree.root();
   bool present = true;
-  for (int i = 0; i < path.n; ++i) {
+  int i = 0;
+  if (path.res_tree == tree.serial()) {
+    i = std::min(path.res_n, path.n);
+    if (i > 0) {
+      cur = path.res_node[i - 1];
+      present = path.res_present[i - 1];
+      t.s = path.e[i - 1].s;
+    }
+  } else {
+    path.res_tree = tree.serial();
+    path.res_n = 0;
+  }
+  for (; i < path.n; ++i) {
     const PathElem &elem = path.e[i];
     const SNode *s = elem.s;
     t.s = s;
@@ -371,6 +428,11 @@ Target Resolve(const DataTree &tree, const ParsedPath &path) {
         present = present && cur != nullptr;
         break;
     }
+    if (i == path.res_n) {
+      path.res_node[i] = cur;
+      path.res_present[i] = present;
+      path.res_n = i + 1;
+    }
   }
   t.node = cur;
   t.present = present;
@@ -379,6 +441,7 @@ Target Resolve(const DataTree &tree, const ParsedPath &path) {
 
 bool PinIndexes(const DataTree &first, const DataTree &second, ParsedPath *path) {
   const int n = path->n;
+  path->res_n = 0;
   for (int i = 0; i < n; ++i) {
     PathElem &elem = path->e[i];
     if (elem.sel != PathElem::kIndex) continue;
@@ -389,6 +452,7 @@ bool PinIndexes(const DataTree &first, const DataTree &second, ParsedPath *path)
     if (entry == nullptr) return false;
     elem.sel = PathElem::kKeys;
     elem.TakeKeys(*entry);
+    path->res_n = 0;
   }
   return true;
 }

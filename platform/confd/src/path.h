@@ -42,8 +42,16 @@ struct ParsedPath {
   int n = 0;
   PathElem e[MAXDEPTH];
   std::deque<std::string> unescaped;  ///< quoted keys that held escapes
-  /// Set by ParsePathAgain: the schema the elements were parsed against.
-  const SchemaIndex *memo_schema = nullptr;
+  /// Set by ParsePathAgain: the serial of the schema the elements were
+  /// parsed against (0: none).
+  uint64_t memo_schema = 0;
+  /// Resolve's memo: in the tree with serial res_tree, the first res_n
+  /// elements lead to res_node[i], present or not. Whatever changes an
+  /// element resets res_n.
+  mutable uint64_t res_tree = 0;
+  mutable int res_n = 0;
+  mutable const DNode *res_node[MAXDEPTH];
+  mutable bool res_present[MAXDEPTH];
 
   const SNode *last() const { return n ? e[n - 1].s : nullptr; }
 };

@@ -287,12 +287,16 @@ bool FormatValue(const confd_value_t &v, const LeafType *type, std::string *out)
       *out += '/';
       *out += std::to_string(v.val.ipv6prefix.len);
       return true;
-    case C_BINARY:
+    case C_BINARY: {
+      static constexpr char kHex[] = "0123456789abcdef";
+      out->reserve(out->size() + 3 * v.val.buf.size);
       for (unsigned i = 0; i < v.val.buf.size; ++i) {
-        std::snprintf(buf, sizeof buf, i ? ":%02x" : "%02x", v.val.buf.ptr[i]);
-        *out += buf;
+        if (i) *out += ':';
+        *out += kHex[v.val.buf.ptr[i] >> 4];
+        *out += kHex[v.val.buf.ptr[i] & 0xF];
       }
       return true;
+    }
     case C_XMLTAG: {
       const std::string *name = TagName(v.val.xmltag.tag);
       if (name == nullptr) return false;
