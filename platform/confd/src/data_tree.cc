@@ -72,7 +72,7 @@ void *DataTree::Arena::Allocate(size_t size, size_t align) {
   size_t pad = (align - reinterpret_cast<uintptr_t>(next_) % align) % align;
   if (size + pad > left_) {
     size_t block = size > kBlock / 4 ? size + align : kBlock;
-    blocks_.push_back(std::make_unique<char[]>(block));
+    blocks_.emplace_back(new char[block]);  // not zeroed: New() constructs
     next_ = blocks_.back().get();
     left_ = block;
     pad = (align - reinterpret_cast<uintptr_t>(next_) % align) % align;
