@@ -222,6 +222,7 @@ bool ParseSelector(std::string_view path, const SNode *s, size_t *pos, ParsedPat
                    std::string *error) {
   size_t i = *pos;
   PathElem &elem = out->e[out->n++];
+  elem.sel_at = i;
   elem.s = s;
   elem.sel = PathElem::kNone;
   elem.nkeys = 0;
@@ -259,6 +260,14 @@ bool ParseSelector(std::string_view path, const SNode *s, size_t *pos, ParsedPat
   elem.end = i;
   *pos = i;
   return true;
+}
+
+// Length of the common end of a and b.
+size_t CommonSuffix(std::string_view a, std::string_view b) {
+  const size_t n = std::min(a.size(), b.size());
+  size_t i = 0;
+  while (i < n && a[a.size() - 1 - i] == b[b.size() - 1 - i]) ++i;
+  return i;
 }
 
 // Parses the elements of path from offset i on (the elements before, if
@@ -354,25 +363,57 @@ bool ParsePath(const SchemaIndex &schema, std::string_view path, bool schema_pat
 
 bool ParsePathAgain(const SchemaIndex &schema, std::string_view path, ParsedPath *out,
                     std::string *text, std::string *error) {
+  const bool memo = out->memo_schema == schema.serial() && out->unescaped.empty();
+  if (memo && path == *text) return true;  // the same path again: all stands
   // Elements that end before the first difference from the previous path
   // were parsed from the same text, after the same elements: they stand.
   int keep = 0;
-  if (out->memo_schema == schema.serial() && out->unescaped.empty()) {
+  // When the difference lies inside the keys or index of the next element
+  // and the text after them is the same, the elements after it stand as
+  // well (moved by the difference in length), unless they hold key texts.
+  bool tail = false;
+  size_t old_size = text->size();
+  if (memo) {
     const size_t common = CommonPrefix(path, *text);
     while (keep < out->n && out->e[keep].end < common) ++keep;
+    if (keep < out->n) {
+      const PathElem &next = out->e[keep];
+      tail = next.sel != PathElem::kNone && common > next.sel_at &&
+             old_size - next.end <= CommonSuffix(path, *text);
+      for (int j = keep + 1; tail && j < out->n; ++j) tail = out->e[j].sel != PathElem::kKeys;
+    }
   }
   const char *before = text->data();
   text->assign(path);
-  if (text->data() != before) keep = 0;  // key texts pointed into the old buffer
-  if (keep == 0) {
+  if (text->data() != before) {  // key texts pointed into the old buffer
+    keep = 0;
+    tail = false;
+  }
+  if (keep == 0 && !tail) {
     if (!ParsePath(schema, *text, false, out, error)) return false;
     out->memo_schema = schema.serial();
     return true;
   }
-  out->n = keep;
   out->memo_schema = 0;
   out->res_n = std::min(out->res_n, keep);
-  if (!ParseElements(schema, *text, false, out->e[keep - 1].end, out, error)) return false;
+  if (tail) {
+    const int n = out->n;
+    const size_t old_end = out->e[keep].end;
+    const size_t new_end = text->size() - (old_size - old_end);
+    size_t i = out->e[keep].sel_at;
+    out->n = keep;
+    if (ParseSelector(*text, out->e[keep].s, &i, out, error) && i == new_end) {
+      for (int j = keep + 1; j < n; ++j) out->e[j].end = out->e[j].end - old_end + new_end;
+      out->n = n;
+      out->memo_schema = schema.serial();
+      return true;
+    }
+    error->clear();  // whatever was wrong, the full parse says it
+  }
+  out->n = keep;
+  const bool ok = keep == 0 ? ParsePath(schema, *text, false, out, error)
+                            : ParseElements(schema, *text, false, out->e[keep - 1].end, out, error);
+  if (!ok) return false;
   out->memo_schema = schema.serial();
   return true;
 }

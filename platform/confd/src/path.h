@@ -22,7 +22,8 @@ struct PathElem {
   int nkeys = 0;
   std::string_view keys[MAXKEYLEN];  ///< key texts as written (unquoted)
   long index = 0;
-  size_t end = 0;  ///< offset in the path text just after the element
+  size_t sel_at = 0;  ///< offset in the path text of its keys or index (or end)
+  size_t end = 0;     ///< offset in the path text just after the element
 
   /// Key k as a value of its leaf's type. C_BUF keys point at keys[k];
   /// other buffers into this element or into the tree they were taken from.
