@@ -68,9 +68,10 @@ class Bench:
         running = os.path.join(self.workdir, "running-%d.xml" % n)
         candidate = os.path.join(self.workdir, "candidate-%d.xml" % n)
         element.write(n, running, candidate)
-        check = [self.check, "--running", running, "--candidate", candidate, "--format", "json"]
+        base = [self.check, "--running", running, "--candidate", candidate]
         if keep_going:
-            check.append("--keep-going")
+            base.append("--keep-going")
+        check = base + ["--format", "json"]
         lint = [self.yanglint, "-t", "config"] + self.yang
         samples = {"check_cpu": [], "check_rss": [], "floor_cpu": [], "lint_rss": []}
         run(self.launcher, check)  # warm the page cache and the dynamic loader
@@ -83,11 +84,31 @@ class Bench:
             samples["floor_cpu"].append(cpu_r + cpu_c)
             samples["lint_rss"].append(max(rss_r, rss_c))
         m = {k: statistics.median(v) for k, v in samples.items()}
+        m["calls"] = self.calls(base)
         m["n"] = n
         m["size_kb"] = os.path.getsize(running) / 1000.0
         m["cpu_ratio"] = m["check_cpu"] / m["floor_cpu"]
         m["rss_ratio"] = m["check_rss"] / m["lint_rss"]
         return m
+
+
+    def calls(self, base):
+        """Data-store calls of one commit, counted in its --trace output."""
+        out = subprocess.run(
+            base + ["--format", "text", "--trace"],
+            stdout=subprocess.PIPE,
+            stderr=subprocess.DEVNULL,
+            check=False,
+        ).stdout
+        count = 0
+        for line in out.splitlines():
+            if not line.startswith(b"  "):
+                continue
+            if line.startswith(b"  (trace full)"):  # "... (N calls not recorded)"
+                count += int(line.rsplit(b"(", 1)[1].split()[0])
+            else:
+                count += 1
+        return count
 
 
 def main():
@@ -109,12 +130,12 @@ def main():
             rows = [bench.measure(n, args.repeat, True) for n in (16, 64, 256, 1024)]
             table = [
                 "| L3 interfaces | file | ipapp-check CPU | yanglint x2 CPU | CPU ratio "
-                "| ipapp-check peak RSS | yanglint peak RSS | RSS ratio |",
-                "|---:|---:|---:|---:|---:|---:|---:|---:|",
+                "| ipapp-check peak RSS | yanglint peak RSS | RSS ratio | store calls |",
+                "|---:|---:|---:|---:|---:|---:|---:|---:|---:|",
             ]
             for m in rows:
                 table.append(
-                    "| %d | %.0f KB | %.1f ms | %.1f ms | %.2f | %.1f MB | %.1f MB | %.2f |"
+                    "| %d | %.0f KB | %.1f ms | %.1f ms | %.2f | %.1f MB | %.1f MB | %.2f | %d |"
                     % (
                         m["n"],
                         m["size_kb"],
@@ -124,6 +145,7 @@ def main():
                         m["check_rss"] / 1024.0,
                         m["lint_rss"] / 1024.0,
                         m["rss_ratio"],
+                        m["calls"],
                     )
                 )
             text = "\n".join(table) + "\n"
@@ -133,16 +155,17 @@ def main():
                     f.write(text)
             if args.data:
                 with open(args.data, "w") as f:
-                    f.write("# n check_cpu_ms floor_cpu_ms check_rss_mb lint_rss_mb\n")
+                    f.write("# n check_cpu_ms floor_cpu_ms check_rss_mb lint_rss_mb calls\n")
                     for m in rows:
                         f.write(
-                            "%d %.2f %.2f %.2f %.2f\n"
+                            "%d %.2f %.2f %.2f %.2f %d\n"
                             % (
                                 m["n"],
                                 1000 * m["check_cpu"],
                                 1000 * m["floor_cpu"],
                                 m["check_rss"] / 1024.0,
                                 m["lint_rss"] / 1024.0,
+                                m["calls"],
                             )
                         )
             return 0
@@ -157,6 +180,7 @@ def main():
             "peak RSS (median of %d): ipapp-check %.1f MB, one yanglint run %.1f MB"
             % (args.repeat, m["check_rss"] / 1024.0, m["lint_rss"] / 1024.0)
         )
+        print("data-store calls of the commit: %d" % m["calls"])
         cpu_ok = m["cpu_ratio"] <= CPU_TARGET
         rss_ok = m["rss_ratio"] <= RSS_TARGET
         print(
