@@ -111,6 +111,27 @@ class Bench:
         return count
 
 
+def fit_quadratic(xs, ys):
+    """Least-squares a, b, c of y = a + b x + c x^2."""
+    rows = [[sum(x ** (i + j) for x in xs) for j in range(3)] for i in range(3)]
+    rhs = [sum(y * x ** i for x, y in zip(xs, ys)) for i in range(3)]
+    for col in range(3):  # Gauss-Jordan elimination
+        pivot = max(range(col, 3), key=lambda r: abs(rows[r][col]))
+        rows[col], rows[pivot] = rows[pivot], rows[col]
+        rhs[col], rhs[pivot] = rhs[pivot], rhs[col]
+        for r in range(3):
+            if r != col:
+                f = rows[r][col] / rows[col][col]
+                rows[r] = [a - f * b for a, b in zip(rows[r], rows[col])]
+                rhs[r] -= f * rhs[col]
+    return [rhs[i] / rows[i][i] for i in range(3)]
+
+
+def describe_fit(name, unit, coeffs):
+    a, b, c = coeffs
+    return "%s ~ %.3g %s + %.3g %s * n + %.3g %s * n^2" % (name, a, unit, b, unit, c, unit)
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
     parser.add_argument("--interfaces", type=int, default=256, help="L3 interfaces (multiple of 4)")
@@ -148,6 +169,18 @@ def main():
                         m["calls"],
                     )
                 )
+            ns = [m["n"] for m in rows]
+            fits = [
+                describe_fit(
+                    "ipapp-check CPU", "ms", fit_quadratic(ns, [1000 * m["check_cpu"] for m in rows])
+                ),
+                describe_fit(
+                    "floor CPU", "ms", fit_quadratic(ns, [1000 * m["floor_cpu"] for m in rows])
+                ),
+                describe_fit("store calls", "", fit_quadratic(ns, [m["calls"] for m in rows])),
+            ]
+            table.append("")
+            table += ["%s" % f for f in fits]
             text = "\n".join(table) + "\n"
             sys.stdout.write(text)
             if args.table:

@@ -15,7 +15,7 @@ set ylabel "CPU time [ms]"
 set logscale xy
 set xtics (16, 64, 256, 1024)
 set grid
-set key top left
+set key bottom right
 set y2label "ipapp-check / floor"
 set y2range [0:4]
 set y2tics 0.5
