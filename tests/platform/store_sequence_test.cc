@@ -64,6 +64,12 @@ TEST_F(StoreSequenceTest, EveryCallAnswersAsTheFirstCallOfAThreadDoes) {
       "/config/interface/l3[1]x/vrf",  // junk after the index
       "/config/interface/l3[1]/vrf",
       "/config/interface/l3/vrf",  // a list without keys inside the path
+      // An index before another index: the later one moves, then differs.
+      "/config/interface/l3[0]/ipv4/address/secondary[1]/ip",
+      "/config/interface/l3[10]/ipv4/address/secondary[1]/ip",
+      "/config/interface/l3[10]/ipv4/address/secondary[0]/ip",
+      "/config/interface/l3[0]/ipv4/address/secondary[0]/ip",
+      "/config/interface/l3[0]/ipv4/address/secondarx[0]/ip",
       "/config/interface/loopback{0}/ipv4/address[1]/ip",
       "/config/interface/loopback{0}/ipv4/address[0]/ip",
       "/internal/ospf-interface-l3[2]/ospf-pm-if-name",

@@ -84,9 +84,10 @@ void *DataTree::Arena::Allocate(size_t size, size_t align) {
 }
 
 std::string_view DataTree::Arena::Copy(std::string_view text) {
-  if (text.empty()) return std::string_view("", 0);  // never a null pointer
-  char *p = static_cast<char *>(Allocate(text.size(), 1));
+  // NUL-terminated like libyang's strings: a C_BUF value may be read as one.
+  char *p = static_cast<char *>(Allocate(text.size() + 1, 1));
   std::memcpy(p, text.data(), text.size());
+  p[text.size()] = '\0';
   return {p, text.size()};
 }
 

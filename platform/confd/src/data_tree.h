@@ -95,6 +95,7 @@ class DataTree {
       for (size_t i = 0; i < n; ++i) new (p + i) T();
       return p;
     }
+    /// A copy of text, followed by a NUL.
     std::string_view Copy(std::string_view text);
 
    private:

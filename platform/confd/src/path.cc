@@ -403,7 +403,10 @@ bool ParsePathAgain(const SchemaIndex &schema, std::string_view path, ParsedPath
     size_t i = out->e[keep].sel_at;
     out->n = keep;
     if (ParseSelector(*text, out->e[keep].s, &i, out, error) && i == new_end) {
-      for (int j = keep + 1; j < n; ++j) out->e[j].end = out->e[j].end - old_end + new_end;
+      for (int j = keep + 1; j < n; ++j) {
+        out->e[j].sel_at = out->e[j].sel_at - old_end + new_end;
+        out->e[j].end = out->e[j].end - old_end + new_end;
+      }
       out->n = n;
       out->memo_schema = schema.serial();
       return true;
