@@ -13,6 +13,7 @@ packages=(
   nlohmann-json3-dev libcli11-dev
   binutils
   netconfd libyuma-dev libxml2-dev openssh-server python3-ncclient
+  python3 gnuplot-nox
 )
 if [ "${1:-}" = "--fuzz" ]; then
   packages+=(clang libclang-rt-14-dev)

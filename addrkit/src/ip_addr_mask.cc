@@ -150,12 +150,6 @@ void IPv4AddrMask::set_prefix_len(unsigned int len) {
   mask_.set_word(MaskWord(len));
 }
 
-// Prefix masks nest, so the AND of the two masks is the shorter one.
-bool IPv4AddrMask::Overlap(const IPv4AddrMask &other) const {
-  const uint32_t shorter = mask_.addr() & other.mask_.addr();
-  return (addr_.addr() & shorter) == (other.addr_.addr() & shorter);
-}
-
 std::string IPv4AddrMask::addr_prefix_len() const {
   return addr_.to_string() + "/" + std::to_string(prefix_len());
 }
@@ -215,11 +209,6 @@ bool IPv6AddrMask::IsUnspecified() const {
 void IPv6AddrMask::set_prefix_len(unsigned int len) {
   CheckLen(len, "IPv6", kMaxV6Len);
   prefix_len_ = static_cast<uint8_t>(len);
-}
-
-bool IPv6AddrMask::Overlap(const IPv6AddrMask &other) const {
-  const unsigned int shorter = prefix_len_ < other.prefix_len_ ? prefix_len_ : other.prefix_len_;
-  return SamePrefix(addr_.bytes(), other.addr_.bytes(), shorter);
 }
 
 bool IPv6AddrMask::operator==(const IPv6AddrMask &other) const {

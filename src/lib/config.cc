@@ -114,12 +114,14 @@ addrkit::IPv6AddrMask GenericConfig::get_ipv6_addr_mask(const confd_value_t &add
 std::string GenericConfig::get_hex_from_bin(const confd_value_t &v) const {
   std::string hex;
   if (v.type != C_BINARY || CONFD_GET_BINARY_PTR(&v) == nullptr) return hex;
+  static constexpr char kDigits[] = "0123456789abcdef";
   const unsigned char *bytes = CONFD_GET_BINARY_PTR(&v);
-  for (unsigned int i = 0; i < CONFD_GET_BINARY_SIZE(&v); ++i) {
-    char pair[3];
-    snprintf(pair, sizeof pair, "%02x", static_cast<unsigned int>(bytes[i]));
+  const unsigned int size = CONFD_GET_BINARY_SIZE(&v);
+  hex.reserve(size * 3);
+  for (unsigned int i = 0; i < size; ++i) {
     if (i != 0) hex += ':';
-    hex += pair;
+    hex += kDigits[bytes[i] >> 4];
+    hex += kDigits[bytes[i] & 0xF];
   }
   return hex;
 }

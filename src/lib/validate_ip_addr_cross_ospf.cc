@@ -40,18 +40,20 @@ uint32_t AreaNumber(const char *area_text) {
   return boost::asio::ip::make_address_v4(area_text).to_uint();
 }
 
-// The names the running store lists as OSPF interfaces (ospf-pm-if-name).
-std::set<std::string> RunningOspfNames(int cdb_sock) {
-  std::set<std::string> names;
+// Whether the running store lists name as an OSPF interface
+// (ospf-pm-if-name). Every row is read, whatever the rows before held.
+bool RunningOspfName(int cdb_sock, const std::string &name) {
+  bool listed = false;
   const int count = cdb_num_instances(cdb_sock, "%s", kOspfIntfList);
   for (int i = 0; i < count; ++i) {
-    char name[8192];
-    if (cdb_get_str(cdb_sock, name, sizeof name, "%s[%d]/ospf-pm-if-name", kOspfIntfList, i) ==
-        CONFD_OK) {
-      names.insert(name);
+    char row_name[8192];
+    if (cdb_get_str(cdb_sock, row_name, sizeof row_name, "%s[%d]/ospf-pm-if-name", kOspfIntfList,
+                    i) == CONFD_OK &&
+        name == row_name) {
+      listed = true;
     }
   }
-  return names;
+  return listed;
 }
 
 // Path of the address an OSPF interface runs on, from its table name: the
@@ -145,8 +147,8 @@ int validate_ipv4_addr_cross_ospf_intf(int32_t sock, confd_trans_ctx *tctx, conf
 
       // One session per object, the running list re-read each time.
       KxConfdCdbSession cdb(HostInterface(tctx), CDB_RUNNING, true);
-      const std::set<std::string> running = RunningOspfNames(cdb.Socket());
-      if (changed.count(name) == 0 || running.count(name) == 0) {
+      const bool running = RunningOspfName(cdb.Socket(), name);
+      if (changed.count(name) == 0 || !running) {
         batch.Free(iter);
         continue;
       }

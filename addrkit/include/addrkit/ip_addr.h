@@ -164,7 +164,11 @@ class IPv4AddrMask {
   /// std::invalid_argument above 32.
   void set_prefix_len(unsigned int len);
   /// The two prefixes share at least one address.
-  bool Overlap(const IPv4AddrMask &other) const;
+  bool Overlap(const IPv4AddrMask &other) const {
+    // Prefix masks nest, so the AND of the two masks is the shorter one.
+    const uint32_t shorter = mask_.addr() & other.mask_.addr();
+    return ((addr_.addr() ^ other.addr_.addr()) & shorter) == 0;
+  }
   /// "a.b.c.d/len", like to_string().
   std::string addr_prefix_len() const;
 
@@ -216,7 +220,18 @@ class IPv6AddrMask {
   /// Throws std::invalid_argument above 128.
   void set_prefix_len(unsigned int len);
   /// The two prefixes share at least one address (scopes are not compared).
-  bool Overlap(const IPv6AddrMask &other) const;
+  bool Overlap(const IPv6AddrMask &other) const {
+    const unsigned int shorter = prefix_len_ < other.prefix_len_ ? prefix_len_ : other.prefix_len_;
+    const IPv6Addr::Bytes &a = addr_.bytes();
+    const IPv6Addr::Bytes &b = other.addr_.bytes();
+    const unsigned int whole = shorter / 8;  // 0..16
+    for (unsigned int i = 0; i < whole; ++i) {
+      if (a[i] != b[i]) return false;
+    }
+    // The partial byte; a shift by 8 would be undefined, hence the test.
+    const unsigned int rest = shorter % 8;
+    return rest == 0 || ((a[whole] ^ b[whole]) & (0xFFu << (8 - rest)) & 0xFFu) == 0;
+  }
 
   IPv6Addr &addr() { return addr_; }
   const IPv6Addr &addr() const { return addr_; }

@@ -248,8 +248,7 @@ int maapi_get_next(struct maapi_cursor *mc) {
     if (entry != nullptr) {
       ++state->next;
       SetKeys(*entry, mc);
-      detail = entry->keystr;
-      std::replace(detail.begin(), detail.end(), '\0', ' ');
+      if (call.tracing()) detail = ipapp::store::KeyText(*entry);
     } else if (known) {
       mc->n = 0;
     }
@@ -355,7 +354,7 @@ int maapi_get_objects(struct maapi_cursor *mc, confd_value_t *values, int n, int
     return call.Fail(err, why);
   }
   try {
-    return call.Done(most, std::to_string(count) + " objects");
+    return call.Done(most, call.tracing() ? std::to_string(count) + " objects" : std::string());
   } catch (...) {
     TakeBack(values, filled);
     throw;

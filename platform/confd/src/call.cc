@@ -167,14 +167,23 @@ void Call::Use(std::shared_ptr<Txn> txn) {
 }
 
 bool Call::Parse() {
-  thread_local ParsedPath parsed;
-  parsed_ = &parsed;
+  // Successive calls mostly name the same path or one with the same
+  // beginning (exists, then get; entry after entry of one list). MAAPI and
+  // CDB paths parse apart ("[N]" is CDB's), each kept for the next call.
+  struct Last {
+    Last() { text.reserve(256); }
+    ParsedPath parsed;
+    std::string text;
+  };
+  thread_local Last last[2];
+  Last &mine = last[cdb_ ? 1 : 0];
+  parsed_ = &mine.parsed;
   if (!format_error_.empty()) {
     Fail(CONFD_ERR_BADPATH, "bad path: " + format_error_);
     return false;
   }
   std::string why;
-  if (!ParsePath(txn_->schema(), path_, false, parsed_, &why, cdb_)) {
+  if (!ParsePathAgain(txn_->schema(), path_, parsed_, &mine.text, &why, cdb_)) {
     Fail(CONFD_ERR_BADPATH, "bad path: " + why);
     return false;
   }
@@ -213,12 +222,14 @@ int Call::WrongType(const DNode &leaf, int vtype) {
                                      VtypeName(leaf.value.type) + "), not " + VtypeName(vtype));
 }
 
-int Call::Done(int result, const std::string &detail) {
+int Call::Done(int result, std::string_view detail) {
   return DoneWithDup(result, nullptr, detail);
 }
 
-int Call::DoneWithDup(int result, void *dup, const std::string &detail) {
+int Call::DoneWithDup(int result, void *dup, std::string_view detail) {
   if (!txn_) return result;
+  const bool record = txn_->recording_trace();
+  if (dup == nullptr && !record) return result;
   std::lock_guard<std::mutex> lock(StoreMutex());
   if (dup != nullptr) {
     try {
@@ -228,7 +239,7 @@ int Call::DoneWithDup(int result, void *dup, const std::string &detail) {
       throw;
     }
   }
-  txn_->AddTraceLocked(name_, path_, result, detail);
+  if (record) txn_->AddTraceLocked(name_, path_, result, detail);
   return result;
 }
 

@@ -7,6 +7,7 @@
 #include <cstdarg>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "store.h"
 
@@ -55,13 +56,17 @@ class Call {
   }
   int WrongType(const DNode &leaf, int vtype);
 
-  /// Records the call and returns result. Never throws once detail exists:
-  /// whatever a call registered before stays registered and handed out.
-  int Done(int result, const std::string &detail = {});
+  /// Whether the transaction records this call: callers that build a
+  /// detail text of their own build it only then.
+  bool tracing() const { return txn_ && txn_->recording_trace(); }
+  /// Records the call (when the transaction records calls) and returns
+  /// result. Never throws once detail exists: whatever a call registered
+  /// before stays registered and handed out.
+  int Done(int result, std::string_view detail = {});
   /// Also records dup (what a read allocated for its caller) as open on the
   /// transaction until the caller frees it; if that throws, dup is freed and
   /// nothing is registered.
-  int DoneWithDup(int result, void *dup, const std::string &detail);
+  int DoneWithDup(int result, void *dup, std::string_view detail);
   /// Sets the error, records the call and returns CONFD_ERR.
   int Fail(int err, const std::string &why);
 

@@ -1,6 +1,7 @@
 #include "data_tree.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 
@@ -40,9 +41,22 @@ std::string Twice(const SchemaIndex &schema, const DNode &first, const DNode &se
 
 }  // namespace
 
-void AppendKeyText(std::string_view text, std::string *keystr) {
-  if (!keystr->empty()) keystr->push_back('\0');
-  keystr->append(text);
+std::string KeyText(const DNode &entry) {
+  if (!entry.s->is_list()) return std::string(entry.text);
+  std::string out;
+  for (size_t i = 0; i < entry.s->keys.size(); ++i) {
+    if (i) out += ' ';
+    out += entry.Child(entry.s->keys[i])->text;
+  }
+  return out;
+}
+
+bool SameKeys(const DNode &a, const DNode &b) {
+  if (!a.s->is_list()) return a.text == b.text;
+  for (const SNode *k : a.s->keys) {
+    if (a.Child(k)->text != b.Child(k)->text) return false;
+  }
+  return true;
 }
 
 bool EntryLess(const DNode *a, const DNode *b) {
@@ -53,12 +67,35 @@ bool EntryLess(const DNode *a, const DNode *b) {
   return false;
 }
 
-DataTree::DataTree(const SchemaIndex &schema, lyd_node *tree) : schema_(schema), tree_(tree) {
-  DNode &root = nodes_.emplace_back();
-  root.s = &schema.root();
-  root.slots.resize(root.s->children.size());
+void *DataTree::Arena::Allocate(size_t size, size_t align) {
+  constexpr size_t kBlock = 64 * 1024;
+  size_t pad = (align - reinterpret_cast<uintptr_t>(next_) % align) % align;
+  if (size + pad > left_) {
+    size_t block = size > kBlock / 4 ? size + align : kBlock;
+    blocks_.emplace_back(new char[block]);  // not zeroed: New() constructs
+    next_ = blocks_.back().get();
+    left_ = block;
+    pad = (align - reinterpret_cast<uintptr_t>(next_) % align) % align;
+  }
+  void *p = next_ + pad;
+  next_ += pad + size;
+  left_ -= pad + size;
+  return p;
+}
+
+std::string_view DataTree::Arena::Copy(std::string_view text) {
+  // NUL-terminated like libyang's strings: a C_BUF value may be read as one.
+  char *p = static_cast<char *>(Allocate(text.size() + 1, 1));
+  std::memcpy(p, text.data(), text.size());
+  p[text.size()] = '\0';
+  return {p, text.size()};
+}
+
+DataTree::DataTree(const SchemaIndex &schema, lyd_node *tree)
+    : schema_(schema), tree_(tree), serial_(NextSerial()) {
   try {
-    Build(&root, tree_);
+    root_ = NewNode(&schema.root(), nullptr, nullptr);
+    Build(root_, tree_);
   } catch (...) {
     lyd_free_all(tree_);
     throw;
@@ -67,6 +104,18 @@ DataTree::DataTree(const SchemaIndex &schema, lyd_node *tree) : schema_(schema),
 
 DataTree::~DataTree() {
   lyd_free_all(tree_);
+}
+
+DNode *DataTree::NewNode(const SNode *s, DNode *parent, const lyd_node *ly) {
+  DNode *node = arena_.New<DNode>();
+  node->s = s;
+  node->parent = parent;
+  node->ly = ly;
+  if (s->kind != NodeKind::kLeaf && s->kind != NodeKind::kLeafList) {
+    node->slots = arena_.New<DNode::Slot>(s->children.size());
+  }
+  ++size_;
+  return node;
 }
 
 void DataTree::Build(DNode *parent, const lyd_node *first) {
@@ -79,29 +128,46 @@ void DataTree::Build(DNode *parent, const lyd_node *first) {
       free(path);
       throw DataError("node " + where + " is not part of the store's schema");
     }
-    DNode &node = nodes_.emplace_back();
-    node.s = s;
-    node.parent = parent;
-    node.ly = ly;
+    DNode &node = *NewNode(s, parent, ly);
     DNode::Slot &slot = parent->slots[s->index];
     switch (s->kind) {
       case NodeKind::kLeaf:
       case NodeKind::kLeafList: {
         const char *canon = lyd_get_value(ly);
-        std::string error;
+        const std::string_view canon_text(canon);
         // A union's value has the type of the member it matched.
         const LeafType &type =
             UnionMember(s->type, reinterpret_cast<const lyd_node_term *>(ly)->value);
         if (type.vtype == C_BUF) {
-          CONFD_SET_BUF(&node.value, canon, std::strlen(canon));
-          node.text = canon;
-        } else if (!ParseValue(type, canon, &node.value, &node.bytes, &error)) {
-          char *path = lyd_path(ly, LYD_PATH_STD, nullptr, 0);
-          std::string where = path ? path : s->name;
-          free(path);
-          throw DataError("value \"" + std::string(canon) + "\" of " + where + ": " + error);
+          CONFD_SET_BUF(&node.value, canon, canon_text.size());
+          node.text = canon_text;
         } else {
-          FormatValue(node.value, &type, &node.text);
+          thread_local std::string storage;
+          thread_local std::string text;
+          std::string error;
+          if (!ParseValue(type, canon_text, &node.value, &storage, &error)) {
+            char *path = lyd_path(ly, LYD_PATH_STD, nullptr, 0);
+            std::string where = path ? path : s->name;
+            free(path);
+            throw DataError("value \"" + std::string(canon) + "\" of " + where + ": " + error);
+          }
+          switch (node.value.type) {
+            case C_BUF:
+            case C_BINARY:
+            case C_HEXSTR:
+            case C_BITBIG: {  // the bytes are in storage: the tree keeps them
+              std::string_view bytes = arena_.Copy(storage);
+              node.value.val.buf.ptr =
+                  reinterpret_cast<unsigned char *>(const_cast<char *>(bytes.data()));
+              break;
+            }
+            default:
+              break;
+          }
+          text.clear();
+          FormatValue(node.value, &type, &text);
+          // Mostly the text libyang keeps already is the store's form.
+          node.text = text == canon_text ? canon_text : arena_.Copy(text);
           // A leaf of type empty (outside unions and keys) reads as its tag.
           if (node.value.type == C_EMPTY && s->type.vtype == C_EMPTY && !s->is_key &&
               s->kind == NodeKind::kLeaf) {
@@ -116,21 +182,17 @@ void DataTree::Build(DNode *parent, const lyd_node *first) {
             slot.list->s = s;
             touched.push_back(slot.list);
           }
-          node.keystr = node.text;
           slot.list->entries.push_back(&node);
         }
         break;
       }
       case NodeKind::kContainer:
       case NodeKind::kPresence:
-        node.slots.resize(s->children.size());
         slot.node = &node;
         Build(&node, lyd_child(ly));
         break;
       case NodeKind::kList:
-        node.slots.resize(s->children.size());
         Build(&node, lyd_child(ly));
-        for (const SNode *k : s->keys) AppendKeyText(node.Child(k)->text, &node.keystr);
         if (slot.list == nullptr) {
           slot.list = &lists_.emplace_back();
           slot.list->s = s;
@@ -151,8 +213,6 @@ void DataTree::Build(DNode *parent, const lyd_node *first) {
     auto twin = std::adjacent_find(list->entries.begin(), list->entries.end(),
                                    [&](const DNode *a, const DNode *b) { return !less(a, b); });
     if (twin != list->entries.end()) throw DataError(Twice(schema_, **twin, **(twin + 1)));
-    list->by_key.reserve(list->entries.size());
-    for (DNode *e : list->entries) list->by_key.emplace(e->keystr, e);
   }
 }
 

@@ -8,10 +8,12 @@
 #include <libyang/libyang.h>
 
 #include <deque>
+#include <memory>
+#include <new>
 #include <stdexcept>
 #include <string>
 #include <string_view>
-#include <unordered_map>
+#include <type_traits>
 #include <vector>
 
 #include "schema_index.h"
@@ -20,13 +22,17 @@ namespace ipapp::store {
 
 struct DNode;
 
-/// The entries of one list below one parent, in the store's order.
+/// The entries of one list below one parent, in the store's order: sorted
+/// by their key values (EntryLess), no two equal, so that an entry is found
+/// by binary search (FindEntry).
 struct ListInst {
   const SNode *s = nullptr;
   std::vector<DNode *> entries;
-  std::unordered_map<std::string_view, DNode *> by_key;  ///< by DNode::keystr
 };
 
+/// A data node. Nodes, their slots and the texts that libyang does not hold
+/// live in their tree's arena: a node is trivially destructible and lives as
+/// long as its tree.
 struct DNode {
   struct Slot {
     DNode *node = nullptr;     ///< leaf or container child
@@ -35,20 +41,23 @@ struct DNode {
   const SNode *s = nullptr;
   DNode *parent = nullptr;
   const lyd_node *ly = nullptr;
-  confd_value_t value{};    ///< leaves; C_BUF points at libyang's string
-  std::string text;         ///< leaves: the value's text form
-  std::string bytes;        ///< leaves of C_BINARY: the bytes
-  std::string keystr;       ///< list entries: key texts joined by '\0'
-  std::vector<Slot> slots;  ///< containers and entries: by child SNode index
+  Slot *slots = nullptr;  ///< containers and entries: one per child SNode (by index)
+  confd_value_t value{};  ///< leaves; C_BUF points at libyang's string
+  std::string_view text;  ///< leaves: the value's text form
 
   const DNode *Child(const SNode *c) const {
-    return slots.empty() ? nullptr : slots[c->index].node;
+    return slots == nullptr ? nullptr : slots[c->index].node;
   }
   const ListInst *List(const SNode *c) const {
-    return slots.empty() ? nullptr : slots[c->index].list;
+    return slots == nullptr ? nullptr : slots[c->index].list;
   }
   const confd_value_t &Key(size_t i) const { return Child(s->keys[i])->value; }
 };
+
+/// Key texts of a list entry joined by blanks (a leaf-list entry: its text).
+std::string KeyText(const DNode &entry);
+/// Two entries of one list have the same key texts.
+bool SameKeys(const DNode &a, const DNode &b);
 
 /// Data the store cannot serve although libyang accepted it (e.g. an
 /// address the pattern lets through and the address parser refuses).
@@ -66,22 +75,46 @@ class DataTree {
   DataTree(const DataTree &) = delete;
   DataTree &operator=(const DataTree &) = delete;
 
-  const DNode &root() const { return nodes_.front(); }
+  const DNode &root() const { return *root_; }
   const lyd_node *ly_tree() const { return tree_; }
   const SchemaIndex &schema() const { return schema_; }
-  size_t size() const { return nodes_.size(); }
+  size_t size() const { return size_; }
+  /// Distinct for every tree a process builds (an address may be reused).
+  uint64_t serial() const { return serial_; }
 
  private:
+  /// Bump allocation of trivially destructible objects and bytes, freed
+  /// with the tree.
+  class Arena {
+   public:
+    void *Allocate(size_t size, size_t align);
+    template <typename T>
+    T *New(size_t n = 1) {
+      static_assert(std::is_trivially_destructible_v<T>);
+      T *p = static_cast<T *>(Allocate(n * sizeof(T), alignof(T)));
+      for (size_t i = 0; i < n; ++i) new (p + i) T();
+      return p;
+    }
+    /// A copy of text, followed by a NUL.
+    std::string_view Copy(std::string_view text);
+
+   private:
+    std::vector<std::unique_ptr<char[]>> blocks_;
+    char *next_ = nullptr;
+    size_t left_ = 0;
+  };
+
   void Build(DNode *parent, const lyd_node *first);
+  DNode *NewNode(const SNode *s, DNode *parent, const lyd_node *ly);
 
   const SchemaIndex &schema_;
   lyd_node *tree_;
-  std::deque<DNode> nodes_;
+  uint64_t serial_;
+  Arena arena_;
+  DNode *root_ = nullptr;
+  size_t size_ = 0;
   std::deque<ListInst> lists_;
 };
-
-/// Joins canonical key texts the way DNode::keystr does.
-void AppendKeyText(std::string_view text, std::string *keystr);
 
 /// Orders entries of one list key by key.
 bool EntryLess(const DNode *a, const DNode *b);

@@ -49,7 +49,7 @@ bool Differs(const SNode &s, const DNode *o, const DNode *n) {
         for (size_t i = 0; i < on; ++i) {
           const DNode *oe = ol->entries[i];
           const DNode *ne = nl->entries[i];
-          if (oe->keystr != ne->keystr || Differs(*c, oe, ne)) return true;
+          if (!ipapp::store::SameKeys(*oe, *ne) || Differs(*c, oe, ne)) return true;
         }
         break;
       }

@@ -1,5 +1,9 @@
 #include "path.h"
 
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+
 #include "values.h"
 
 namespace ipapp::store {
@@ -7,6 +11,24 @@ namespace {
 
 bool IsBlank(char c) {
   return c == ' ' || c == '\t';
+}
+
+// End of the element name starting at i: the next '/', '{' or '[' (or the
+// end); *colon receives the position of its first ':'.
+size_t ScanName(std::string_view path, size_t i, size_t *colon) {
+  const char *p = path.data();
+  const size_t n = path.size();
+  for (; i < n; ++i) {
+    const char c = p[i];
+    if (c > ':') {
+      if (c == '{' || c == '[') break;
+    } else if (c == '/') {
+      break;
+    } else if (c == ':' && *colon == std::string_view::npos) {
+      *colon = i;
+    }
+  }
+  return i;
 }
 
 bool ParseKeys(std::string_view path, size_t *pos, ParsedPath *out, PathElem *elem,
@@ -68,48 +90,196 @@ bool ParseKeys(std::string_view path, size_t *pos, ParsedPath *out, PathElem *el
   return true;
 }
 
-bool CanonicalKeys(PathElem *elem, std::string *error) {
+bool ParseKeyValues(PathElem *elem, std::string *error) {
   const SNode *s = elem->s;
   if (static_cast<size_t>(elem->nkeys) != s->keys.size()) {
     *error = "list \"" + s->name + "\" has " + std::to_string(s->keys.size()) + " key" +
              (s->keys.size() == 1 ? "" : "s") + ", " + std::to_string(elem->nkeys) + " given";
     return false;
   }
-  elem->keystr.clear();
-  thread_local std::string storage;
-  thread_local std::string text;
   for (int k = 0; k < elem->nkeys; ++k) {
     const LeafType &type = s->keys[k]->type;
-    if (type.vtype == C_BUF) {
-      AppendKeyText(elem->keys[k], &elem->keystr);
-      continue;
-    }
-    confd_value_t v;
     std::string why;
-    if (!ParseValue(type, elem->keys[k], &v, &storage, &why)) {
+    if (!elem->ParseKey(k, type, &why)) {
       *error = "key \"" + std::string(elem->keys[k]) + "\" of list \"" + s->name +
                "\" is not a valid " + type.name + " (" + why + ")";
       return false;
     }
-    text.clear();
-    FormatValue(v, &type, &text);
-    AppendKeyText(text, &elem->keystr);
   }
   return true;
 }
 
 }  // namespace
 
-bool ParsePath(const SchemaIndex &schema, std::string_view path, bool schema_path, ParsedPath *out,
-               std::string *error, bool allow_index) {
-  out->n = 0;
-  out->unescaped.clear();
-  if (path.empty() || path[0] != '/') {
-    *error = "not an absolute path";
-    return false;
+confd_value_t PathElem::KeyValue(int k) const {
+  confd_value_t v = kv_[k];
+  if (kbytes_at_[k] >= 0)
+    v.val.buf.ptr =
+        reinterpret_cast<unsigned char *>(const_cast<char *>(kbytes_.data() + kbytes_at_[k]));
+  return v;
+}
+
+bool PathElem::ParseKey(int k, const LeafType &type, std::string *error) {
+  if (k == 0) kbytes_.clear();
+  kbytes_at_[k] = -1;
+  if (type.vtype == C_BUF) {
+    CONFD_SET_BUF(&kv_[k], reinterpret_cast<const unsigned char *>(keys[k].data()), keys[k].size());
+    return true;
   }
-  const SNode *parent = &schema.root();
+  thread_local std::string storage;
+  if (!ParseValue(type, keys[k], &kv_[k], &storage, error)) return false;
+  if (kv_[k].type == C_BINARY || kv_[k].type == C_BUF || kv_[k].type == C_HEXSTR ||
+      kv_[k].type == C_BITBIG) {
+    // Kept by offset: the element may be copied, kbytes_ may grow.
+    kbytes_at_[k] = static_cast<int>(kbytes_.size());
+    kbytes_.append(storage);
+  }
+  return true;
+}
+
+void PathElem::TakeKeys(const DNode &entry) {
+  nkeys = static_cast<int>(s->keys.size());
+  for (int k = 0; k < nkeys; ++k) {
+    const DNode *key = entry.Child(s->keys[k]);
+    keys[k] = key->text;
+    kv_[k] = key->value;
+    kbytes_at_[k] = -1;
+  }
+}
+
+const DNode *FindEntry(const ListInst &list, const PathElem &elem) {
+  // Entries are sorted by their key values (EntryLess); no two are equal.
+  confd_value_t want[MAXKEYLEN];
+  for (int k = 0; k < elem.nkeys; ++k) want[k] = elem.KeyValue(k);
+  auto compare = [&](const DNode *entry) {
+    for (int k = 0; k < elem.nkeys; ++k) {
+      const confd_value_t &have = entry->Key(k);
+      int c;
+      if (have.type == C_BUF && want[k].type == C_BUF) {  // most keys: as CompareValues
+        const size_t a = have.val.buf.size;
+        const size_t b = want[k].val.buf.size;
+        c = std::memcmp(have.val.buf.ptr, want[k].val.buf.ptr, a < b ? a : b);
+        if (c == 0) c = a < b ? -1 : (a > b ? 1 : 0);
+      } else {
+        c = CompareValues(have, want[k]);
+      }
+      if (c != 0) return c;
+    }
+    return 0;
+  };
+  size_t lo = 0;
+  size_t hi = list.entries.size();
+  while (lo < hi) {
+    size_t mid = lo + (hi - lo) / 2;
+    int c = compare(list.entries[mid]);
+    if (c == 0) return list.entries[mid];
+    if (c < 0) {
+      lo = mid + 1;
+    } else {
+      hi = mid;
+    }
+  }
+  return nullptr;
+}
+
+namespace {
+
+// Length of the common beginning of a and b, compared a word at a time.
+size_t CommonPrefix(std::string_view a, std::string_view b) {
+  const size_t n = std::min(a.size(), b.size());
   size_t i = 0;
+  for (; i + sizeof(uint64_t) <= n; i += sizeof(uint64_t)) {
+    uint64_t x;
+    uint64_t y;
+    std::memcpy(&x, a.data() + i, sizeof x);
+    std::memcpy(&y, b.data() + i, sizeof y);
+    if (x != y) break;
+  }
+  while (i < n && a[i] == b[i]) ++i;
+  return i;
+}
+
+// The child of parent whose name (without a module) stands at offset i of
+// path, followed by the end, '/', '{' or '['; null when no child's name
+// or two children's names (of different modules) stand there.
+const SNode *DirectChild(const SNode &parent, std::string_view path, size_t i) {
+  const SNode *found = nullptr;
+  const size_t rest = path.size() - i;
+  const char *p = path.data() + i;
+  for (const SNode *c : parent.children) {
+    const std::string &name = c->name;
+    const size_t n = name.size();
+    if (n > rest || p[0] != name[0] || std::memcmp(p, name.data(), n) != 0) continue;
+    if (n < rest && p[n] != '/' && p[n] != '{' && p[n] != '[') continue;
+    if (found != nullptr) return nullptr;
+    found = c;
+  }
+  return found;
+}
+
+// Adds the element s, whose name ends at *pos, with its keys or index;
+// *pos moves past them.
+bool ParseSelector(std::string_view path, const SNode *s, size_t *pos, ParsedPath *out,
+                   std::string *error, bool allow_index) {
+  size_t i = *pos;
+  PathElem &elem = out->e[out->n++];
+  elem.sel_at = i;
+  elem.s = s;
+  elem.sel = PathElem::kNone;
+  elem.nkeys = 0;
+  if (i < path.size() && (path[i] == '{' || path[i] == '[')) {
+    if (!s->is_list()) {
+      *error = "\"" + s->name + "\" is not a list";
+      return false;
+    }
+    if (path[i] == '{') {
+      if (!ParseKeys(path, &i, out, &elem, error) || !ParseKeyValues(&elem, error)) return false;
+      elem.sel = PathElem::kKeys;
+    } else {
+      if (!allow_index) {
+        *error = "\"[N]\" selects entries in CDB paths only; give the keys of \"" + s->name + "\"";
+        return false;
+      }
+      size_t close = path.find(']', i);
+      std::string_view digits =
+          close == std::string_view::npos ? std::string_view() : path.substr(i + 1, close - i - 1);
+      long index = 0;
+      bool ok = !digits.empty() && digits.size() < 10;
+      for (char c : digits) {
+        ok = ok && c >= '0' && c <= '9';
+        index = index * 10 + (c - '0');
+      }
+      if (!ok) {
+        *error = "bad index \"[" + std::string(digits) + "]\"";
+        return false;
+      }
+      elem.sel = PathElem::kIndex;
+      elem.index = index;
+      i = close + 1;
+    }
+    if (i < path.size() && path[i] != '/') {
+      *error = "'/' expected after the keys of \"" + s->name + "\"";
+      return false;
+    }
+  }
+  elem.end = i;
+  *pos = i;
+  return true;
+}
+
+// Length of the common end of a and b.
+size_t CommonSuffix(std::string_view a, std::string_view b) {
+  const size_t n = std::min(a.size(), b.size());
+  size_t i = 0;
+  while (i < n && a[a.size() - 1 - i] == b[b.size() - 1 - i]) ++i;
+  return i;
+}
+
+// Parses the elements of path from offset i on (the elements before, if
+// any, are out->e[0 .. out->n)).
+bool ParseElements(const SchemaIndex &schema, std::string_view path, bool schema_path, size_t i,
+                   ParsedPath *out, std::string *error, bool allow_index) {
+  const SNode *parent = out->n ? out->e[out->n - 1].s : &schema.root();
   while (i < path.size()) {
     if (path[i] != '/') {
       *error = "'/' expected at offset " + std::to_string(i);
@@ -117,13 +287,29 @@ bool ParsePath(const SchemaIndex &schema, std::string_view path, bool schema_pat
     }
     ++i;
     size_t start = i;
-    while (i < path.size() && path[i] != '/' && path[i] != '{' && path[i] != '[') ++i;
+    // Most elements are one child's name without a module: matched here
+    // directly; anything else takes the general way below.
+    const SNode *direct = parent->kind == NodeKind::kLeaf || parent->kind == NodeKind::kLeafList
+                              ? nullptr
+                              : DirectChild(*parent, path, start);
+    if (direct != nullptr && !(out->n > 0 && out->e[out->n - 1].s->is_list() &&
+                               out->e[out->n - 1].sel == PathElem::kNone && !schema_path)) {
+      i = start + direct->name.size();
+      if (out->n == MAXDEPTH) {
+        *error = "deeper than " + std::to_string(MAXDEPTH) + " elements";
+        return false;
+      }
+      if (!ParseSelector(path, direct, &i, out, error, allow_index)) return false;
+      parent = direct;
+      continue;
+    }
+    size_t colon = std::string_view::npos;
+    i = ScanName(path, i, &colon);
     std::string_view name = path.substr(start, i - start);
     std::string_view prefix;
-    size_t colon = name.find(':');
     if (colon != std::string_view::npos) {
-      prefix = name.substr(0, colon);
-      name = name.substr(colon + 1);
+      prefix = path.substr(start, colon - start);
+      name = path.substr(colon + 1, i - colon - 1);
     }
     if (name.empty()) {
       *error = "empty element at offset " + std::to_string(start);
@@ -151,47 +337,7 @@ bool ParsePath(const SchemaIndex &schema, std::string_view path, bool schema_pat
       *error = "deeper than " + std::to_string(MAXDEPTH) + " elements";
       return false;
     }
-    PathElem &elem = out->e[out->n++];
-    elem.s = s;
-    elem.sel = PathElem::kNone;
-    elem.nkeys = 0;
-    if (i < path.size() && (path[i] == '{' || path[i] == '[')) {
-      if (!s->is_list()) {
-        *error = "\"" + s->name + "\" is not a list";
-        return false;
-      }
-      if (path[i] == '{') {
-        if (!ParseKeys(path, &i, out, &elem, error) || !CanonicalKeys(&elem, error)) return false;
-        elem.sel = PathElem::kKeys;
-      } else {
-        if (!allow_index) {
-          *error =
-              "\"[N]\" selects entries in CDB paths only; give the keys of \"" + s->name + "\"";
-          return false;
-        }
-        size_t close = path.find(']', i);
-        std::string_view digits = close == std::string_view::npos
-                                      ? std::string_view()
-                                      : path.substr(i + 1, close - i - 1);
-        long index = 0;
-        bool ok = !digits.empty() && digits.size() < 10;
-        for (size_t d = 0; ok && d < digits.size(); ++d) {
-          ok = digits[d] >= '0' && digits[d] <= '9';
-          index = index * 10 + (digits[d] - '0');
-        }
-        if (!ok) {
-          *error = "bad index \"[" + std::string(digits) + "]\"";
-          return false;
-        }
-        elem.sel = PathElem::kIndex;
-        elem.index = index;
-        i = close + 1;
-      }
-      if (i < path.size() && path[i] != '/') {
-        *error = "'/' expected after the keys of \"" + s->name + "\"";
-        return false;
-      }
-    }
+    if (!ParseSelector(path, s, &i, out, error, allow_index)) return false;
     parent = s;
   }
   if (out->n == 0) {
@@ -205,11 +351,99 @@ bool ParsePath(const SchemaIndex &schema, std::string_view path, bool schema_pat
   return true;
 }
 
+}  // namespace
+
+bool ParsePath(const SchemaIndex &schema, std::string_view path, bool schema_path, ParsedPath *out,
+               std::string *error, bool allow_index) {
+  out->n = 0;
+  out->memo_schema = 0;
+  out->res_n = 0;
+  if (!out->unescaped.empty()) out->unescaped.clear();
+  if (path.empty() || path[0] != '/') {
+    *error = "not an absolute path";
+    return false;
+  }
+  return ParseElements(schema, path, schema_path, 0, out, error, allow_index);
+}
+
+bool ParsePathAgain(const SchemaIndex &schema, std::string_view path, ParsedPath *out,
+                    std::string *text, std::string *error, bool allow_index) {
+  const bool memo = out->memo_schema == schema.serial() && out->unescaped.empty();
+  if (memo && path == *text) return true;  // the same path again: all stands
+  // Elements that end before the first difference from the previous path
+  // were parsed from the same text, after the same elements: they stand.
+  int keep = 0;
+  // When the difference lies inside the keys or index of the next element
+  // and the text after them is the same, the elements after it stand as
+  // well (moved by the difference in length), unless they hold key texts.
+  bool tail = false;
+  size_t old_size = text->size();
+  if (memo) {
+    const size_t common = CommonPrefix(path, *text);
+    while (keep < out->n && out->e[keep].end < common) ++keep;
+    if (keep < out->n) {
+      const PathElem &next = out->e[keep];
+      tail = next.sel != PathElem::kNone && common > next.sel_at &&
+             old_size - next.end <= CommonSuffix(path, *text);
+      for (int j = keep + 1; tail && j < out->n; ++j) tail = out->e[j].sel != PathElem::kKeys;
+    }
+  }
+  const char *before = text->data();
+  text->assign(path);
+  if (text->data() != before) {  // key texts pointed into the old buffer
+    keep = 0;
+    tail = false;
+  }
+  if (keep == 0 && !tail) {
+    if (!ParsePath(schema, *text, false, out, error, allow_index)) return false;
+    out->memo_schema = schema.serial();
+    return true;
+  }
+  out->memo_schema = 0;
+  out->res_n = std::min(out->res_n, keep);
+  if (tail) {
+    const int n = out->n;
+    const size_t old_end = out->e[keep].end;
+    const size_t new_end = text->size() - (old_size - old_end);
+    size_t i = out->e[keep].sel_at;
+    out->n = keep;
+    if (ParseSelector(*text, out->e[keep].s, &i, out, error, allow_index) && i == new_end) {
+      for (int j = keep + 1; j < n; ++j) {
+        out->e[j].sel_at = out->e[j].sel_at - old_end + new_end;
+        out->e[j].end = out->e[j].end - old_end + new_end;
+      }
+      out->n = n;
+      out->memo_schema = schema.serial();
+      return true;
+    }
+    error->clear();  // whatever was wrong, the full parse says it
+  }
+  out->n = keep;
+  const bool ok =
+      keep == 0 ? ParsePath(schema, *text, false, out, error, allow_index)
+                : ParseElements(schema, *text, false, out->e[keep - 1].end, out, error, allow_index);
+  if (!ok) return false;
+  out->memo_schema = schema.serial();
+  return true;
+}
+
 Target Resolve(const DataTree &tree, const ParsedPath &path) {
   Target t;
   const DNode *cur = &tree.root();
   bool present = true;
-  for (int i = 0; i < path.n; ++i) {
+  int i = 0;
+  if (path.res_tree == tree.serial()) {
+    i = std::min(path.res_n, path.n);
+    if (i > 0) {
+      cur = path.res_node[i - 1];
+      present = path.res_present[i - 1];
+      t.s = path.e[i - 1].s;
+    }
+  } else {
+    path.res_tree = tree.serial();
+    path.res_n = 0;
+  }
+  for (; i < path.n; ++i) {
     const PathElem &elem = path.e[i];
     const SNode *s = elem.s;
     t.s = s;
@@ -227,8 +461,7 @@ Target Resolve(const DataTree &tree, const ParsedPath &path) {
         const DNode *entry = nullptr;
         if (list != nullptr) {
           if (elem.sel == PathElem::kKeys) {
-            auto it = list->by_key.find(elem.keystr);
-            if (it != list->by_key.end()) entry = it->second;
+            entry = FindEntry(*list, elem);
           } else if (static_cast<size_t>(elem.index) < list->entries.size()) {
             entry = list->entries[elem.index];
           }
@@ -244,6 +477,11 @@ Target Resolve(const DataTree &tree, const ParsedPath &path) {
         cur = cur ? cur->Child(s) : nullptr;
         present = present && cur != nullptr;
         break;
+    }
+    if (i == path.res_n) {
+      path.res_node[i] = cur;
+      path.res_present[i] = present;
+      path.res_n = i + 1;
     }
   }
   t.node = cur;

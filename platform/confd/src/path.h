@@ -21,17 +21,44 @@ struct PathElem {
   Sel sel = kNone;
   int nkeys = 0;
   std::string_view keys[MAXKEYLEN];  ///< key texts as written (unquoted)
-  std::string keystr;                ///< canonical, as DNode::keystr
   long index = 0;
+  size_t sel_at = 0;  ///< offset in the path text of its keys or index (or end)
+  size_t end = 0;     ///< offset in the path text just after the element
+
+  /// Key k as a value of its leaf's type. C_BUF keys point at keys[k];
+  /// other buffers into this element or into the tree they were taken from.
+  confd_value_t KeyValue(int k) const;
+  /// Sets key k from text parsed as a value of type; false with *error.
+  bool ParseKey(int k, const LeafType &type, std::string *error);
+  /// Sets the keys to those of a list entry (values point into its tree).
+  void TakeKeys(const DNode &entry);
+
+ private:
+  confd_value_t kv_[MAXKEYLEN];
+  int kbytes_at_[MAXKEYLEN];  ///< offset of key k's bytes in kbytes_, or -1
+  std::string kbytes_;        ///< bytes of binary keys parsed from text
 };
 
 struct ParsedPath {
   int n = 0;
   PathElem e[MAXDEPTH];
   std::deque<std::string> unescaped;  ///< quoted keys that held escapes
+  /// Set by ParsePathAgain: the serial of the schema the elements were
+  /// parsed against (0: none).
+  uint64_t memo_schema = 0;
+  /// Resolve's memo: in the tree with serial res_tree, the first res_n
+  /// elements lead to res_node[i], present or not. Whatever changes an
+  /// element resets res_n.
+  mutable uint64_t res_tree = 0;
+  mutable int res_n = 0;
+  mutable const DNode *res_node[MAXDEPTH];
+  mutable bool res_present[MAXDEPTH];
 
   const SNode *last() const { return n ? e[n - 1].s : nullptr; }
 };
+
+/// The entry of list whose keys are elem's; null when there is none.
+const DNode *FindEntry(const ListInst &list, const PathElem &elem);
 
 /// Parses path against schema into *out. A schema path may name lists
 /// without keys anywhere; a data path only at its end. "[N]" entry indexes
@@ -41,6 +68,14 @@ struct ParsedPath {
 /// path).
 bool ParsePath(const SchemaIndex &schema, std::string_view path, bool schema_path, ParsedPath *out,
                std::string *error, bool allow_index = true);
+
+/// ParsePath of a data path into *out, which holds the last path parsed
+/// this way (its text in *text): the elements of their common prefix are
+/// kept, the rest is parsed. Afterwards *text is path and the key texts of
+/// *out point into it.
+/// *out must have been parsed with the same allow_index each time.
+bool ParsePathAgain(const SchemaIndex &schema, std::string_view path, ParsedPath *out,
+                    std::string *text, std::string *error, bool allow_index);
 
 /// Where a data path leads in one tree.
 struct Target {

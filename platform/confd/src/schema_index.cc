@@ -2,6 +2,7 @@
 
 #include <ipapp_ns.h>
 
+#include <atomic>
 #include <map>
 #include <mutex>
 #include <stdexcept>
@@ -321,6 +322,11 @@ LeafType MapType(const lysc_node *ly) {
 
 }  // namespace
 
+uint64_t NextSerial() {
+  static std::atomic<uint64_t> next{1};
+  return next.fetch_add(1, std::memory_order_relaxed);
+}
+
 uint32_t TagOf(std::string_view name) {
   Registry &reg = Reg();
   std::lock_guard<std::mutex> lock(reg.mu);
@@ -410,7 +416,8 @@ const SNode *SNode::ChildByTag(uint32_t child_tag, uint32_t child_ns) const {
   return nullptr;
 }
 
-SchemaIndex::SchemaIndex(ly_ctx *ctx, const std::vector<const lys_module *> &modules) : ctx_(ctx) {
+SchemaIndex::SchemaIndex(ly_ctx *ctx, const std::vector<const lys_module *> &modules)
+    : ctx_(ctx), serial_(NextSerial()) {
   nodes_.emplace_back();  // the root
   try {
     for (const lys_module *mod : modules) {

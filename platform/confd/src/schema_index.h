@@ -84,6 +84,8 @@ class SchemaIndex {
   SchemaIndex &operator=(const SchemaIndex &) = delete;
 
   ly_ctx *ctx() const { return ctx_; }
+  /// Distinct for every index a process builds (an address may be reused).
+  uint64_t serial() const { return serial_; }
   const SNode &root() const { return nodes_.front(); }
   const SNode *Find(const lysc_node *ly) const;
   /// Schema path in keypath syntax, prefixes where the module changes:
@@ -95,9 +97,13 @@ class SchemaIndex {
   SNode *AddNode(SNode *parent, const lysc_node *ly);
 
   ly_ctx *ctx_;
+  uint64_t serial_;
   std::deque<SNode> nodes_;
   std::unordered_map<const lysc_node *, const SNode *> by_ly_;
 };
+
+/// A number never handed out before in this process (1, 2, ...).
+uint64_t NextSerial();
 
 /// Tag number of an element name: the fixed numbers of the interface
 /// model's names, a stable hash for every other name. Registers the name for

@@ -114,14 +114,14 @@ std::vector<FaultRecord> Txn::Faults() const {
   return faults_;
 }
 
-void Txn::AddTraceLocked(const char *call, const std::string &path, int result,
-                         const std::string &detail) noexcept {
+void Txn::AddTraceLocked(const char *call, std::string_view path, int result,
+                         std::string_view detail) noexcept {
   if (trace_.size() >= kTraceLimit) {
     ++trace_dropped_;
     return;
   }
   try {
-    trace_.push_back({call, path, result, detail});
+    trace_.push_back({call, std::string(path), result, std::string(detail)});
   } catch (...) {
     ++trace_dropped_;
   }

@@ -9,6 +9,7 @@
 #include <confd_lib.h>
 #include <confd_maapi.h>
 
+#include <atomic>
 #include <cstdint>
 #include <cstdlib>
 #include <deque>
@@ -109,6 +110,10 @@ class Txn {
   std::vector<FaultRecord> Faults() const;
   std::vector<TraceRecord> Trace() const;
   void ClearTrace();
+  /// Whether calls are recorded in the trace (they are from the start).
+  /// Calls that are not recorded build no trace text at all.
+  void RecordTrace(bool on) { record_trace_.store(on, std::memory_order_relaxed); }
+  bool recording_trace() const { return record_trace_.load(std::memory_order_relaxed); }
   Resources Open() const;
   /// What is open, in the order it was opened.
   std::vector<OpenItem> OpenItems() const;
@@ -125,8 +130,8 @@ class Txn {
   // Below: the store's bookkeeping, only with the store lock held.
   /// Never throws: a record that cannot be stored is counted as dropped, so
   /// that releasing a resource (from a destructor) cannot fail.
-  void AddTraceLocked(const char *call, const std::string &path, int result,
-                      const std::string &detail) noexcept;
+  void AddTraceLocked(const char *call, std::string_view path, int result,
+                      std::string_view detail) noexcept;
   uint64_t NextSerialLocked() { return ++serial_; }
   std::unordered_map<uint64_t, CursorState> cursors;
   std::unordered_map<int, CdbSocket> cdb_sockets;
@@ -156,6 +161,7 @@ class Txn {
   std::vector<FaultRecord> faults_;
   std::vector<TraceRecord> trace_;
   size_t trace_dropped_ = 0;
+  std::atomic<bool> record_trace_{true};
   bool fail_cdb_ = false;
   bool fail_maapi_ = false;
   struct Context {

@@ -151,6 +151,7 @@ void AppendBase64(const unsigned char *p, size_t n, std::string *out) {
 
 void AppendHex(const unsigned char *p, size_t n, const char *sep, bool upper, std::string *out) {
   const char *digits = upper ? "0123456789ABCDEF" : "0123456789abcdef";
+  out->reserve(out->size() + n * (2 + std::strlen(sep)));
   for (size_t i = 0; i < n; ++i) {
     if (i != 0) out->append(sep);
     out->push_back(digits[p[i] >> 4]);

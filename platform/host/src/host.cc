@@ -6,8 +6,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <map>
-#include <sstream>
 
 #include <nlohmann/json.hpp>
 
@@ -121,27 +119,91 @@ std::string InstancePath(const store::SchemaIndex &schema, const DNode &node) {
   return out;
 }
 
-// A subtree as text, for comparing running with candidate.
-void Serialize(const DNode &node, std::string *out) {
-  for (const DNode::Slot &slot : node.slots) {
-    if (slot.node != nullptr) {
-      *out += slot.node->s->name;
-      if (slot.node->s->kind == NodeKind::kLeaf) {
-        *out += '=' + slot.node->text + ';';
-      } else {
-        *out += '{';
-        Serialize(*slot.node, out);
-        *out += '}';
-      }
-    }
-    if (slot.list != nullptr) {
-      for (const DNode *e : slot.list->entries) {
-        *out += e->s->name + '[' + e->keystr + "]{";
-        Serialize(*e, out);
-        *out += '}';
-      }
+// Whether a node counts as data: a non-presence container without children
+// is no data (it stands for an absent one).
+bool IsData(const DNode *d) {
+  if (d == nullptr) return false;
+  if (d->s->kind != NodeKind::kContainer) return true;
+  for (const SNode *c : d->s->children) {
+    if (d->Child(c) != nullptr || d->List(c) != nullptr) return true;
+  }
+  return false;
+}
+
+// Two nodes of one schema node hold the same data: the same leaf texts, the
+// same children (an empty container is not an absent one) and the same list
+// entries in the same order.
+bool SameSubtree(const DNode &a, const DNode &b) {
+  if (a.s->kind == NodeKind::kLeaf || a.s->kind == NodeKind::kLeafList) return a.text == b.text;
+  for (const SNode *c : a.s->children) {
+    const DNode *ac = a.Child(c);
+    const DNode *bc = b.Child(c);
+    if ((ac == nullptr) != (bc == nullptr) || (ac && !SameSubtree(*ac, *bc))) return false;
+    const store::ListInst *al = a.List(c);
+    const store::ListInst *bl = b.List(c);
+    const size_t an = al ? al->entries.size() : 0;
+    const size_t bn = bl ? bl->entries.size() : 0;
+    if (an != bn) return false;
+    for (size_t i = 0; i < an; ++i) {
+      const DNode &ae = *al->entries[i];
+      const DNode &be = *bl->entries[i];
+      if (!store::SameKeys(ae, be) || !SameSubtree(ae, be)) return false;
     }
   }
+  return true;
+}
+
+// Whether the data that path elements [i, n) name below o (running) and n
+// (candidate) differ; a null node has nothing below it. Nodes are matched by
+// their instance paths: list entries by their keys.
+bool Differs(const store::ParsedPath &path, int i, const DNode *o, const DNode *n) {
+  if (o == nullptr && n == nullptr) return false;
+  if (i == path.n) {
+    const bool od = IsData(o);
+    const bool nd = IsData(n);
+    return od != nd || (od && !SameSubtree(*o, *n));
+  }
+  const store::PathElem &elem = path.e[i];
+  if (!elem.s->is_list() && elem.s->kind != NodeKind::kLeafList) {
+    return Differs(path, i + 1, o ? o->Child(elem.s) : nullptr, n ? n->Child(elem.s) : nullptr);
+  }
+  const store::ListInst *ol = o ? o->List(elem.s) : nullptr;
+  const store::ListInst *nl = n ? n->List(elem.s) : nullptr;
+  const std::vector<DNode *> none;
+  const std::vector<DNode *> &oe = ol ? ol->entries : none;
+  const std::vector<DNode *> &ne = nl ? nl->entries : none;
+  // One entry of each list, paired when their keys agree.
+  auto pair = [&](const DNode *a, const DNode *b) {
+    if (a != nullptr && b != nullptr && !store::SameKeys(*a, *b)) {
+      return Differs(path, i + 1, a, nullptr) || Differs(path, i + 1, nullptr, b);
+    }
+    return Differs(path, i + 1, a, b);
+  };
+  if (elem.sel == store::PathElem::kKeys) {
+    return pair(ol ? store::FindEntry(*ol, elem) : nullptr,
+                nl ? store::FindEntry(*nl, elem) : nullptr);
+  }
+  if (elem.sel == store::PathElem::kIndex) {
+    const auto at = static_cast<size_t>(elem.index);
+    return pair(at < oe.size() ? oe[at] : nullptr, at < ne.size() ? ne[at] : nullptr);
+  }
+  // Every entry: both lists are in key order.
+  size_t a = 0;
+  size_t b = 0;
+  while (a < oe.size() || b < ne.size()) {
+    const DNode *x = nullptr;
+    const DNode *y = nullptr;
+    if (b == ne.size() || (a < oe.size() && store::EntryLess(oe[a], ne[b]))) {
+      x = oe[a++];
+    } else if (a == oe.size() || store::EntryLess(ne[b], oe[a])) {
+      y = ne[b++];
+    } else {
+      x = oe[a++];
+      y = ne[b++];
+    }
+    if (pair(x, y)) return true;
+  }
+  return false;
 }
 
 // The data nodes a parsed schema path names in one tree, in store order
@@ -156,8 +218,7 @@ std::vector<const DNode *> Collect(const store::DataTree &tree, const store::Par
         const store::ListInst *list = d->List(elem.s);
         if (list == nullptr) continue;
         if (elem.sel == store::PathElem::kKeys) {
-          auto it = list->by_key.find(elem.keystr);
-          if (it != list->by_key.end()) next.push_back(it->second);
+          if (const DNode *entry = store::FindEntry(*list, elem)) next.push_back(entry);
         } else if (elem.sel == store::PathElem::kIndex) {
           if (static_cast<size_t>(elem.index) < list->entries.size()) {
             next.push_back(list->entries[elem.index]);
@@ -215,6 +276,8 @@ class TransactionImpl : public Transaction {
     return out;
   }
   void ClearTrace() override { txn_->ClearTrace(); }
+  void RecordTrace(bool on) override { txn_->RecordTrace(on); }
+  bool RecordingTrace() const override { return txn_->recording_trace(); }
 
   OpenResources Open() const override {
     store::Resources r = txn_->Open();
@@ -234,22 +297,7 @@ class TransactionImpl : public Transaction {
 
   bool Changed(const std::string &schema_path) const override {
     store::ParsedPath parsed = Parse(schema_path);
-    auto snapshot = [&](const store::DataTree &tree) {
-      std::map<std::string, std::string> out;
-      for (const DNode *d : Collect(tree, parsed)) {
-        std::string text;
-        if (d->s->kind == NodeKind::kLeaf) {
-          text = d->text;
-        } else {
-          Serialize(*d, &text);
-          // An empty non-presence container is no data.
-          if (text.empty() && d->s->kind == NodeKind::kContainer) continue;
-        }
-        out.emplace(InstancePath(txn_->schema(), *d), std::move(text));
-      }
-      return out;
-    };
-    return snapshot(txn_->running()) != snapshot(txn_->candidate());
+    return Differs(parsed, 0, &txn_->running().root(), &txn_->candidate().root());
   }
 
   std::vector<std::string> Instances(const std::string &schema_path) const override {
@@ -393,10 +441,22 @@ DataSource DataSource::File(const std::string &path) {
   if (fs::is_directory(path, ec)) throw InputError(path, 0, "is a directory, not a file");
   std::ifstream in(path, std::ios::binary);
   if (!in) throw InputError(path, 0, std::string("cannot be read: ") + std::strerror(errno));
-  std::ostringstream text;
-  text << in.rdbuf();
+  // Read in one piece where the size is known; a stream without one (a
+  // pipe) is read in blocks.
+  std::string text;
+  in.seekg(0, std::ios::end);
+  const std::streamoff size = in.good() ? static_cast<std::streamoff>(in.tellg()) : -1;
+  in.seekg(0, std::ios::beg);
+  if (size > 0 && in.good()) {
+    text.resize(static_cast<size_t>(size));
+    in.read(text.data(), size);
+    text.resize(static_cast<size_t>(in.gcount()));
+  }
+  in.clear();
+  char block[65536];
+  while (in.read(block, sizeof block) || in.gcount() > 0) text.append(block, in.gcount());
   if (in.bad()) throw InputError(path, 0, "cannot be read");
-  return {format, text.str(), path};
+  return {format, std::move(text), path};
 }
 
 std::string Schema::DefaultDir() {

@@ -195,6 +195,14 @@ void CollectLeaks(host::Transaction &tx, uint64_t opened_before, Invocation *inv
 
 Report RunCommit(const Plugin &plugin, const host::Schema &schema, host::Transaction &tx,
                  const Options &options) {
+  // Calls are recorded only for a trace that was asked for; the
+  // transaction's setting is given back however the commit ends.
+  struct TraceSetting {
+    host::Transaction &tx;
+    bool before;
+    ~TraceSetting() { tx.RecordTrace(before); }
+  } restore{tx, tx.RecordingTrace()};
+  tx.RecordTrace(options.trace);
   Report report;
   for (const Call &call : PlanCommit(schema, tx)) {
     Invocation inv;

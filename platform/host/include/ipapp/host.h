@@ -141,6 +141,10 @@ class Transaction {
   virtual std::vector<Fault> Faults() const = 0;
   virtual std::vector<TraceEntry> Trace() const = 0;
   virtual void ClearTrace() = 0;
+  /// Whether data-store calls are recorded for Trace(); they are from the
+  /// start. Recording costs about as much as the call itself.
+  virtual void RecordTrace(bool on) = 0;
+  virtual bool RecordingTrace() const = 0;
   virtual OpenResources Open() const = 0;
   /// What is open, in the order it was opened.
   virtual std::vector<OpenItem> OpenItems() const = 0;
