@@ -99,24 +99,8 @@ void PrintText(std::ostream &out, const Report &report, bool trace) {
         << "  validation: " << r->validation << "\n"
         << "  keypath: " << r->keypath << "\n";
   }
-  // Every validation that reads the same bad item records the same fault:
-  // show each once, in the order first recorded.
-  std::vector<std::pair<std::string, int>> faults;
-  for (const ipapp::host::Fault &f : report.faults) {
-    std::string text =
-        f.function + " (" + f.file + ":" + std::to_string(f.line) + "): " + f.message;
-    auto same = std::find_if(faults.begin(), faults.end(),
-                             [&](const auto &seen) { return seen.first == text; });
-    if (same == faults.end()) {
-      faults.emplace_back(std::move(text), 1);
-    } else {
-      ++same->second;
-    }
-  }
-  for (const auto &[text, count] : faults) {
-    out << "fault: " << text;
-    if (count > 1) out << " (recorded " << count << " times)";
-    out << "\n";
+  for (const std::string &line : ipapp::check::FaultLines(report.faults)) {
+    out << "fault: " << line << "\n";
   }
   // What a validation left open, one line per validation: on the element
   // each of these leaks on every commit.

@@ -24,28 +24,6 @@ std::vector<std::string> ModuleNames(const std::string &dir) {
   return names;
 }
 
-// Every validation that reads the same bad item records the same fault: each
-// line once, in the order first recorded, with its count.
-std::vector<std::string> FaultLines(const std::vector<host::Fault> &faults) {
-  std::vector<std::pair<std::string, int>> counted;
-  for (const host::Fault &f : faults) {
-    std::string text =
-        f.function + " (" + f.file + ":" + std::to_string(f.line) + "): " + f.message;
-    auto same = std::find_if(counted.begin(), counted.end(),
-                             [&](const auto &seen) { return seen.first == text; });
-    if (same == counted.end()) {
-      counted.emplace_back(std::move(text), 1);
-    } else {
-      ++same->second;
-    }
-  }
-  std::vector<std::string> lines;
-  for (auto &[text, count] : counted) {
-    lines.push_back(count > 1 ? text + " (recorded " + std::to_string(count) + " times)" : text);
-  }
-  return lines;
-}
-
 }  // namespace
 
 CommitHook::CommitHook(const std::string &plugin_path, const std::string &yang_dir)
@@ -65,7 +43,7 @@ Verdict CommitHook::Check(const std::string &running_xml, const std::string &can
     return verdict;
   }
 
-  verdict.faults = FaultLines(report.faults);
+  verdict.faults = check::FaultLines(report.faults);
   if (const check::Invocation *failure = report.failure()) {
     verdict.message = "the validation plug-in failed in " + failure->validation + " on " +
                       failure->keypath + ": " + failure->error;

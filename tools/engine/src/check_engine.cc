@@ -181,6 +181,26 @@ std::vector<const Invocation *> Report::refusals() const {
   return out;
 }
 
+std::vector<std::string> FaultLines(const std::vector<host::Fault> &faults) {
+  std::vector<std::pair<std::string, int>> counted;
+  for (const host::Fault &f : faults) {
+    std::string text =
+        f.function + " (" + f.file + ":" + std::to_string(f.line) + "): " + f.message;
+    auto same = std::find_if(counted.begin(), counted.end(),
+                             [&](const auto &seen) { return seen.first == text; });
+    if (same == counted.end()) {
+      counted.emplace_back(std::move(text), 1);
+    } else {
+      ++same->second;
+    }
+  }
+  std::vector<std::string> lines;
+  for (auto &[text, count] : counted) {
+    lines.push_back(count > 1 ? text + " (recorded " + std::to_string(count) + " times)" : text);
+  }
+  return lines;
+}
+
 namespace {
 
 // What the callback opened and left open: everything opened after opened_before.

@@ -131,6 +131,11 @@ struct Report {
   std::vector<const Invocation *> refusals() const;
 };
 
+/// The faults as an operator reads them: every validation that reads the same
+/// bad item records the same fault, so each text stands once, in the order
+/// first recorded, followed by " (recorded N times)" where N > 1.
+std::vector<std::string> FaultLines(const std::vector<host::Fault> &faults);
+
 /// Runs the commit of tx through plugin. The first refusal or failure ends
 /// the commit unless options.keep_going (a failure always ends it). Throws
 /// host::InputError when a bound path is unknown to the store.
