@@ -168,28 +168,26 @@ bool Flushed() {
 }
 
 int Run(const Args &args) {
-  std::shared_ptr<const ipapp::host::Schema> schema;
-  std::unique_ptr<ipapp::host::Transaction> tx;
   const std::string yang = args.yang.empty() ? DefaultYangDir() : args.yang;
-  try {
-    schema = ipapp::host::Schema::Load(yang);
-    auto running = args.running.empty() ? ipapp::host::DataSource::Empty("<empty running>")
-                                        : ipapp::host::DataSource::File(args.running);
-    auto candidate = ipapp::host::DataSource::File(args.candidate);
-    tx = ipapp::host::Transaction::Create(schema, running, candidate);
-  } catch (const ipapp::host::InputError &e) {
-    std::cerr << "ipapp-check: " << e.what() << "\n";
-    return kBadInput;
-  }
-
   const std::string plugin_path = args.plugin.empty() ? DefaultPlugin() : args.plugin;
   ipapp::check::Options options;
   options.keep_going = args.keep_going;
   options.trace = args.trace;
   const auto timeout = std::chrono::milliseconds(std::llround(args.timeout * 1000));
+  // The modules and both configurations are read in the process that runs
+  // the commit: this one keeps none of them.
+  auto load = [&] {
+    ipapp::check::CommitInput input;
+    input.schema = ipapp::host::Schema::Load(yang);
+    auto running = args.running.empty() ? ipapp::host::DataSource::Empty("<empty running>")
+                                        : ipapp::host::DataSource::File(args.running);
+    auto candidate = ipapp::host::DataSource::File(args.candidate);
+    input.tx = ipapp::host::Transaction::Create(input.schema, running, candidate);
+    return input;
+  };
   Report report;
   try {
-    report = ipapp::check::RunCommitIsolated(plugin_path, *schema, *tx, options, timeout);
+    report = ipapp::check::RunCommitIsolated(plugin_path, load, options, timeout);
   } catch (const ipapp::host::InputError &e) {
     std::cerr << "ipapp-check: " << e.what() << "\n";
     return kBadInput;

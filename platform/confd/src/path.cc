@@ -245,9 +245,9 @@ bool ParseSelector(std::string_view path, const SNode *s, size_t *pos, ParsedPat
           close == std::string_view::npos ? std::string_view() : path.substr(i + 1, close - i - 1);
       long index = 0;
       bool ok = !digits.empty() && digits.size() < 10;
-      for (char c : digits) {
-        ok = ok && c >= '0' && c <= '9';
-        index = index * 10 + (c - '0');
+      for (size_t d = 0; ok && d < digits.size(); ++d) {  // at most 9 digits: no overflow
+        ok = digits[d] >= '0' && digits[d] <= '9';
+        index = index * 10 + (digits[d] - '0');
       }
       if (!ok) {
         *error = "bad index \"[" + std::string(digits) + "]\"";

@@ -358,14 +358,20 @@ class Channel {
   int fd_;
 };
 
-[[noreturn]] void RunChild(int fd, const std::string &plugin_path, const host::Schema &schema,
-                           host::Transaction &tx, Options options) {
+// Hands the commit's schema and transaction to a function.
+using WithInput =
+    std::function<void(const std::function<void(const host::Schema &, host::Transaction &)> &)>;
+
+[[noreturn]] void RunChild(int fd, const std::string &plugin_path, const WithInput &with_input,
+                           Options options) {
   // Nobody is left to read the report once the parent has gone.
   prctl(PR_SET_PDEATHSIG, SIGKILL);
   const Channel channel(fd);
   try {
     std::string finish_failure;
-    {
+    channel.Send({{"enter", "engine"}});
+    with_input([&](const host::Schema &schema, host::Transaction &tx) {
+      channel.Send({{"enter", "load"}});
       Plugin plugin(plugin_path, [&](const char *entry) { channel.Send({{"enter", entry}}); });
       channel.Send({{"enter", "engine"}});
       size_t faults_sent = 0;
@@ -387,7 +393,7 @@ class Channel {
       send_faults();
       finish_failure = plugin.Finish();
       channel.Send({{"enter", "unload"}});
-    }
+    });
     if (!finish_failure.empty()) channel.Send({{"finish_failure", finish_failure}});
     channel.Send({{"done", true}});
   } catch (const PluginError &e) {
@@ -466,9 +472,10 @@ bool Reap(pid_t pid, Clock::time_point deadline, int *status) {
 
 }  // namespace
 
-Report RunCommitIsolated(const std::string &plugin_path, const host::Schema &schema,
-                         host::Transaction &tx, const Options &options,
-                         std::chrono::milliseconds timeout) {
+namespace {
+
+Report RunIsolated(const std::string &plugin_path, const WithInput &with_input,
+                   const Options &options, std::chrono::milliseconds timeout) {
   // A plug-in that calls exit() flushes the stdio buffers it inherited:
   // they must be empty, or the caller's pending output appears twice.
   std::cout.flush();
@@ -488,7 +495,7 @@ Report RunCommitIsolated(const std::string &plugin_path, const host::Schema &sch
   }
   if (pid == 0) {
     close(fds[0]);
-    RunChild(fds[1], plugin_path, schema, tx, options);
+    RunChild(fds[1], plugin_path, with_input, options);
   }
   close(fds[1]);
   // Should anything below throw (a caller's callback, memory), the child
@@ -616,6 +623,26 @@ Report RunCommitIsolated(const std::string &plugin_path, const host::Schema &sch
                              ")");
   }
   throw PluginError(plugin_path + ": " + text);
+}
+
+}  // namespace
+
+Report RunCommitIsolated(const std::string &plugin_path, const host::Schema &schema,
+                         host::Transaction &tx, const Options &options,
+                         std::chrono::milliseconds timeout) {
+  return RunIsolated(
+      plugin_path, [&](const auto &commit) { commit(schema, tx); }, options, timeout);
+}
+
+Report RunCommitIsolated(const std::string &plugin_path, const std::function<CommitInput()> &load,
+                         const Options &options, std::chrono::milliseconds timeout) {
+  return RunIsolated(
+      plugin_path,
+      [&](const auto &commit) {
+        const CommitInput input = load();
+        commit(*input.schema, *input.tx);
+      },
+      options, timeout);
 }
 
 }  // namespace ipapp::check

@@ -161,6 +161,20 @@ Report RunCommitIsolated(const std::string &plugin_path, const host::Schema &sch
                          host::Transaction &tx, const Options &options,
                          std::chrono::milliseconds timeout);
 
+/// The schema and the transaction of one commit.
+struct CommitInput {
+  std::shared_ptr<const host::Schema> schema;
+  std::unique_ptr<host::Transaction> tx;
+};
+
+/// RunCommitIsolated with the schema and the transaction built by load in the
+/// child process, so that the caller's process holds none of them (starting
+/// the child then copies nothing of the trees, and nothing is torn down).
+/// What load throws comes back as RunCommit's exceptions do (host::InputError
+/// as it stands); the timeout includes load.
+Report RunCommitIsolated(const std::string &plugin_path, const std::function<CommitInput()> &load,
+                         const Options &options, std::chrono::milliseconds timeout);
+
 }  // namespace ipapp::check
 
 #endif  // IPAPP_CHECK_ENGINE_H
