@@ -639,8 +639,10 @@ Report RunCommitIsolated(const std::string &plugin_path, const std::function<Com
   return RunIsolated(
       plugin_path,
       [&](const auto &commit) {
-        const CommitInput input = load();
-        commit(*input.schema, *input.tx);
+        // The child ends right after the commit: its trees are left to the
+        // end of the process instead of being torn down one node at a time.
+        const auto *input = new CommitInput(load());
+        commit(*input->schema, *input->tx);
       },
       options, timeout);
 }
