@@ -106,13 +106,19 @@ bool MayOverlapIPv6(const std::vector<InterfaceConfig *> &readers) {
   return AnyOverlap(&spans);
 }
 
+// Whether route is exactly of type T.
+template <typename T>
+bool IsA(const StaticRoute &route) {
+  return typeid(route) == typeid(T);
+}
+
 // The next hops of routes that all are StaticRouteIPv4, sorted; empty
 // (with *exact false) when one is of another type.
 std::vector<uint32_t> NextHopWords(const StaticRouteConfig &routes, bool *exact) {
   std::vector<uint32_t> words;
   *exact = true;
   for (const std::shared_ptr<StaticRoute> &route : routes.routes) {
-    if (typeid(*route) != typeid(StaticRouteIPv4)) {
+    if (!IsA<StaticRouteIPv4>(*route)) {
       *exact = false;
       return {};
     }
@@ -137,7 +143,7 @@ std::vector<Hop6> NextHops6(const StaticRouteConfig &routes, bool *exact) {
   std::vector<Hop6> hops;
   *exact = true;
   for (const std::shared_ptr<StaticRoute> &route : routes.routes) {
-    if (typeid(*route) != typeid(StaticRouteIPv6)) {
+    if (!IsA<StaticRouteIPv6>(*route)) {
       *exact = false;
       return {};
     }
@@ -356,9 +362,8 @@ bool ValidateConfig::InterfaceIPv4MatchStaticRouteNextHop(const Interface &intf,
   for (const std::shared_ptr<StaticRoute> &route : routes.routes) {
     // Where the route's type is known, its next hop (an IPv4Addr) compares
     // as its word: no virtual call and dynamic_cast per address.
-    const auto *v4 = typeid(*route) == typeid(StaticRouteIPv4)
-                         ? static_cast<const StaticRouteIPv4 *>(route.get())
-                         : nullptr;
+    const auto *v4 =
+        IsA<StaticRouteIPv4>(*route) ? static_cast<const StaticRouteIPv4 *>(route.get()) : nullptr;
     const uint32_t hop = v4 ? v4->next_hop().addr() : 0;
     for (const addrkit::IPv4AddrMask &p : intf.ipv4) {
       // No default-VRF equivalence here.
@@ -377,7 +382,7 @@ bool ValidateConfig::InterfaceIPv4MatchStaticRouteNextHop(const Interface &intf,
 bool ValidateConfig::InterfaceIPv6MatchStaticRouteNextHop(const Interface &intf,
                                                           const StaticRouteConfig &routes) {
   for (const std::shared_ptr<StaticRoute> &route : routes.routes) {
-    const addrkit::IPv6Addr *hop = typeid(*route) == typeid(StaticRouteIPv6)
+    const addrkit::IPv6Addr *hop = IsA<StaticRouteIPv6>(*route)
                                        ? &static_cast<const StaticRouteIPv6 &>(*route).next_hop()
                                        : nullptr;
     for (const addrkit::IPv6AddrMask &p : intf.ipv6) {
