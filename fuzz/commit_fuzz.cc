@@ -5,7 +5,7 @@
 // data makes the plug-in throw by design (an output interface name shorter
 // than two characters, LDP address text that is no prefix). What must not
 // happen is a crash, a sanitizer finding, a failed assertion, or anything
-// left open in the transaction.
+// left open in the transaction that the report does not name as a leak.
 #include <ipapp/check_engine.h>
 #include <ipapp/host.h>
 
@@ -17,8 +17,9 @@ namespace {
 
 ipapp::host::DataSource Source(const std::string &text, const char *name) {
   const size_t start = text.find_first_not_of(" \t\r\n");
-  return start != std::string::npos && text[start] == '{' ? ipapp::host::DataSource::Json(text, name)
-                                                          : ipapp::host::DataSource::Xml(text, name);
+  return start != std::string::npos && text[start] == '{'
+             ? ipapp::host::DataSource::Json(text, name)
+             : ipapp::host::DataSource::Xml(text, name);
 }
 
 }  // namespace
@@ -40,6 +41,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   ipapp::check::Options options;
   options.keep_going = true;
   const ipapp::check::Report report = ipapp::check::RunCommit(*plugin, *schema, *tx, options);
-  if (!tx->Open().empty()) __builtin_trap();
+  // The plug-in leaves some cursors and empty XPath results open by design;
+  // each must be in the report's leak lists, and no value or session stays.
+  const ipapp::host::OpenResources open = tx->Open();
+  if (open.dup_values != 0 || open.cdb_sessions != 0) __builtin_trap();
+  size_t reported = 0;
+  for (const ipapp::check::Invocation &inv : report.invocations) reported += inv.leaks.size();
+  if (tx->OpenItems().size() != reported) __builtin_trap();
   return 0;
 }

@@ -58,7 +58,9 @@ void Maapi(const Store &s, const char *path) {
   if (maapi_init_cursor(s.sock, th, &mc, "%s", path) == CONFD_OK) {
     std::array<confd_value_t, 4 * 8> values;
     int nobj = 4;
-    if (maapi_get_objects(&mc, values.data(), 8, &nobj) == CONFD_OK) {
+    // confd_lib_maapi(3): the result is the largest number of values of an
+    // entry read, or CONFD_ERR.
+    if (maapi_get_objects(&mc, values.data(), 8, &nobj) >= 0) {
       for (int i = 0; i < nobj * 8; ++i) confd_free_dup_to_value(&values[i]);
     }
     maapi_destroy_cursor(&mc);
