@@ -339,23 +339,29 @@ class Channel {
  public:
   explicit Channel(int fd) : fd_(fd) {}
 
+  // Outcomes (an invocation, a fault) wait for the next message: every
+  // other one, above all where the child is about to enter, goes out at once
+  // with whatever waited, so that the parent always knows where the child is.
   void Send(const json &message) const {
     const std::vector<std::uint8_t> body = json::to_cbor(message);
     const auto size = static_cast<std::uint32_t>(body.size());
-    std::string frame(reinterpret_cast<const char *>(&size), sizeof size);
-    frame.append(body.begin(), body.end());
-    for (size_t done = 0; done < frame.size();) {
-      ssize_t n = write(fd_, frame.data() + done, frame.size() - done);
+    pending_.append(reinterpret_cast<const char *>(&size), sizeof size);
+    pending_.append(body.begin(), body.end());
+    if (message.contains("invocation") || message.contains("fault")) return;
+    for (size_t done = 0; done < pending_.size();) {
+      ssize_t n = write(fd_, pending_.data() + done, pending_.size() - done);
       if (n < 0 && errno == EINTR) continue;
       if (n <= 0) _exit(kChildLost);
       done += static_cast<size_t>(n);
     }
+    pending_.clear();
   }
 
   static constexpr int kChildLost = 125;
 
  private:
   int fd_;
+  mutable std::string pending_;
 };
 
 // Hands the commit's schema and transaction to a function.
