@@ -84,7 +84,7 @@ int maapi_init_cursor(int sock, int thandle, struct maapi_cursor *mc, const char
   if (!call.Maapi(sock, thandle) || !call.List(&t)) return CONFD_ERR;
   if (mc == nullptr) return call.Fail(CONFD_ERR_PROTOUSAGE, "null cursor");
   std::memset(mc, 0, sizeof *mc);
-  mc->path = strdup(call.path().c_str());
+  mc->path = strdup(std::string(call.path()).c_str());
   if (mc->path == nullptr) throw std::bad_alloc();
   mc->socket = sock;
   mc->thandle = thandle;
@@ -419,7 +419,7 @@ int maapi_xpath_eval_expr(int sock, int thandle, const char *expr, char **res,
     // The element's plug-ins never free an empty result: the transaction
     // keeps it, as open, until it ends.
     try {
-      std::string what = std::string(expr) + " in " + call.path();
+      std::string what = std::string(expr) + " in " + std::string(call.path());
       std::lock_guard<std::mutex> lock(ipapp::store::StoreMutex());
       ipapp::store::Txn &txn = call.txn();
       txn.xpath_results.emplace(*res,

@@ -38,21 +38,22 @@ void AppendPathValue(const confd_value_t *v, bool in_keys, std::string *out) {
 void Call::FormatPath(const char *fmt, va_list ap) {
   format_error_.clear();
   if (fmt == nullptr) {
-    path_.clear();
+    path_ = {};
     return;
   }
   // The two common shapes: a literal path and "%s".
   const char *pct = std::strchr(fmt, '%');
   if (pct == nullptr) {
-    path_.assign(fmt);
+    path_ = fmt;
     return;
   }
   if (pct == fmt && fmt[1] == 's' && fmt[2] == '\0') {
     const char *s = va_arg(ap, const char *);
-    path_.assign(s ? s : "(null)");
+    path_ = s ? s : "(null)";
     return;
   }
-  path_.clear();
+  std::string &out = formatted_;
+  out.clear();
   bool in_keys = false;  // between a literal '{' and '}'
   const char *p = fmt;
   while (pct != nullptr) {
@@ -60,7 +61,7 @@ void Call::FormatPath(const char *fmt, va_list ap) {
       if (*c == '{') in_keys = true;
       if (*c == '}') in_keys = false;
     }
-    path_.append(p, pct);
+    out.append(p, pct);
     const char *m = pct + 1;
     const bool star = *m == '*';
     if (star) ++m;
@@ -69,35 +70,35 @@ void Call::FormatPath(const char *fmt, va_list ap) {
       const void *addr = m[2] == '4' ? static_cast<const void *>(va_arg(ap, const in_addr *))
                                      : static_cast<const void *>(va_arg(ap, const in6_addr *));
       if (addr != nullptr && inet_ntop(m[2] == '4' ? AF_INET : AF_INET6, addr, buf, sizeof buf)) {
-        path_.append(buf);
+        out.append(buf);
       }
       m += 3;
     } else if (*m == 's' && !star) {
       const char *s = va_arg(ap, const char *);
-      path_.append(s ? s : "(null)");
+      out.append(s ? s : "(null)");
       ++m;
     } else if ((*m == 'd' || *m == 'i') && !star) {
-      AppendNumber(va_arg(ap, int), &path_);
+      AppendNumber(va_arg(ap, int), &out);
       ++m;
     } else if (*m == 'u' && !star) {
-      AppendNumber(va_arg(ap, unsigned int), &path_);
+      AppendNumber(va_arg(ap, unsigned int), &out);
       ++m;
     } else if (*m == '%' && !star) {
-      path_.push_back('%');
+      out.push_back('%');
       ++m;
     } else if (*m == 'x') {
       int n = star ? va_arg(ap, int) : 1;
       const confd_value_t *v = va_arg(ap, const confd_value_t *);
       for (int i = 0; i < n && v != nullptr; ++i) {
-        if (i) path_.push_back(' ');
-        AppendPathValue(&v[i], in_keys, &path_);
+        if (i) out.push_back(' ');
+        AppendPathValue(&v[i], in_keys, &out);
       }
       ++m;
     } else if (*m == 'h') {
       int len = star ? va_arg(ap, int) : -1;
       const confd_hkeypath_t *kp = va_arg(ap, const confd_hkeypath_t *);
       if (kp != nullptr && kp->len >= 0 && kp->len <= MAXDEPTH) {
-        FormatKeypath(nullptr, *kp, &path_, len);
+        FormatKeypath(nullptr, *kp, &out, len);
       }
       ++m;
     } else {
@@ -105,13 +106,14 @@ void Call::FormatPath(const char *fmt, va_list ap) {
       // the arguments: the path is the format itself.
       format_error_ = "unsupported modifier \"" + std::string(pct, *m ? m + 1 : m) +
                       "\" in format \"" + fmt + "\"";
-      path_.assign(fmt);
+      path_ = fmt;
       return;
     }
     p = m;
     pct = std::strchr(p, '%');
   }
-  path_.append(p);
+  out.append(p);
+  path_ = out;
 }
 
 bool Call::Maapi(int sock, int thandle) {
@@ -245,7 +247,11 @@ int Call::DoneWithDup(int result, void *dup, std::string_view detail) {
 
 int Call::Fail(int err, const std::string &why) {
   std::string text = std::string(name_) + ": ";
-  if (!path_.empty()) text += "\"" + path_ + "\": ";
+  if (!path_.empty()) {
+    text += '"';
+    text.append(path_);
+    text += "\": ";
+  }
   text += why;
   SetLastError(err, text);
   Done(CONFD_ERR, why);

@@ -21,7 +21,9 @@ class Call {
   /// %s %d %i %u %x %*x %h %*h %ip4 %ip6 and %%. Any other modifier makes
   /// the call fail with CONFD_ERR_BADPATH when it parses the path.
   void FormatPath(const char *fmt, va_list ap);
-  const std::string &path() const { return path_; }
+  /// The path, valid while the call lasts: "%s" and literal paths are the
+  /// caller's own text, not copied.
+  std::string_view path() const { return path_; }
   /// Why the path could not be formatted; empty when it was.
   const std::string &format_error() const { return format_error_; }
 
@@ -72,7 +74,8 @@ class Call {
 
  private:
   const char *name_;
-  std::string path_;
+  std::string formatted_;  ///< the text of a formatted path
+  std::string_view path_;
   std::string format_error_;
   std::shared_ptr<Txn> txn_;
   const DataTree *tree_ = nullptr;
