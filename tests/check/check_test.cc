@@ -5,73 +5,29 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <set>
-#include <sstream>
 #include <string>
 #include <vector>
 
+#include "run_tool.h"
+
 namespace {
 
-namespace fs = std::filesystem;
+using check_test::Example;
+using check_test::RunTool;
+using check_test::Slurp;
+using check_test::ToolResult;
+using check_test::WriteFile;
 using nlohmann::json;
 using ::testing::HasSubstr;
-
-const fs::path kScratch =
-    fs::temp_directory_path() / ("ipapp-check-test-" + std::to_string(getpid()));
-class ScratchCleanup : public ::testing::Environment {
-  void TearDown() override { fs::remove_all(kScratch); }
-};
-const auto *const kCleanup = ::testing::AddGlobalTestEnvironment(new ScratchCleanup);
-
-std::string Slurp(const fs::path &path) {
-  std::stringstream text;
-  text << std::ifstream(path).rdbuf();
-  return text.str();
-}
-
-fs::path WriteFile(const std::string &name, const std::string &text) {
-  fs::create_directories(kScratch);
-  std::ofstream(kScratch / name) << text;
-  return kScratch / name;
-}
-
-std::string Example(const std::string &name) {
-  return std::string(IPAPP_SOURCE_DIR) + "/examples/" + name;
-}
-
-struct ToolResult {
-  int status = -12345;  // pre-filled: a run that never finished is caught
-  std::string out, err;
-  std::string FirstLine() const { return out.substr(0, out.find('\n')); }
-  json Json() const { return json::parse(out); }
-};
-
-// Runs ipapp-check; fake_mode, when given, becomes IPAPP_FAKE_MODE of the
-// fake plug-in. Arguments carry no quotes.
-ToolResult RunTool(const std::vector<std::string> &args, const std::string &fake_mode = "") {
-  fs::create_directories(kScratch);
-  std::string cmd = fake_mode.empty() ? "" : "IPAPP_FAKE_MODE=" + fake_mode + " ";
-  cmd += IPAPP_CHECK_EXE;
-  for (const std::string &a : args) cmd += " '" + a + "'";
-  cmd += " >" + (kScratch / "out").string() + " 2>" + (kScratch / "err").string();
-  ToolResult r;
-  int rc = std::system(cmd.c_str());
-  if (rc != -1 && WIFEXITED(rc)) r.status = WEXITSTATUS(rc);
-  r.out = Slurp(kScratch / "out");
-  r.err = Slurp(kScratch / "err");
-  return r;
-}
+namespace fs = std::filesystem;
 
 ToolResult Check(const std::string &candidate, std::vector<std::string> more = {},
                  const std::string &fake_mode = "") {
   more.insert(more.begin(), {"--running", Example("running.xml"), "--candidate", candidate});
-  return RunTool(more, fake_mode);
+  return RunTool(more, fake_mode.empty() ? "" : "IPAPP_FAKE_MODE=" + fake_mode);
 }
 
 // --- The examples, as the table of examples/README.md documents them -------
@@ -206,7 +162,7 @@ TEST(CheckReport, WhatAValidationLeavesOpenIsReported) {
       "</l3></interface></config>");
   ToolResult r = RunTool({"--running", running, "--candidate", candidate, "--plugin",
                           IPAPP_FAKE_PLUGIN, "--format", "json"},
-                         "leak");
+                         "IPAPP_FAKE_MODE=leak");
   ASSERT_EQ(r.status, 0) << r.err;
   const json fake = r.Json();
   ASSERT_GT(fake["invocations"].size(), 1u);

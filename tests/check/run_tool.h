@@ -3,6 +3,7 @@
 #define IPAPP_TESTS_CHECK_RUN_TOOL_H
 
 #include <gtest/gtest.h>
+#include <nlohmann/json.hpp>
 
 #include <sys/wait.h>
 #include <unistd.h>
@@ -53,6 +54,7 @@ struct ToolResult {
   int status = -12345;  // pre-filled: a run that never finished is caught
   std::string out, err;
   std::string FirstLine() const { return out.substr(0, out.find('\n')); }
+  nlohmann::json Json() const { return nlohmann::json::parse(out); }
 };
 
 /// Runs ipapp-check with args (no quotes inside); env is prepended to the
