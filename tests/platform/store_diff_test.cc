@@ -239,6 +239,7 @@ TEST_F(StoreDiffTest, LeafListValuesAreComparedNotCounted) {
     SCOPED_TRACE(c.name);
     LoadTypes(c.running, c.candidate);
     EXPECT_EQ(Diff("/st:item"), c.expected);
+    EXPECT_EQ(tx_->Changed("/st:item"), !c.expected.empty());
     EXPECT_EQ(tx_->Changed("/st:item/st:tag"), !c.expected.empty());
   }
 }
