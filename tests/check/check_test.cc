@@ -5,13 +5,12 @@
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include <algorithm>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <set>
 #include <sstream>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "run_tool.h"
@@ -103,23 +102,18 @@ TEST(CheckExamples, KeepGoingGivesTheWholeOutcomeTheyState) {
               want["faults"].dump(1));
     if (want["faults"].empty()) continue;
     // The text report states each fault once, with how often it was recorded.
-    std::vector<std::pair<std::string, int>> counted;
+    std::vector<std::string> texts;  // in the order first recorded
+    std::map<std::string, int> times;
     for (const json &f : want["faults"]) {
       const std::string text =
           f["function"].get<std::string>() + " (" + f["file"].get<std::string>() + ":" +
           std::to_string(f["line"].get<int>()) + "): " + f["message"].get<std::string>();
-      auto same = std::find_if(counted.begin(), counted.end(),
-                               [&](const auto &seen) { return seen.first == text; });
-      if (same == counted.end()) {
-        counted.emplace_back(text, 1);
-      } else {
-        ++same->second;
-      }
+      if (times[text]++ == 0) texts.push_back(text);
     }
     std::string stated;
-    for (const auto &[text, count] : counted) {
-      stated += "fault: " + text +
-                (count > 1 ? " (recorded " + std::to_string(count) + " times)" : "") + "\n";
+    for (const std::string &t : texts) {
+      stated += "fault: " + t +
+                (times[t] > 1 ? " (recorded " + std::to_string(times[t]) + " times)" : "") + "\n";
     }
     const ToolResult text = Check(Example(file), {"--keep-going"});
     std::string lines;
