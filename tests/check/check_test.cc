@@ -7,7 +7,9 @@
 
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -98,6 +100,70 @@ TEST(CheckExamples, KeepGoingGivesTheWholeOutcomeTheyState) {
               want["refusals"].dump(1));
     EXPECT_EQ(Pick(doc["faults"], {"function", "file", "line", "message"}).dump(1),
               want["faults"].dump(1));
+    if (want["faults"].empty()) continue;
+    // The text report states each fault once, with how often it was recorded.
+    std::vector<std::string> texts;  // in the order first recorded
+    std::map<std::string, int> times;
+    for (const json &f : want["faults"]) {
+      const std::string text =
+          f["function"].get<std::string>() + " (" + f["file"].get<std::string>() + ":" +
+          std::to_string(f["line"].get<int>()) + "): " + f["message"].get<std::string>();
+      if (times[text]++ == 0) texts.push_back(text);
+    }
+    std::string stated;
+    for (const std::string &t : texts) {
+      stated += "fault: " + t +
+                (times[t] > 1 ? " (recorded " + std::to_string(times[t]) + " times)" : "") + "\n";
+    }
+    const ToolResult text = Check(Example(file), {"--keep-going"});
+    std::string lines;
+    std::istringstream out(text.out);
+    for (std::string line; std::getline(out, line);) {
+      if (line.rfind("fault: ", 0) == 0) lines += line + "\n";
+    }
+    EXPECT_EQ(lines, stated);
+  }
+}
+
+// The element names interfaces core3, core30, core31: a commit that changes
+// one of them is refused for that one.
+TEST(CheckReport, KeysThatBeginOtherKeysNameTheirOwnEntry) {
+  struct Intf {
+    std::string name;
+    int vlan;
+    std::string address;
+  };
+  const std::vector<Intf> intfs = {{"core3", 300, "10.3.0.1/24"},
+                                   {"core30", 330, "10.30.0.1/24"},
+                                   {"core31", 331, "10.31.0.1/24"}};
+  // Every interface in the LDP table, one with its VLAN changed.
+  auto config = [&](const std::string &changed) {
+    std::string l3, ldp;
+    for (const Intf &i : intfs) {
+      const std::string vlan = std::to_string(i.name == changed ? 400 : i.vlan);
+      l3 += "<l3 xmlns=\"urn:ipapp:ipapp\"><name>" + i.name + "</name><ipv4><address><ip>" +
+            i.address + "</ip></address></ipv4><lower-layer-if><vlan>" + vlan +
+            "</vlan></lower-layer-if></l3>";
+      ldp += "<int-ldp-intf-l3><if-name>l3-" + i.name + "</if-name><lower-layer>l3-vlan" +
+             "</lower-layer><vlan>" + std::to_string(i.vlan) + "</vlan><address>" + i.address +
+             "</address></int-ldp-intf-l3>";
+    }
+    return "<config xmlns=\"urn:ipapp:shellcfg\"><interface>" + l3 +
+           "</interface></config><internal xmlns=\"urn:ipapp:shellcfg-internal\">" + ldp +
+           "</internal>\n";
+  };
+  const std::string running = WriteFile("running.xml", config(""));
+  for (const Intf &i : intfs) {
+    SCOPED_TRACE(i.name);
+    const std::string candidate = WriteFile("candidate.xml", config(i.name));
+    ToolResult r = RunTool({"--running", running, "--candidate", candidate});
+    EXPECT_EQ(r.status, 1) << r.err;
+    EXPECT_EQ(r.out, "refused: Cannot be modified because lower-layer-if with VLAN-Id " +
+                         std::to_string(i.vlan) +
+                         " is assigned to a MPLS LDP interface\n"
+                         "  validation: lower_layer_prot_cross_validation\n"
+                         "  keypath: /config/interface/ipapp:l3{" +
+                         i.name + "}\n");
   }
 }
 

@@ -2,7 +2,8 @@
 // chooses what it does, so the commit plan and the failure paths can be seen
 // without the real rules. The mode is "<behaviour>" (in validate) or
 // "<behaviour>@<entry>", entry one of load (while the library loads),
-// get_validation_point, lib_init, validate, lib_finish:
+// get_validation_point, lib_init, validate, lib_finish, unload (while the
+// library is unloaded):
 //   (unset) accept  every callback accepts
 //   refuse          every callback refuses with "<validation> refused"
 //   throw           throws std::runtime_error("fake failure in <validation or entry>")
@@ -11,13 +12,17 @@
 //   abort           aborts the process, as a failed assertion does
 //   segv            dies of SIGSEGV
 //   exit0           ends the process with exit(0)
+//   exit3           ends the process with exit(3)
 //   hang            never returns
 //   no-nul          (get_validation_point) fills the buffer without a NUL
 //   wrong-point     get_validation_point answers "other_point"
 //   leak            validate opens a cursor on the l3 list and never destroys it
+//   fault-then-abort  every callback records the fault "fake fault in <validation>"
+//                   and accepts; the second aborts instead
 #include <confd_lib.h>
 #include <confd_maapi.h>
 #include <kxconfd.h>
+#include <kxmw_fault.h>
 
 #include <unistd.h>
 
@@ -56,6 +61,7 @@ void Misbehave(const std::string &behaviour, const std::string &where) {
   if (behaviour == "abort") std::abort();
   if (behaviour == "segv") std::raise(SIGSEGV);
   if (behaviour == "exit0") std::exit(0);
+  if (behaviour == "exit3") std::exit(3);
   if (behaviour == "hang") {
     for (;;) pause();
   }
@@ -65,6 +71,10 @@ void Misbehave(const std::string &behaviour, const std::string &where) {
   Misbehave(At("load"), "load");
   return true;
 }();
+
+__attribute__((destructor)) void Unloading() {
+  Misbehave(At("unload"), "unload");
+}
 
 }  // namespace
 
@@ -96,6 +106,12 @@ extern "C" int validate(confd_trans_ctx *tctx, confd_hkeypath_t *, confd_value_t
     maapi_cursor mc;
     maapi_init_cursor(kxconfd_maapi_socket_get(static_cast<kxconfd_t *>(tctx->vcb_opaque)),
                       tctx->thandle, &mc, "/config/interface/ipapp:l3");
+  }
+  if (behaviour == "fault-then-abort") {
+    static int calls = 0;
+    if (++calls == 2) std::abort();
+    const std::string fault = std::string("fake fault in ") + tctx->validate_opaque;
+    kxmw_gen_fault(0, "validate", "fake_plugin", 1, fault.c_str());
   }
   if (behaviour == "refuse") {
     confd_trans_seterr(tctx, "%s refused", tctx->validate_opaque);

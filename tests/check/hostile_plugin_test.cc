@@ -47,6 +47,8 @@ TEST(HostilePlugin, FailingInValidateEndsTheCommitWithExitThree) {
        "the plug-in aborted" + in + " (signal SIGABRT, Aborted)"},
       {"exit0", "the plug-in ended the process (exit status 0)",
        "the plug-in ended the process" + in + " (exit status 0)"},
+      {"exit3", "the plug-in ended the process (exit status 3)",
+       "the plug-in ended the process" + in + " (exit status 3)"},
   };
   for (const Case &c : cases) {
     SCOPED_TRACE(c.mode);
@@ -72,6 +74,7 @@ TEST(HostilePlugin, FailingToStartGivesNoVerdict) {
       {"throw-int@lib_init", plugin + ": exception from lib_init: exception of type int"},
       {"segv@lib_init", plugin + ": the plug-in crashed in lib_init (signal SIGSEGV"},
       {"exit0@lib_init", plugin + ": the plug-in ended the process in lib_init (exit status 0)"},
+      {"exit3@lib_init", plugin + ": the plug-in ended the process in lib_init (exit status 3)"},
       {"throw@get_validation_point",
        plugin + ": exception from get_validation_point: fake failure in get_validation_point"},
       {"abort@get_validation_point",
@@ -91,17 +94,31 @@ TEST(HostilePlugin, FailingToStartGivesNoVerdict) {
 }
 
 TEST(HostilePlugin, FailingToFinishFollowsTheVerdict) {
-  for (const std::string mode : {"throw", "segv"}) {
+  const struct {
+    std::string mode, failure;
+  } cases[] = {
+      {"throw@lib_finish", "exception from lib_finish: fake failure in lib_finish"},
+      {"segv@lib_finish", "the plug-in crashed in lib_finish (signal SIGSEGV"},
+      {"segv@unload", "the plug-in crashed while unloading (signal SIGSEGV"},
+  };
+  for (const auto &[mode, failure] : cases) {
     SCOPED_TRACE(mode);
-    const ToolResult r = RunFake(mode + "@lib_finish");
-    const std::string failure = mode == "throw"
-                                    ? "exception from lib_finish: fake failure in lib_finish"
-                                    : "the plug-in crashed in lib_finish (signal SIGSEGV";
+    const ToolResult r = RunFake(mode);
     EXPECT_EQ(r.status, 3);
     EXPECT_EQ(r.FirstLine(), "accepted");
     EXPECT_THAT(r.out, HasSubstr("\nplug-in failure: " + failure));
     EXPECT_THAT(r.err, StartsWith("ipapp-check: " + failure));
   }
+}
+
+TEST(HostilePlugin, FaultsRecordedBeforeAFailureAreReported) {
+  const ToolResult r = RunFake("fault-then-abort", {"--keep-going"});
+  EXPECT_EQ(r.status, 3);
+  EXPECT_EQ(r.out,
+            "plug-in failure: the plug-in aborted (signal SIGABRT, Aborted)\n"
+            "  validation: ipv4_addr_validation\n"
+            "  keypath: /config/interface/ipapp:l3\n"
+            "fault: validate (fake_plugin:1): fake fault in intf_l3_name_validation\n");
 }
 
 TEST(HostilePlugin, OneThatNeverReturnsIsStoppedAtTheTimeout) {

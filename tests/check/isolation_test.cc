@@ -82,4 +82,42 @@ TEST(IsolatedCommit, DeathEndsTheReportAndSparesTheCaller) {
   unsetenv("IPAPP_FAKE_MODE");
 }
 
+// What the commit produced before the plug-in's process ended stays in the
+// report: the callbacks that ran, the faults they recorded, the verdict.
+TEST(IsolatedCommit, WhatCameBeforeTheEndIsKept) {
+  ipapp::check::Options options;
+  options.keep_going = true;
+  auto tx = Commit("vrf-ospf.xml");
+  auto run = [&](const char *mode) {
+    setenv("IPAPP_FAKE_MODE", mode, 1);
+    ipapp::check::Report report =
+        ipapp::check::RunCommitIsolated(IPAPP_FAKE_PLUGIN, *Schema(), *tx, options, kTimeout);
+    unsetenv("IPAPP_FAKE_MODE");
+    return report;
+  };
+  const Report accepted = run("accept");
+
+  const Report exited = run("exit3");
+  ASSERT_NE(exited.failure(), nullptr);
+  EXPECT_EQ(exited.failure()->FailureText(), "the plug-in ended the process (exit status 3)");
+
+  const Report faulted = run("fault-then-abort");
+  ASSERT_EQ(faulted.invocations.size(), 2u);
+  EXPECT_FALSE(faulted.invocations[0].failed);
+  EXPECT_EQ(faulted.invocations[1].FailureTextWithPlace(),
+            "the plug-in aborted in ipv4_addr_validation on /config/interface/ipapp:l3 (signal "
+            "SIGABRT, Aborted)");
+  ASSERT_EQ(faulted.faults.size(), 1u);
+  EXPECT_EQ(faulted.faults[0].message, "fake fault in intf_l3_name_validation");
+
+  // abort, not a segmentation fault: see above.
+  const Report unloaded = run("abort@unload");
+  EXPECT_TRUE(unloaded.accepted());
+  EXPECT_EQ(unloaded.finish_failure,
+            "the plug-in aborted while unloading (signal SIGABRT, Aborted)");
+  EXPECT_GT(accepted.invocations.size(), 3u);
+  EXPECT_EQ(ipapp::test::ReportText(unloaded),
+            ipapp::test::ReportText(accepted) + unloaded.finish_failure);
+}
+
 }  // namespace

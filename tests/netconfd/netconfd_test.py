@@ -5,6 +5,7 @@ Run with /usr/bin/python3 (Debian's ncclient). The paths come from the
 environment: IPAPP_NETCONFD_EXE, IPAPP_CHECK_EXE, IPAPP_FAKE_PLUGIN and
 IPAPP_SOURCE_DIR. Each test class runs one server of its own."""
 
+import json
 import os
 import re
 import subprocess
@@ -42,6 +43,18 @@ def ipapp_check(candidate):
         details[key] = value
     faults = [line[len("fault: "):] for line in lines if line.startswith("fault: ")]
     return lines[0], details, faults
+
+
+def stated_fault_lines(candidate):
+    """The fault lines examples/expected.json states for a candidate: each
+    text once, in the order first recorded, with how often it was."""
+    with open(os.path.join(EXAMPLES, "expected.json")) as f:
+        faults = json.load(f)[candidate]["faults"]
+    counts = {}
+    for fault in faults:
+        text = f"{fault['function']} ({fault['file']}:{fault['line']}): {fault['message']}"
+        counts[text] = counts.get(text, 0) + 1
+    return [text + (f" (recorded {n} times)" if n > 1 else "") for text, n in counts.items()]
 
 
 def element_leaves(data_xml):
@@ -206,6 +219,7 @@ class VerdictTest(ServerTest):
                     self.assertEqual(element_leaves(self.running()), file_leaves(name))
                     with open(os.path.join(self.server.dir, "netconfd.log")) as log:
                         logged = log.read()
+                    self.assertEqual(faults, stated_fault_lines(name))
                     for fault in faults:
                         self.assertRegex(logged, re.escape(
                             f"fault recorded by the plug-in: {fault}") + r"(\n|$)")

@@ -85,6 +85,29 @@ TEST(HostDataTest, BadDataNamesItsSourceAndLine) {
   EXPECT_THROW(host::DataSource::File("config.txt"), host::InputError);
 }
 
+// Where libyang locates a refusal by position ("[1]", the first instance),
+// the line is that instance's own, in JSON as in XML: never the list's name.
+TEST(HostDataTest, InstancesLocatedByPositionHaveTheirOwnLine) {
+  const std::string sample = "<sample xmlns=\"urn:ipapp:store-types\">";
+  const struct {
+    host::DataSource source;
+    int line;
+  } cases[] = {
+      {host::DataSource::Xml("\n" + sample + "1</sample>\n" + sample + "2</sample>", "s.xml"), 2},
+      {host::DataSource::Json("{\"store-types:sample\": [\n  1,\n  2\n]}", "s.json"), 2},
+  };
+  for (const auto &c : cases) {
+    SCOPED_TRACE(c.source.name);
+    try {
+      host::Transaction::Create(TypesSchema(), host::DataSource::Empty(), c.source);
+      ADD_FAILURE() << "accepted";
+    } catch (const host::InputError &e) {
+      EXPECT_EQ(e.line(), c.line) << e.what();
+      EXPECT_NE(e.message().find("\"/store-types:sample[1]\""), std::string::npos) << e.message();
+    }
+  }
+}
+
 TEST(HostDataTest, KeysThatDifferOnlyInSpellingAreOneEntryGivenTwice) {
   // The same route, its network spelled in lower and in upper case.
   const std::string route = Route("10.0.0.0", 8, "10.0.0.1");

@@ -151,8 +151,9 @@ TEST_F(StoreDiffTest, ChangedLeavesFollowTheirModifiedParents) {
 // ends the walk, ITER_UP skips the rest of the siblings, and ITER_SUSPEND
 // needs maapi_diff_iterate_resume, which the store refuses to pretend.
 TEST_F(StoreDiffTest, IteratorVerdictsSteerTheWalk) {
-  Load(Interfaces(L3("a", Vrf("x")) + L3("b", Vrf("x"))),
-       Interfaces(L3("a", Vrf("y") + Vlan(5)) + L3("b", Vrf("y"))));
+  Load(Interfaces(L3("a", V4("10.0.0.1/24") + Vrf("x")) + L3("b", Vrf("x"))),
+       Interfaces(L3("a", V4("10.0.0.2/24", {"10.0.1.1/24"}) + Vrf("y") + Vlan(5)) +
+                  L3("b", Vrf("y"))));
   const struct {
     const char *name;
     std::function<maapi_iter_ret(const std::string &, maapi_iter_op)> policy;
@@ -167,11 +168,12 @@ TEST_F(StoreDiffTest, IteratorVerdictsSteerTheWalk) {
       {"stop",
        [](const std::string &, maapi_iter_op) { return ITER_STOP; },
        {"MODIFIED /config/interface/ipapp:l3{a}"}},
-      {"up from a's first leaf",
+      {"up from every leaf",  // the secondary, a sibling of the first, is skipped
        [](const std::string &, maapi_iter_op op) {
          return op == MOP_VALUE_SET ? ITER_UP : ITER_RECURSE;
        },
        {"MODIFIED /config/interface/ipapp:l3{a}",
+        "VALUE_SET /config/interface/ipapp:l3{a}/ipv4/address/ip =10.0.0.2/24",
         "VALUE_SET /config/interface/ipapp:l3{a}/lower-layer-if/vlan =5",
         "VALUE_SET /config/interface/ipapp:l3{a}/vrf =y", "MODIFIED /config/interface/ipapp:l3{b}",
         "VALUE_SET /config/interface/ipapp:l3{b}/vrf =y"}},
@@ -208,6 +210,38 @@ TEST_F(StoreDiffTest, PresenceContainersAreReportedOnRequest) {
       Diff("/st:item", ITER_WANT_P_CONTAINER),
       (Lines{"MODIFIED /item{a}", "MODIFIED /item{a}/box", "VALUE_SET /item{a}/box/on =false",
              "MODIFIED /item{b}", "CREATED /item{b}/box", "VALUE_SET /item{b}/box/on =true"}));
+}
+
+// A leaf-list's values are compared, not counted; the store keeps them in
+// value order, so the order written is no change.
+TEST_F(StoreDiffTest, LeafListValuesAreComparedNotCounted) {
+  auto tags = [](std::initializer_list<const char *> values) {
+    std::string body = "<name>a</name>";
+    for (const char *v : values) body += std::string("<tag>") + v + "</tag>";
+    return Item(body);
+  };
+  const struct {
+    const char *name;
+    std::string running, candidate;
+    Lines expected;
+  } cases[] = {
+      {"one value replaced",
+       tags({"x", "y"}),
+       tags({"x", "z"}),
+       {"MODIFIED /item{a}", "DELETED /item{a}/tag{y}", "CREATED /item{a}/tag{z}"}},
+      {"the first value removed",
+       tags({"x", "y"}),
+       tags({"y"}),
+       {"MODIFIED /item{a}", "DELETED /item{a}/tag{x}"}},
+      {"written in another order", tags({"x", "y"}), tags({"y", "x"}), {}},
+  };
+  for (const auto &c : cases) {
+    SCOPED_TRACE(c.name);
+    LoadTypes(c.running, c.candidate);
+    EXPECT_EQ(Diff("/st:item"), c.expected);
+    EXPECT_EQ(tx_->Changed("/st:item"), !c.expected.empty());
+    EXPECT_EQ(tx_->Changed("/st:item/st:tag"), !c.expected.empty());
+  }
 }
 
 TEST_F(StoreDiffTest, XpathEvaluatesInTheCandidateWithAContextPath) {

@@ -85,6 +85,39 @@ TEST_F(StoreListTest, EntriesAreInKeyOrderWhateverTheInputOrder) {
          "/QX-RTM-MIB/rtmStaticRtTable/rtmStaticRtEntry{1 ipv4 01:00:00:00 8 ipv4 01:00:00:01}"}));
 }
 
+// The element names interfaces core3, core30, core31: keys that begin
+// other keys are found as themselves, through MAAPI and CDB alike, in lists
+// of one key and of several.
+TEST_F(StoreListTest, KeysThatBeginOtherKeysFindTheirOwnEntry) {
+  const std::vector<std::string> names = {"core", "core3", "core30", "core300", "core31"};
+  for (size_t n = 1; n <= names.size(); ++n) {
+    std::string l3s, ldp;
+    for (size_t i = 0; i < n; ++i) {
+      l3s += L3(names[i], Vlan(static_cast<int>(i) + 10));
+      ldp += LdpL3("l3-" + names[i], 100, "10.0.0.1/24");
+    }
+    SCOPED_TRACE(n);
+    Load(Interfaces(l3s) + Internal(ldp));
+    KxConfdCdbSession cdb(kxconfd_instance_get(host_), CDB_RUNNING, true);
+    for (size_t i = 0; i < names.size() + 1; ++i) {
+      const std::string name = i < names.size() ? names[i] : "core3000";
+      SCOPED_TRACE(name);
+      const std::string vlan = "/config/interface/l3{" + name + "}/lower-layer-if/vlan";
+      const std::string expected = i < n
+                                       ? std::to_string(i + 10)
+                                       : "<error> maapi_get_elem: \"" + vlan + "\": does not exist";
+      EXPECT_EQ(Get(vlan), expected);
+      int32_t from_cdb = -1;
+      EXPECT_EQ(cdb_get_int32(cdb.Socket(), &from_cdb, "%s", vlan.c_str()),
+                i < n ? CONFD_OK : CONFD_ERR);
+      EXPECT_EQ(from_cdb, i < n ? static_cast<int32_t>(i + 10) : -1);
+      EXPECT_EQ(maapi_exists(sock_, th_, "/internal/int-ldp-intf-l3{l3-%s l3-vlan 100 10.0.0.1/24}",
+                             name.c_str()),
+                i < n ? 1 : 0);
+    }
+  }
+}
+
 TEST_F(StoreListTest, CursorOnAnEmptyOrMissingListEndsAtOnce) {
   Load("");
   EXPECT_TRUE(CursorKeys("/config/interface/ipapp:l3").empty());
@@ -247,11 +280,24 @@ TEST_F(StoreListTest, AccountingCatchesLeakedCursorsAndUnfreedValues) {
 
   // Ending the transaction reclaims what was left open; the stale cursor
   // is then refused instead of read.
-  ASSERT_EQ(maapi_get_elem(sock_, th_, &v1, "/config/interface/l3{core1}/vrf"), CONFD_OK);
+  std::vector<confd_value_t> left(64);
+  for (confd_value_t &v : left) {
+    ASSERT_EQ(maapi_get_elem(sock_, th_, &v, "/config/interface/l3{core1}/vrf"), CONFD_OK);
+  }
   tx_.reset();
   EXPECT_EQ(maapi_get_next(&mc), CONFD_ERR);
   EXPECT_EQ(mc.n, 0);
   maapi_destroy_cursor(&mc);
+  // A host runs transaction after transaction: the next one's values take
+  // the memory reclaimed, and are its own to account for and free once.
+  Load(ExampleConfig());
+  std::vector<confd_value_t> next(left.size());
+  for (confd_value_t &v : next) {
+    ASSERT_EQ(maapi_get_elem(sock_, th_, &v, "/config/interface/l3{core1}/vrf"), CONFD_OK);
+  }
+  EXPECT_EQ(tx_->Open().dup_values, static_cast<int>(next.size()));
+  for (confd_value_t &v : next) confd_free_value(&v);
+  EXPECT_TRUE(tx_->Open().empty());
 }
 
 // confd_lib_maapi(3) names entries by their keys; "[N]" (0-based, in
@@ -269,7 +315,11 @@ TEST_F(StoreListTest, IndexesAreForCdbPathsOnly) {
   EXPECT_EQ(confd_errno, CONFD_ERR_BADPATH);
   KxConfdCdbSession session(kxconfd_instance_get(host_), CDB_RUNNING, true);
   EXPECT_EQ(cdb_exists(session.Socket(), "/config/interface/l3[0]"), 1);
+  EXPECT_EQ(cdb_exists(session.Socket(), "/config/interface/l3[1]"), 0);  // one past the last
   EXPECT_EQ(cdb_exists(session.Socket(), "/config/interface/l3[5]"), 0);
+  confd_value_t v;
+  EXPECT_EQ(cdb_get(session.Socket(), &v, "/config/interface/l3[1]/name"), CONFD_ERR);
+  EXPECT_EQ(confd_errno, CONFD_ERR_NOEXISTS);
   char name[16];
   EXPECT_EQ(cdb_get_str(session.Socket(), name, sizeof name, "/config/interface/l3[0]/name"),
             CONFD_OK);

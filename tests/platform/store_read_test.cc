@@ -7,8 +7,10 @@
 #include <cstring>
 #include <thread>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
+#include "config_xml.h"
 #include "platform_fixture.h"
 
 namespace ipapp::test {
@@ -132,6 +134,7 @@ TEST_F(StoreReadTest, BadPathsFailWithTheirReason) {
       {"/config/interface/other:l3{a}/vrf", "unknown element \"other:l3\""},
       {"/config/interface/l3{core1", "missing '}'"},
       {"/config/interface/l3{a b}/vrf", "list \"l3\" has 1 key, 2 given"},
+      {"/internal/ospf-interface-l3{1 2 3 4 5 6 7 8 9 10}/area", "too many keys"},
       {"/config/interface/l3/vrf", "list \"l3\" needs keys or an index"},
       // confd_lib_maapi(3) paths name entries by their keys; "[N]" is CDB's.
       {"/config/interface/l3[0]/vrf",
@@ -239,6 +242,40 @@ TEST_F(StoreReadTest, KeypathsPrintKeysByTheirLeafsTypeBareValuesWithoutSchema) 
   EXPECT_EQ(tx_->Trace().back().detail, "ipv4");
 }
 
+// The longest IPv6 text (45 characters, its last 32 bits in IPv4 form) and
+// a long canonical one, in every way the store prints a value: confd_pp_value,
+// the trace, keypaths, and paths made with %x and %ip6.
+TEST_F(StoreReadTest, LongestIpv6TextsPrintInFullEverywhere) {
+  const std::string widest = "ffff:ffff:ffff:ffff:ffff:ffff:255.255.255.255/128";
+  const std::string all_ones = "ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff/128";
+  const std::string mixed = "2001:db8:85a3:1234:5678:8a2e:370:7334/64";
+  Load(Interfaces(L3("core3", V6({widest, mixed}))));
+  const std::string list = "/config/interface/ipapp:l3{core3}/ipv6/address";
+  EXPECT_EQ(tx_->Instances(list),
+            (std::vector<std::string>{list + "{" + mixed + "}", list + "{" + all_ones + "}"}));
+  for (const auto &[written, printed] : {std::pair(widest, all_ones), std::pair(mixed, mixed)}) {
+    SCOPED_TRACE(written);
+    const std::string entry = list + "{" + written + "}";
+    EXPECT_EQ(Get(entry + "/ip"), printed);
+    EXPECT_EQ(tx_->Trace().back().detail, printed);
+    EXPECT_EQ(KeypathText(tx_->Keypath(entry)), list + "{" + printed + "}");
+  }
+  maapi_cursor mc;
+  ASSERT_EQ(maapi_init_cursor(sock_, th_, &mc, "%s", list.c_str()), CONFD_OK);
+  std::vector<std::string> paths;
+  for (maapi_get_next(&mc); mc.n != 0; maapi_get_next(&mc)) {
+    EXPECT_EQ(maapi_exists(sock_, th_, "%s{%x}/ip", list.c_str(), &mc.keys[0]), 1);
+    paths.push_back(tx_->Trace().back().path);
+  }
+  maapi_destroy_cursor(&mc);
+  EXPECT_EQ(paths, (std::vector<std::string>{list + "{" + mixed + "}/ip",
+                                             list + "{" + all_ones + "}/ip"}));
+  struct in6_addr ones;
+  std::memset(&ones, 0xff, sizeof ones);
+  EXPECT_EQ(maapi_exists(sock_, th_, "%s{%ip6/128}", list.c_str(), &ones), 1);
+  EXPECT_EQ(tx_->Trace().back().path, list + "{" + all_ones + "}");
+}
+
 // confd_lib_maapi(3) / confd_lib_cdb(3) PATHS: the modifiers take their
 // arguments as documented; the plain ones allocate nothing extra.
 TEST_F(StoreReadTest, PathModifiersTakeTheirDocumentedArguments) {
@@ -318,9 +355,10 @@ TEST(StoreTypesTest, EachYangTypeHasItsDocumentedConfdType) {
       "<word-or-num>forty</word-or-num><dec>-3.5</dec><flags>a c</flags><wide>high</wide><flag/>"
       "<kind xmlns:st=\"urn:ipapp:store-types\">st:round</kind>"
       "<when>2024-02-29T23:59:58.25-00:00</when><quad>1.2.3.4</quad>"
-      "<mac>00:1B:21:aa:bb:cc</mac><ref>-3.5</ref>";
-  auto tx = host::Transaction::Create(TypesSchema(), host::DataSource::Empty(),
-                                      host::DataSource::Xml(Types(leaves)));
+      "<mac>00:1B:21:aa:bb:cc</mac><ref>-3.5</ref><low>-9223372036854775808</low>";
+  auto tx = host::Transaction::Create(
+      TypesSchema(), host::DataSource::Empty(),
+      host::DataSource::Xml(Types(leaves) + Item("<name>a</name><sub><id>-128</id></sub>")));
   confd_trans_ctx *ctx = tx->Context("t");
   const int sock = kxconfd_maapi_socket_get(static_cast<kxconfd_t *>(ctx->vcb_opaque));
   const struct {
@@ -347,11 +385,14 @@ TEST(StoreTypesTest, EachYangTypeHasItsDocumentedConfdType) {
       {"quad", C_DQUAD, "1.2.3.4", "1.2.3.4"},
       {"mac", C_BINARY, "00:1b:21:aa:bb:cc", "001B21AABBCC"},
       {"ref", C_DECIMAL64, "-3.5", "-3.5"},  // a leafref has its target's type
+      {"low", C_INT64, "-9223372036854775808", "-9223372036854775808"},
+      {"item{a}/sub{-128}/id", C_INT8, "-128", "-128"},  // the least int8, as a key
   };
   for (const auto &c : cases) {
     SCOPED_TRACE(c.leaf);
     confd_value_t v;
-    ASSERT_EQ(maapi_get_elem(sock, ctx->thandle, &v, "/types/%s", c.leaf), CONFD_OK)
+    const std::string top = std::strchr(c.leaf, '{') ? "" : "/types";
+    ASSERT_EQ(maapi_get_elem(sock, ctx->thandle, &v, "%s/%s", top.c_str(), c.leaf), CONFD_OK)
         << confd_lasterr();
     EXPECT_EQ(v.type, c.type);
     EXPECT_EQ(tx->Trace().back().detail, c.text);
@@ -359,6 +400,10 @@ TEST(StoreTypesTest, EachYangTypeHasItsDocumentedConfdType) {
     confd_free_value(&v);
   }
   EXPECT_TRUE(tx->Open().empty());
+  EXPECT_EQ(maapi_exists(sock, ctx->thandle, "/item{a}/sub{-129}"), CONFD_ERR);
+  EXPECT_STREQ(confd_lasterr(),
+               "maapi_exists: \"/item{a}/sub{-129}\": bad path: key \"-129\" of list \"sub\" is "
+               "not a valid int8 (out of range)");
   confd_value_t v;
   ASSERT_EQ(maapi_get_elem(sock, ctx->thandle, &v, "/types/bin"), CONFD_OK);
   ASSERT_EQ(CONFD_GET_BINARY_SIZE(&v), 3u);

@@ -108,6 +108,13 @@ TEST_F(StoreSequenceTest, RunningAndCandidateAreToldApartOnOnePath) {
     EXPECT_EQ(in_candidate, 11);
     EXPECT_EQ(in_running, 10);
   }
+  // "[N]" is CDB's: the path a CDB call just took is still refused to MAAPI.
+  const std::string indexed = "/config/interface/l3[0]/lower-layer-if/vlan";
+  for (int round = 0; round < 2; ++round) {
+    EXPECT_EQ(cdb_exists(cdb.Socket(), "%s", indexed.c_str()), 1);
+    EXPECT_EQ(maapi_exists(sock_, th_, "%s", indexed.c_str()), CONFD_ERR);
+    EXPECT_EQ(confd_errno, CONFD_ERR_BADPATH);
+  }
 }
 
 TEST_F(StoreSequenceTest, ANewTransactionIsReadAfresh) {

@@ -60,6 +60,7 @@ bool SameKeys(const DNode &a, const DNode &b) {
 }
 
 bool EntryLess(const DNode *a, const DNode *b) {
+  if (!a->s->is_list()) return CompareValues(a->value, b->value) < 0;
   for (size_t i = 0; i < a->s->keys.size(); ++i) {
     int c = CompareValues(a->Key(i), b->Key(i));
     if (c != 0) return c < 0;

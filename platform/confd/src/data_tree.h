@@ -116,7 +116,7 @@ class DataTree {
   std::deque<ListInst> lists_;
 };
 
-/// Orders entries of one list key by key.
+/// Orders entries of one list key by key, and those of a leaf-list by value.
 bool EntryLess(const DNode *a, const DNode *b);
 
 }  // namespace ipapp::store
