@@ -56,9 +56,13 @@ void Record(const char *file) {
 
 void Linger() {
   const char *file = std::getenv("IPAPP_UNRULY_FILE");
-  if (fork() != 0) return;
-  if (file != nullptr) Record(file);
-  for (;;) pause();
+  if (fork() == 0) {
+    if (file != nullptr) Record(file);
+    for (;;) pause();
+  }
+  // The commit goes on once the child is settled, or it might be ended
+  // before it could tell what it holds.
+  for (int i = 0; file != nullptr && i < 500 && access(file, F_OK) != 0; ++i) usleep(10000);
 }
 
 [[maybe_unused]] const bool kUnruly = [] {
