@@ -386,10 +386,11 @@ void CloseReportPipe() {
   report_fd = -1;
 }
 
-// Puts fd on another descriptor than target, or /dev/null when fd is closed.
+// Puts fd on target, or /dev/null when fd is not open.
 void Redirect(int fd, int target) {
   if (dup2(fd, target) == target) return;
   const int null = open("/dev/null", O_RDWR | O_CLOEXEC);
+  if (null == target) fcntl(target, F_SETFD, 0);
   if (null >= 0 && null != target) {
     dup2(null, target);
     close(null);
@@ -413,6 +414,9 @@ void Redirect(int fd, int target) {
     fd = moved;
   }
   Redirect(STDERR_FILENO, STDOUT_FILENO);
+  // Out of the terminal's foreground group, a read of it would stop the
+  // child until the deadline.
+  Redirect(-1, STDIN_FILENO);
   report_fd = fd;
   pthread_atfork(nullptr, nullptr, CloseReportPipe);
   const Channel channel(fd);
