@@ -6,11 +6,18 @@
 // Exit status: 0 accepted, 1 refused, 2 bad usage, bad input or a report that
 // cannot be written, 3 the plug-in could not be loaded, or it threw, crashed,
 // ended the process or overran the time limit.
+//
+// Text output is one item a line: whatever came from data or from the
+// plug-in goes through Printable, so that no name or text can start a line
+// of its own.
 #include <CLI/CLI.hpp>
 #include <nlohmann/json.hpp>
 
 #include <ipapp/check_engine.h>
 #include <ipapp/host.h>
+
+#include <fcntl.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -18,15 +25,20 @@
 #include <cmath>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <iostream>
+#include <regex>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "printable.h"
+
 namespace fs = std::filesystem;
 using ipapp::check::Invocation;
+using ipapp::check::Printable;
 using ipapp::check::Report;
 
 namespace {
@@ -75,48 +87,52 @@ std::string DefaultYangDir() {
 }
 
 void PrintTrace(std::ostream &out, const Invocation &inv) {
-  out << "trace: " << inv.validation << " " << inv.keypath << " -> "
+  out << "trace: " << Printable(inv.validation) << " " << Printable(inv.keypath) << " -> "
       << (inv.failed ? "exception" : std::to_string(inv.result)) << "\n";
   for (const ipapp::host::TraceEntry &e : inv.trace) {
-    out << "  " << e.call;
-    if (!e.path.empty()) out << " " << e.path;
+    out << "  " << Printable(e.call);
+    if (!e.path.empty()) out << " " << Printable(e.path);
     out << " = " << e.result;
-    if (!e.detail.empty()) out << " (" << e.detail << ")";
+    if (!e.detail.empty()) out << " (" << Printable(e.detail) << ")";
     out << "\n";
   }
 }
 
 void PrintText(std::ostream &out, const Report &report, bool trace) {
   if (const Invocation *failure = report.failure()) {
-    out << "plug-in failure: " << failure->FailureText() << "\n"
-        << "  validation: " << failure->validation << "\n"
-        << "  keypath: " << failure->keypath << "\n";
+    out << "plug-in failure: " << Printable(failure->FailureText()) << "\n"
+        << "  validation: " << Printable(failure->validation) << "\n"
+        << "  keypath: " << Printable(failure->keypath) << "\n";
   } else if (report.accepted()) {
     out << "accepted\n";
   }
   for (const Invocation *r : report.refusals()) {
-    out << "refused: " << r->error << "\n"
-        << "  validation: " << r->validation << "\n"
-        << "  keypath: " << r->keypath << "\n";
+    out << "refused: " << Printable(r->error) << "\n"
+        << "  validation: " << Printable(r->validation) << "\n"
+        << "  keypath: " << Printable(r->keypath) << "\n";
   }
   for (const std::string &line : ipapp::check::FaultLines(report.faults)) {
-    out << "fault: " << line << "\n";
+    out << "fault: " << Printable(line) << "\n";
   }
   // What a validation left open, one line per validation: on the element
   // each of these leaks on every commit.
   for (const Invocation &inv : report.invocations) {
     if (inv.leaks.empty()) continue;
-    out << "warning: " << inv.validation << " " << inv.keypath << " left open:";
+    out << "warning: " << Printable(inv.validation) << " " << Printable(inv.keypath)
+        << " left open:";
     for (size_t i = 0; i < inv.leaks.size(); ++i) {
       const ipapp::host::OpenItem &leak = inv.leaks[i];
-      out << (i ? "; " : " ") << leak.kind << " of " << leak.call << " " << leak.path;
+      out << (i ? "; " : " ") << Printable(leak.kind) << " of " << Printable(leak.call) << " "
+          << Printable(leak.path);
     }
     out << "\n";
   }
   if (trace) {
     for (const Invocation &inv : report.invocations) PrintTrace(out, inv);
   }
-  if (!report.finish_failure.empty()) out << "plug-in failure: " << report.finish_failure << "\n";
+  if (!report.finish_failure.empty()) {
+    out << "plug-in failure: " << Printable(report.finish_failure) << "\n";
+  }
 }
 
 nlohmann::json ToJson(const Report &report, bool trace) {
@@ -189,17 +205,21 @@ int Run(const Args &args) {
   try {
     report = ipapp::check::RunCommitIsolated(plugin_path, load, options, timeout);
   } catch (const ipapp::host::InputError &e) {
-    std::cerr << "ipapp-check: " << e.what() << "\n";
+    std::cerr << "ipapp-check: " << Printable(e.what()) << "\n";
     return kBadInput;
   } catch (const std::exception &e) {
     // A plug-in that cannot be loaded or started, or a commit process that
     // could not run: no verdict.
-    std::cerr << "ipapp-check: " << e.what() << "\n";
+    std::cerr << "ipapp-check: " << Printable(e.what()) << "\n";
     return kPluginFailure;
   }
 
   if (args.format == "json") {
-    std::cout << ToJson(report, args.trace).dump(2) << "\n";
+    // A text the plug-in set need not be UTF-8: such bytes become U+FFFD
+    // rather than costing the report.
+    std::cout
+        << ToJson(report, args.trace).dump(2, ' ', false, nlohmann::json::error_handler_t::replace)
+        << "\n";
   } else {
     PrintText(std::cout, report, args.trace);
   }
@@ -210,19 +230,44 @@ int Run(const Args &args) {
     return kBadInput;
   }
   if (const Invocation *failure = report.failure()) {
-    std::cerr << "ipapp-check: " << failure->FailureTextWithPlace() << "\n";
+    std::cerr << "ipapp-check: " << Printable(failure->FailureTextWithPlace()) << "\n";
     return kPluginFailure;
   }
   if (!report.finish_failure.empty()) {
-    std::cerr << "ipapp-check: " << report.finish_failure << "\n";
+    std::cerr << "ipapp-check: " << Printable(report.finish_failure) << "\n";
     return kPluginFailure;
   }
   return report.accepted() ? kAccepted : kRefused;
 }
 
+// Descriptors 0, 1 and 2 closed at the start would be handed out by the next
+// open: a report pipe on 2 would take in whatever the plug-in writes to
+// standard error. They are held by /dev/null instead.
+void HoldStandardDescriptors() {
+  for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
+    if (fcntl(fd, F_GETFD) != -1 || errno != EBADF) continue;
+    const int null = open("/dev/null", fd == STDIN_FILENO ? O_RDONLY : O_WRONLY);
+    if (null < 0) std::_Exit(kBadInput);
+    if (null != fd) {
+      dup2(null, fd);
+      close(null);
+    }
+  }
+}
+
+// Seconds as plain decimal digits: the double conversion alone would take
+// "nan" (which passes any range), "inf" and "1e9".
+const CLI::Validator kDecimalSeconds(
+    [](std::string &text) -> std::string {
+      static const std::regex decimal(R"([0-9]+(\.[0-9]*)?|\.[0-9]+)");
+      return std::regex_match(text, decimal) ? "" : "not a decimal number of seconds: " + text;
+    },
+    "SECONDS", "decimal seconds");
+
 }  // namespace
 
 int main(int argc, char **argv) {
+  HoldStandardDescriptors();
   // A reader that has gone makes writes fail (checked) instead of killing us.
   std::signal(SIGPIPE, SIG_IGN);
   CLI::App app{"Tells whether the element would accept a candidate configuration."};
@@ -238,6 +283,7 @@ int main(int argc, char **argv) {
   app.add_flag("--trace", args.trace, "show every data-store call of each validation");
   app.add_option("--timeout", args.timeout,
                  "seconds the plug-in may take for the whole commit (default 60)")
+      ->check(kDecimalSeconds)
       ->check(CLI::Range(0.001, 86400.0));
   try {
     app.parse(argc, argv);
@@ -248,7 +294,7 @@ int main(int argc, char **argv) {
   try {
     return Run(args);
   } catch (const std::exception &e) {
-    std::cerr << "ipapp-check: " << e.what() << "\n";
+    std::cerr << "ipapp-check: " << Printable(e.what()) << "\n";
     return kBadInput;
   }
 }

@@ -2,13 +2,12 @@
 
 #include <algorithm>
 #include <cctype>
-#include <cerrno>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 
 #include <nlohmann/json.hpp>
 
+#include "input_text.h"
 #include "kxconfd_host.h"
 #include "locate.h"
 #include "store.h"
@@ -379,6 +378,8 @@ std::unique_ptr<store::DataTree> ParseData(const store::SchemaIndex &index,
   lyd_node *tree = nullptr;
   bool blank = std::all_of(source.text.begin(), source.text.end(),
                            [](unsigned char c) { return std::isspace(c); });
+  // libyang reads a C string: a NUL would end the text there, unnoticed.
+  if (!blank) CheckConfigText(source.text, source.name);
   if (!blank && source.format == DataSource::Format::kJson) CheckJsonSyntax(source);
   if (!blank) {
     store::TakeLibyangLog();
@@ -408,10 +409,10 @@ std::unique_ptr<store::DataTree> ParseData(const store::SchemaIndex &index,
 }  // namespace
 
 InputError::InputError(const std::string &source, int line, const std::string &message)
-    : std::runtime_error(Where(source, line) + ": " + message),
+    : std::runtime_error(Where(source, line) + ": " + Abridged(message)),
       source_(source),
       line_(line),
-      message_(message) {}
+      message_(Abridged(message)) {}
 
 DataSource DataSource::Xml(std::string text, std::string name) {
   return {Format::kXml, std::move(text), std::move(name)};
@@ -439,23 +440,7 @@ DataSource DataSource::File(const std::string &path) {
   // "delete everything".
   std::error_code ec;
   if (fs::is_directory(path, ec)) throw InputError(path, 0, "is a directory, not a file");
-  std::ifstream in(path, std::ios::binary);
-  if (!in) throw InputError(path, 0, std::string("cannot be read: ") + std::strerror(errno));
-  // Read in one piece where the size is known; a stream without one (a
-  // pipe) is read in blocks.
-  std::string text;
-  in.seekg(0, std::ios::end);
-  const std::streamoff size = in.good() ? static_cast<std::streamoff>(in.tellg()) : -1;
-  in.seekg(0, std::ios::beg);
-  if (size > 0 && in.good()) {
-    text.resize(static_cast<size_t>(size));
-    in.read(text.data(), size);
-    text.resize(static_cast<size_t>(in.gcount()));
-  }
-  in.clear();
-  char block[65536];
-  while (in.read(block, sizeof block) || in.gcount() > 0) text.append(block, in.gcount());
-  if (in.bad()) throw InputError(path, 0, "cannot be read");
+  std::string text = ReadConfigFile(path);
   return {format, std::move(text), path};
 }
 

@@ -4,6 +4,7 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <pthread.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -40,11 +41,18 @@ Fn Symbol(void *handle, const std::string &path, const char *name) {
   return reinterpret_cast<Fn>(sym);
 }
 
+// confd_pp_kpath answers the whole length, as snprintf does: a keypath that
+// does not fit (keys of any length) is printed again into a buffer that does.
 std::string KeypathText(const confd_hkeypath_t &kp) {
   std::array<char, 8192> buf{};
   int n = confd_pp_kpath(buf.data(), static_cast<int>(buf.size()), &kp);
   if (n < 0) return "<unprintable keypath>";
-  return std::string(buf.data());
+  if (static_cast<size_t>(n) < buf.size()) return std::string(buf.data());
+  std::string text(static_cast<size_t>(n) + 1, '\0');
+  n = confd_pp_kpath(text.data(), static_cast<int>(text.size()), &kp);
+  if (n < 0) return "<unprintable keypath>";
+  text.resize(std::strlen(text.c_str()));
+  return text;
 }
 
 }  // namespace
@@ -368,10 +376,49 @@ class Channel {
 using WithInput =
     std::function<void(const std::function<void(const host::Schema &, host::Transaction &)> &)>;
 
+// The report pipe's end in the commit's process. Only that process writes
+// it: a process the plug-in forks gets it closed (one it execs, through
+// O_CLOEXEC), so that nothing else can write into the report.
+int report_fd = -1;
+
+void CloseReportPipe() {
+  if (report_fd >= 0) close(report_fd);
+  report_fd = -1;
+}
+
+// Puts fd on target, or /dev/null when fd is not open.
+void Redirect(int fd, int target) {
+  if (dup2(fd, target) == target) return;
+  const int null = open("/dev/null", O_RDWR | O_CLOEXEC);
+  if (null == target) fcntl(target, F_SETFD, 0);
+  if (null >= 0 && null != target) {
+    dup2(null, target);
+    close(null);
+  }
+}
+
 [[noreturn]] void RunChild(int fd, const std::string &plugin_path, const WithInput &with_input,
                            Options options) {
   // Nobody is left to read the report once the parent has gone.
   prctl(PR_SET_PDEATHSIG, SIGKILL);
+  // Whatever the plug-in starts belongs to this group, which the parent
+  // ends as a whole.
+  setpgid(0, 0);
+  // Standard descriptors are the plug-in's to write: the report goes
+  // elsewhere, and what the plug-in prints goes to standard error, never
+  // into the caller's output.
+  if (fd <= STDERR_FILENO) {
+    const int moved = fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    if (moved < 0) _exit(Channel::kChildLost);
+    close(fd);
+    fd = moved;
+  }
+  Redirect(STDERR_FILENO, STDOUT_FILENO);
+  // Out of the terminal's foreground group, a read of it would stop the
+  // child until the deadline.
+  Redirect(-1, STDIN_FILENO);
+  report_fd = fd;
+  pthread_atfork(nullptr, nullptr, CloseReportPipe);
   const Channel channel(fd);
   try {
     std::string finish_failure;
@@ -463,13 +510,16 @@ Ending EndingOf(int status, bool timed_out, std::chrono::milliseconds timeout) {
   return {"ended the process", "exit status " + std::to_string(WEXITSTATUS(status))};
 }
 
-// Waits for the child until the deadline; false when it is still running.
-bool Reap(pid_t pid, Clock::time_point deadline, int *status) {
+// Waits for the child to end until the deadline, without reaping it: while
+// it is a zombie its pid, the id of its group, cannot be taken by another
+// process. false when it is still running.
+bool AwaitEnd(pid_t pid, Clock::time_point deadline) {
   auto pause = std::chrono::microseconds(200);
   for (;;) {
-    pid_t got = waitpid(pid, status, WNOHANG);
-    if (got == pid) return true;
-    if (got < 0 && errno != EINTR) return true;  // not ours to wait for any more
+    siginfo_t info{};
+    const int rc = waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOHANG | WNOWAIT);
+    if (rc == 0 && info.si_pid == pid) return true;
+    if (rc < 0 && errno != EINTR) return true;  // not ours to wait for any more
     if (Clock::now() >= deadline) return false;
     std::this_thread::sleep_for(pause);
     pause = std::min<std::chrono::microseconds>(pause * 2, std::chrono::milliseconds(20));
@@ -491,7 +541,6 @@ Report RunIsolated(const std::string &plugin_path, const WithInput &with_input,
   if (pipe2(fds, O_CLOEXEC) != 0) {
     throw std::runtime_error(std::string("cannot create a pipe: ") + std::strerror(errno));
   }
-  const Clock::time_point deadline = Clock::now() + timeout;
   const pid_t pid = fork();
   if (pid < 0) {
     const int err = errno;
@@ -504,8 +553,10 @@ Report RunIsolated(const std::string &plugin_path, const WithInput &with_input,
     RunChild(fds[1], plugin_path, with_input, options);
   }
   close(fds[1]);
+  // Also here: the child may not have got that far yet.
+  setpgid(pid, pid);
   // Should anything below throw (a caller's callback, memory), the child
-  // must not outlive the call.
+  // must not outlive the call, nor anything it started.
   struct Child {
     pid_t pid;
     int fd;
@@ -513,6 +564,7 @@ Report RunIsolated(const std::string &plugin_path, const WithInput &with_input,
     ~Child() {
       if (fd >= 0) close(fd);
       if (reaped) return;
+      kill(-pid, SIGKILL);
       kill(pid, SIGKILL);
       while (waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
       }
@@ -521,6 +573,10 @@ Report RunIsolated(const std::string &plugin_path, const WithInput &with_input,
 
   Report report;
   Stage stage;
+  // The time limit is the plug-in's: it starts once the input is read and
+  // parsed, when the child is about to load the plug-in. Input is bounded
+  // by its size.
+  std::optional<Clock::time_point> deadline;
   bool done = false;
   bool timed_out = false;
   bool garbled = false;
@@ -529,6 +585,7 @@ Report RunIsolated(const std::string &plugin_path, const WithInput &with_input,
   auto handle = [&](const json &m) {
     if (m.contains("enter")) {
       stage = Stage{m["enter"].get<std::string>(), "", ""};
+      if (!deadline && stage.entry != "engine") deadline = Clock::now() + timeout;
       if (stage.entry == "validate") {
         stage.validation = m.at("validation").get<std::string>();
         stage.keypath = m.at("keypath").get<std::string>();
@@ -554,10 +611,14 @@ Report RunIsolated(const std::string &plugin_path, const WithInput &with_input,
     }
   };
 
+  // Read until the report is complete, not until the pipe ends: the report
+  // does not wait for anything the plug-in left running.
   std::string buffer;
-  while (!garbled) {
+  while (!garbled && !done) {
     const auto left =
-        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+        deadline ? std::chrono::duration_cast<std::chrono::milliseconds>(*deadline - Clock::now())
+                       .count()
+                 : 60000;
     if (left <= 0) {
       timed_out = true;
       break;
@@ -573,7 +634,7 @@ Report RunIsolated(const std::string &plugin_path, const WithInput &with_input,
     buffer.append(chunk, static_cast<size_t>(got));
     size_t at = 0;
     std::uint32_t size = 0;
-    while (!garbled && buffer.size() - at >= sizeof size) {
+    while (!garbled && !done && buffer.size() - at >= sizeof size) {
       std::memcpy(&size, buffer.data() + at, sizeof size);
       if (buffer.size() - at - sizeof size < size) break;
       const auto *body = reinterpret_cast<const std::uint8_t *>(buffer.data() + at + sizeof size);
@@ -589,11 +650,15 @@ Report RunIsolated(const std::string &plugin_path, const WithInput &with_input,
   close(child.fd);
   child.fd = -1;
   int status = 0;
-  if (timed_out || garbled || !Reap(pid, deadline, &status)) {
+  const bool ended =
+      !timed_out && !garbled && AwaitEnd(pid, deadline.value_or(Clock::now() + timeout));
+  if (!ended) {
     timed_out = timed_out || !garbled;
     kill(pid, SIGKILL);
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-    }
+  }
+  // Whatever the plug-in started ends with the commit, done or not.
+  kill(-pid, SIGKILL);
+  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
   }
   child.reaped = true;
 

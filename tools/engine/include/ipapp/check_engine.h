@@ -152,11 +152,15 @@ Report RunCommit(const Plugin &plugin, const host::Schema &schema, host::Transac
 /// - the same in validate: the report ends with that callback, failed, with
 ///   process_end saying how (an exception: as RunCommit reports it);
 /// - the same in lib_finish: the report is complete, finish_failure says it.
-/// The timeout counts from the start of the child to its report. before_each
-/// and after_each are called in the caller's process as the child reports.
-/// Throws host::InputError as RunCommit does. Call it while no other thread
-/// of the caller uses the data store: the child inherits the store's lock
-/// in whatever state fork found it.
+/// The timeout counts from loading the plug-in to the complete report.
+/// The child runs in a process group of its own, ended with it: whatever the
+/// plug-in starts does not outlive the call, and a process it leaves running
+/// does not hold up the report. The plug-in's standard output goes to
+/// standard error, its standard input is /dev/null; the report travels on a pipe that is never a
+/// standard descriptor and that processes the plug-in forks do not inherit. before_each and
+/// after_each are called in the caller's process as the child reports. Throws host::InputError as
+/// RunCommit does. Call it while no other thread of the caller uses the data store: the child
+/// inherits the store's lock in whatever state fork found it.
 Report RunCommitIsolated(const std::string &plugin_path, const host::Schema &schema,
                          host::Transaction &tx, const Options &options,
                          std::chrono::milliseconds timeout);
@@ -171,7 +175,8 @@ struct CommitInput {
 /// child process, so that the caller's process holds none of them (starting
 /// the child then copies nothing of the trees, and nothing is torn down).
 /// What load throws comes back as RunCommit's exceptions do (host::InputError
-/// as it stands); the timeout includes load.
+/// as it stands); the timeout does not include load, whose input the host
+/// bounds.
 Report RunCommitIsolated(const std::string &plugin_path, const std::function<CommitInput()> &load,
                          const Options &options, std::chrono::milliseconds timeout);
 

@@ -1,0 +1,79 @@
+#include "printable.h"
+
+#include <cstdio>
+
+namespace ipapp::check {
+namespace {
+
+// The length of the well-formed UTF-8 character at the start of s (s not
+// empty, s[0] not ASCII), or 0.
+size_t CharLength(std::string_view s) {
+  const auto byte = [&](size_t i) { return static_cast<unsigned char>(s[i]); };
+  const unsigned char lead = byte(0);
+  size_t n = 0;
+  unsigned char low = 0x80, high = 0xbf;
+  if (lead >= 0xc2 && lead <= 0xdf) {
+    n = 2;
+  } else if (lead >= 0xe0 && lead <= 0xef) {
+    n = 3;
+    if (lead == 0xe0) low = 0xa0;
+    if (lead == 0xed) high = 0x9f;
+  } else if (lead >= 0xf0 && lead <= 0xf4) {
+    n = 4;
+    if (lead == 0xf0) low = 0x90;
+    if (lead == 0xf4) high = 0x8f;
+  } else {
+    return 0;
+  }
+  if (s.size() < n) return 0;
+  for (size_t i = 1; i < n; ++i) {
+    if (byte(i) < low || byte(i) > high) return 0;
+    low = 0x80;
+    high = 0xbf;
+  }
+  return n;
+}
+
+void Hex(std::string *out, const char *format, unsigned value) {
+  char buf[8];
+  std::snprintf(buf, sizeof buf, format, value);
+  *out += buf;
+}
+
+}  // namespace
+
+std::string Printable(std::string_view text) {
+  std::string out;
+  out.reserve(text.size());
+  for (size_t i = 0; i < text.size();) {
+    const auto c = static_cast<unsigned char>(text[i]);
+    if (c >= 0x20 && c < 0x7f) {
+      out += static_cast<char>(c);
+      ++i;
+    } else if (c == '\n') {
+      out += "\\n";
+      ++i;
+    } else if (c == '\r') {
+      out += "\\r";
+      ++i;
+    } else if (c == '\t') {
+      out += "\\t";
+      ++i;
+    } else if (c < 0x80) {
+      Hex(&out, "\\x%02x", c);
+      ++i;
+    } else if (const size_t n = CharLength(text.substr(i)); n == 0) {
+      Hex(&out, "\\x%02x", c);
+      ++i;
+    } else if (n == 2 && c == 0xc2 && static_cast<unsigned char>(text[i + 1]) < 0xa0) {
+      Hex(&out, "\\u%04x", static_cast<unsigned char>(text[i + 1]));
+      i += n;
+    } else {
+      out.append(text, i, n);
+      i += n;
+    }
+  }
+  return out;
+}
+
+}  // namespace ipapp::check
