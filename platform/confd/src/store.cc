@@ -104,12 +104,12 @@ void Txn::ClearError() {
   has_error_ = false;
 }
 
-void Txn::AddFault(FaultRecord fault) {
+void Txn::AddFault(Fault fault) {
   std::lock_guard<std::mutex> lock(StoreMutex());
   faults_.push_back(std::move(fault));
 }
 
-std::vector<FaultRecord> Txn::Faults() const {
+std::vector<Fault> Txn::Faults() const {
   std::lock_guard<std::mutex> lock(StoreMutex());
   return faults_;
 }
@@ -127,9 +127,9 @@ void Txn::AddTraceLocked(const char *call, std::string_view path, int result,
   }
 }
 
-std::vector<TraceRecord> Txn::Trace() const {
+std::vector<TraceEntry> Txn::Trace() const {
   std::lock_guard<std::mutex> lock(StoreMutex());
-  std::vector<TraceRecord> out = trace_;
+  std::vector<TraceEntry> out = trace_;
   if (trace_dropped_ > 0) {
     out.push_back({"(trace full)", "", 0, std::to_string(trace_dropped_) + " calls not recorded"});
   }
@@ -142,9 +142,9 @@ void Txn::ClearTrace() {
   trace_dropped_ = 0;
 }
 
-Resources Txn::Open() const {
+OpenResources Txn::Open() const {
   std::lock_guard<std::mutex> lock(StoreMutex());
-  Resources r;
+  OpenResources r;
   r.cursors = static_cast<int>(cursors.size());
   for (const auto &[sock, info] : cdb_sockets) r.cdb_sessions += info.session ? 1 : 0;
   r.dup_values = static_cast<int>(dups.size());
@@ -167,7 +167,7 @@ std::vector<OpenItem> Txn::OpenItems() const {
   for (const auto &[p, dup] : dups) out.push_back({dup.serial, "value", dup.call, *dup.path});
   for (const auto &[p, item] : xpath_results) out.push_back(item);
   std::sort(out.begin(), out.end(),
-            [](const OpenItem &a, const OpenItem &b) { return a.serial < b.serial; });
+            [](const OpenItem &a, const OpenItem &b) { return a.id < b.id; });
   return out;
 }
 

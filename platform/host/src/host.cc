@@ -264,33 +264,14 @@ class TransactionImpl : public Transaction {
   bool HasError() const override { return txn_->HasError(); }
   void ClearError() override { txn_->ClearError(); }
 
-  std::vector<Fault> Faults() const override {
-    std::vector<Fault> out;
-    for (auto &f : txn_->Faults()) out.push_back({f.kind, f.function, f.file, f.line, f.message});
-    return out;
-  }
-
-  std::vector<TraceEntry> Trace() const override {
-    std::vector<TraceEntry> out;
-    for (auto &t : txn_->Trace()) out.push_back({t.call, t.path, t.result, t.detail});
-    return out;
-  }
+  std::vector<Fault> Faults() const override { return txn_->Faults(); }
+  std::vector<TraceEntry> Trace() const override { return txn_->Trace(); }
   void ClearTrace() override { txn_->ClearTrace(); }
   void RecordTrace(bool on) override { txn_->RecordTrace(on); }
   bool RecordingTrace() const override { return txn_->recording_trace(); }
 
-  OpenResources Open() const override {
-    store::Resources r = txn_->Open();
-    return {r.cursors, r.cdb_sessions, r.dup_values, r.xpath_results};
-  }
-
-  std::vector<OpenItem> OpenItems() const override {
-    std::vector<OpenItem> out;
-    for (store::OpenItem &item : txn_->OpenItems()) {
-      out.push_back({item.serial, item.kind, item.call, std::move(item.path)});
-    }
-    return out;
-  }
+  OpenResources Open() const override { return txn_->Open(); }
+  std::vector<OpenItem> OpenItems() const override { return txn_->OpenItems(); }
 
   void FailCdbSessions(bool fail) override { txn_->FailCdbSessions(fail); }
   void FailMaapiSocket(bool fail) override { txn_->FailMaapiSocket(fail); }
