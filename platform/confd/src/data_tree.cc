@@ -59,6 +59,39 @@ bool SameKeys(const DNode &a, const DNode &b) {
   return true;
 }
 
+bool SameData(const SNode &s, const DNode *a, const DNode *b) {
+  switch (s.kind) {
+    case NodeKind::kLeaf:
+    case NodeKind::kLeafList:
+      if (a == nullptr || b == nullptr) return a == b;
+      return a->text == b->text;
+    case NodeKind::kPresence:
+    case NodeKind::kList:
+      if ((a == nullptr) != (b == nullptr)) return false;
+      if (a == nullptr) return true;
+      break;
+    case NodeKind::kContainer:
+      break;
+  }
+  for (const SNode *c : s.children) {
+    if (c->kind == NodeKind::kList || c->kind == NodeKind::kLeafList) {
+      const ListInst *al = a ? a->List(c) : nullptr;
+      const ListInst *bl = b ? b->List(c) : nullptr;
+      const size_t an = al ? al->entries.size() : 0;
+      const size_t bn = bl ? bl->entries.size() : 0;
+      if (an != bn) return false;
+      for (size_t i = 0; i < an; ++i) {
+        const DNode *ae = al->entries[i];
+        const DNode *be = bl->entries[i];
+        if (!SameKeys(*ae, *be) || !SameData(*c, ae, be)) return false;
+      }
+    } else if (!SameData(*c, a ? a->Child(c) : nullptr, b ? b->Child(c) : nullptr)) {
+      return false;
+    }
+  }
+  return true;
+}
+
 bool EntryLess(const DNode *a, const DNode *b) {
   for (size_t i = 0; i < a->s->keys.size(); ++i) {
     int c = CompareValues(a->Key(i), b->Key(i));

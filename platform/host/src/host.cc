@@ -119,59 +119,18 @@ std::string InstancePath(const store::SchemaIndex &schema, const DNode &node) {
   return out;
 }
 
-// Whether a node counts as data: a non-presence container without children
-// is no data (it stands for an absent one).
-bool IsData(const DNode *d) {
-  if (d == nullptr) return false;
-  if (d->s->kind != NodeKind::kContainer) return true;
-  for (const SNode *c : d->s->children) {
-    if (d->Child(c) != nullptr || d->List(c) != nullptr) return true;
-  }
-  return false;
-}
-
-// Two nodes of one schema node hold the same data: the same leaf texts, the
-// same children (an empty container is not an absent one) and the same list
-// entries in the same order.
-bool SameSubtree(const DNode &a, const DNode &b) {
-  if (a.s->kind == NodeKind::kLeaf || a.s->kind == NodeKind::kLeafList) return a.text == b.text;
-  for (const SNode *c : a.s->children) {
-    const DNode *ac = a.Child(c);
-    const DNode *bc = b.Child(c);
-    if ((ac == nullptr) != (bc == nullptr) || (ac && !SameSubtree(*ac, *bc))) return false;
-    const store::ListInst *al = a.List(c);
-    const store::ListInst *bl = b.List(c);
-    const size_t an = al ? al->entries.size() : 0;
-    const size_t bn = bl ? bl->entries.size() : 0;
-    if (an != bn) return false;
-    for (size_t i = 0; i < an; ++i) {
-      const DNode &ae = *al->entries[i];
-      const DNode &be = *bl->entries[i];
-      if (!store::SameKeys(ae, be) || !SameSubtree(ae, be)) return false;
-    }
-  }
-  return true;
-}
-
 // Whether the data that path elements [i, n) name below o (running) and n
 // (candidate) differ; a null node has nothing below it. Nodes are matched by
 // their instance paths: list entries by their keys.
 bool Differs(const store::ParsedPath &path, int i, const DNode *o, const DNode *n) {
   if (o == nullptr && n == nullptr) return false;
-  if (i == path.n) {
-    const bool od = IsData(o);
-    const bool nd = IsData(n);
-    return od != nd || (od && !SameSubtree(*o, *n));
-  }
+  if (i == path.n) return !store::SameData(*path.last(), o, n);
   const store::PathElem &elem = path.e[i];
   if (!elem.s->is_list() && elem.s->kind != NodeKind::kLeafList) {
     return Differs(path, i + 1, o ? o->Child(elem.s) : nullptr, n ? n->Child(elem.s) : nullptr);
   }
   const store::ListInst *ol = o ? o->List(elem.s) : nullptr;
   const store::ListInst *nl = n ? n->List(elem.s) : nullptr;
-  const std::vector<DNode *> none;
-  const std::vector<DNode *> &oe = ol ? ol->entries : none;
-  const std::vector<DNode *> &ne = nl ? nl->entries : none;
   // One entry of each list, paired when their keys agree.
   auto pair = [&](const DNode *a, const DNode *b) {
     if (a != nullptr && b != nullptr && !store::SameKeys(*a, *b)) {
@@ -185,25 +144,12 @@ bool Differs(const store::ParsedPath &path, int i, const DNode *o, const DNode *
   }
   if (elem.sel == store::PathElem::kIndex) {
     const auto at = static_cast<size_t>(elem.index);
-    return pair(at < oe.size() ? oe[at] : nullptr, at < ne.size() ? ne[at] : nullptr);
+    auto nth = [at](const store::ListInst *l) {
+      return l && at < l->entries.size() ? l->entries[at] : nullptr;
+    };
+    return pair(nth(ol), nth(nl));
   }
-  // Every entry: both lists are in key order.
-  size_t a = 0;
-  size_t b = 0;
-  while (a < oe.size() || b < ne.size()) {
-    const DNode *x = nullptr;
-    const DNode *y = nullptr;
-    if (b == ne.size() || (a < oe.size() && store::EntryLess(oe[a], ne[b]))) {
-      x = oe[a++];
-    } else if (a == oe.size() || store::EntryLess(ne[b], oe[a])) {
-      y = ne[b++];
-    } else {
-      x = oe[a++];
-      y = ne[b++];
-    }
-    if (pair(x, y)) return true;
-  }
-  return false;
+  return store::VisitEntryPairs(ol, nl, pair);
 }
 
 // The data nodes a parsed schema path names in one tree, in store order
