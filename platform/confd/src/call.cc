@@ -261,7 +261,7 @@ int Call::Fail(int err, const std::string &why) {
 confd_value_t DupValue(const confd_value_t &v, void **dup) {
   confd_value_t out = v;
   *dup = nullptr;
-  if (v.type == C_BUF || v.type == C_BINARY || v.type == C_HEXSTR || v.type == C_BITBIG) {
+  if (HoldsBuffer(v)) {
     auto *copy = static_cast<unsigned char *>(std::malloc(v.val.buf.size + 1));
     if (copy == nullptr) throw std::bad_alloc();
     if (v.val.buf.size) std::memcpy(copy, v.val.buf.ptr, v.val.buf.size);
@@ -279,7 +279,7 @@ confd_value_t DupList(const ListInst *list, void **dup) {
   size_t bytes = 0;
   for (size_t i = 0; i < n; ++i) {
     const confd_value_t &v = list->entries[i]->value;
-    if (v.type == C_BUF || v.type == C_BINARY || v.type == C_HEXSTR || v.type == C_BITBIG) {
+    if (HoldsBuffer(v)) {
       bytes += v.val.buf.size + 1;
     }
   }
@@ -295,7 +295,7 @@ confd_value_t DupList(const ListInst *list, void **dup) {
   for (size_t i = 0; i < n; ++i) {
     values[i] = list->entries[i]->value;
     confd_value_t &v = values[i];
-    if (v.type == C_BUF || v.type == C_BINARY || v.type == C_HEXSTR || v.type == C_BITBIG) {
+    if (HoldsBuffer(v)) {
       if (v.val.buf.size) std::memcpy(at, v.val.buf.ptr, v.val.buf.size);
       at[v.val.buf.size] = '\0';
       v.val.buf.ptr = at;

@@ -121,6 +121,9 @@ class DataTree {
 
   void Build(DNode *parent, const lyd_node *first);
   DNode *NewNode(const SNode *s, DNode *parent, const lyd_node *ly);
+  void SetLeafValue(DNode &node, const lyd_node *ly);
+  ListInst *ListOf(DNode::Slot &slot, const SNode *s, std::vector<ListInst *> *touched);
+  void SortEntries(ListInst *list) const;
 
   const SchemaIndex &schema_;
   lyd_node *tree_;

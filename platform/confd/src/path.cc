@@ -122,19 +122,14 @@ confd_value_t PathElem::KeyValue(int k) const {
 bool PathElem::ParseKey(int k, const LeafType &type, std::string *error) {
   if (k == 0) kbytes_.clear();
   kbytes_at_[k] = -1;
-  if (type.vtype == C_BUF) {
-    CONFD_SET_BUF(&kv_[k], reinterpret_cast<const unsigned char *>(keys[k].data()), keys[k].size());
-    return true;
-  }
   thread_local std::string storage;
-  if (!ParseValue(type, keys[k], &kv_[k], &storage, error)) return false;
-  if (kv_[k].type == C_BINARY || kv_[k].type == C_BUF || kv_[k].type == C_HEXSTR ||
-      kv_[k].type == C_BITBIG) {
-    // Kept by offset: the element may be copied, kbytes_ may grow.
+  // Kept by offset: the element may be copied, kbytes_ may grow (KeyValue
+  // points the value at its bytes).
+  return ParseKeptValue(type, keys[k], &kv_[k], &storage, error, [&](std::string_view bytes) {
     kbytes_at_[k] = static_cast<int>(kbytes_.size());
-    kbytes_.append(storage);
-  }
-  return true;
+    kbytes_.append(bytes);
+    return std::string_view(kbytes_).substr(kbytes_at_[k]);
+  });
 }
 
 void PathElem::TakeKeys(const DNode &entry) {
@@ -419,9 +414,9 @@ bool ParsePathAgain(const SchemaIndex &schema, std::string_view path, ParsedPath
     error->clear();  // whatever was wrong, the full parse says it
   }
   out->n = keep;
-  const bool ok =
-      keep == 0 ? ParsePath(schema, *text, false, out, error, allow_index)
-                : ParseElements(schema, *text, false, out->e[keep - 1].end, out, error, allow_index);
+  const bool ok = keep == 0 ? ParsePath(schema, *text, false, out, error, allow_index)
+                            : ParseElements(schema, *text, false, out->e[keep - 1].end, out, error,
+                                            allow_index);
   if (!ok) return false;
   out->memo_schema = schema.serial();
   return true;

@@ -382,27 +382,11 @@ bool KeypathOfPath(Txn &txn, const DataTree &tree, const ParsedPath &path, Keypa
         std::string why;
         const LeafType &type = elem.s->keys[k]->type;
         const std::string &text = txn.Intern(elem.keys[k]);
-        if (type.vtype == C_BUF) {
-          CONFD_SET_BUF(&keys[k], text.c_str(), text.size());
-          continue;
-        }
-        if (!ParseValue(type, text, &keys[k], &storage, &why)) {
+        if (!ParseKeptValue(type, text, &keys[k], &storage, &why, [&](std::string_view bytes) {
+              return std::string_view(txn.Intern(bytes));
+            })) {
           *error = why;
           return false;
-        }
-        switch (keys[k].type) {
-          case C_BUF:
-          case C_BINARY:
-          case C_HEXSTR:
-          case C_BITBIG: {  // the bytes live in storage: keep them
-            const std::string &bytes = txn.Intern(storage);
-            keys[k].val.buf.ptr =
-                reinterpret_cast<unsigned char *>(const_cast<char *>(bytes.data()));
-            keys[k].val.buf.size = static_cast<unsigned int>(bytes.size());
-            break;
-          }
-          default:
-            break;
         }
       }
       if (!kp->PushKeys(keys, elem.nkeys)) {
