@@ -169,16 +169,7 @@ void Call::Use(std::shared_ptr<Txn> txn) {
 }
 
 bool Call::Parse() {
-  // Successive calls mostly name the same path or one with the same
-  // beginning (exists, then get; entry after entry of one list). MAAPI and
-  // CDB paths parse apart ("[N]" is CDB's), each kept for the next call.
-  struct Last {
-    Last() { text.reserve(256); }
-    ParsedPath parsed;
-    std::string text;
-  };
-  thread_local Last last[2];
-  Last &mine = last[cdb_ ? 1 : 0];
+  Txn::PathMemo &mine = txn_->path_memo(cdb_);
   parsed_ = &mine.parsed;
   if (!format_error_.empty()) {
     Fail(CONFD_ERR_BADPATH, "bad path: " + format_error_);

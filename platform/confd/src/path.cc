@@ -90,7 +90,7 @@ bool ParseKeys(std::string_view path, size_t *pos, ParsedPath *out, PathElem *el
   return true;
 }
 
-bool ParseKeyValues(PathElem *elem, std::string *error) {
+bool ParseKeyValues(PathElem *elem, std::string *scratch, std::string *error) {
   const SNode *s = elem->s;
   if (static_cast<size_t>(elem->nkeys) != s->keys.size()) {
     *error = "list \"" + s->name + "\" has " + std::to_string(s->keys.size()) + " key" +
@@ -100,7 +100,7 @@ bool ParseKeyValues(PathElem *elem, std::string *error) {
   for (int k = 0; k < elem->nkeys; ++k) {
     const LeafType &type = s->keys[k]->type;
     std::string why;
-    if (!elem->ParseKey(k, type, &why)) {
+    if (!elem->ParseKey(k, type, scratch, &why)) {
       *error = "key \"" + std::string(elem->keys[k]) + "\" of list \"" + s->name +
                "\" is not a valid " + type.name + " (" + why + ")";
       return false;
@@ -119,13 +119,12 @@ confd_value_t PathElem::KeyValue(int k) const {
   return v;
 }
 
-bool PathElem::ParseKey(int k, const LeafType &type, std::string *error) {
+bool PathElem::ParseKey(int k, const LeafType &type, std::string *scratch, std::string *error) {
   if (k == 0) kbytes_.clear();
   kbytes_at_[k] = -1;
-  thread_local std::string storage;
   // Kept by offset: the element may be copied, kbytes_ may grow (KeyValue
   // points the value at its bytes).
-  return ParseKeptValue(type, keys[k], &kv_[k], &storage, error, [&](std::string_view bytes) {
+  return ParseKeptValue(type, keys[k], &kv_[k], scratch, error, [&](std::string_view bytes) {
     kbytes_at_[k] = static_cast<int>(kbytes_.size());
     kbytes_.append(bytes);
     return std::string_view(kbytes_).substr(kbytes_at_[k]);
@@ -228,7 +227,8 @@ bool ParseSelector(std::string_view path, const SNode *s, size_t *pos, ParsedPat
       return false;
     }
     if (path[i] == '{') {
-      if (!ParseKeys(path, &i, out, &elem, error) || !ParseKeyValues(&elem, error)) return false;
+      if (!ParseKeys(path, &i, out, &elem, error) || !ParseKeyValues(&elem, &out->scratch, error))
+        return false;
       elem.sel = PathElem::kKeys;
     } else {
       if (!allow_index) {

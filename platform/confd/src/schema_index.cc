@@ -481,17 +481,46 @@ std::string SchemaIndex::PathOf(const SNode &s) {
 namespace ipapp::store {
 namespace {
 
-thread_local std::string libyang_log;
+// libyang's log callback takes no argument of ours to say whose parse a
+// message belongs to; the thread that made the call libyang is in is the
+// only owner there is.
+thread_local std::vector<LibyangMessage> libyang_messages;
+
+// The number after marker in text, or 0.
+int NumberAfter(std::string_view text, std::string_view marker) {
+  size_t at = text.find(marker);
+  if (at == std::string_view::npos) return 0;
+  at += marker.size();
+  int n = 0;
+  while (at < text.size() && text[at] >= '0' && text[at] <= '9' && n < 100000000) {
+    n = n * 10 + (text[at++] - '0');
+  }
+  return n;
+}
+
+// libyang (2.1) gives the location as one text: 'Schema location "...",
+// data location "...", line number N.', each part optional.
+void TakeLocationApart(LibyangMessage *m) {
+  const std::string &where = m->location;
+  static constexpr char kData[] = "Data location \"";
+  const size_t start = where.find(kData);
+  if (start != std::string::npos) {
+    const size_t from = start + sizeof kData - 1;
+    const size_t end = where.rfind('"');
+    if (end != std::string::npos && end >= from) m->data_path = where.substr(from, end - from);
+  }
+  m->line = NumberAfter(where, "line number ");
+  if (m->line == 0) m->line = NumberAfter(where, "Line number ");
+}
 
 void LogToBuffer(LY_LOG_LEVEL level, const char *msg, const char *path) {
   if (level > LY_LLWRN) return;
-  if (!libyang_log.empty()) libyang_log += '\n';
-  libyang_log += msg ? msg : "";
-  if (path != nullptr && *path != '\0') {
-    libyang_log += " (";
-    libyang_log += path;
-    libyang_log += ")";
-  }
+  LibyangMessage m;
+  m.level = level;
+  m.text = msg ? msg : "";
+  m.location = path ? path : "";
+  TakeLocationApart(&m);
+  libyang_messages.push_back(std::move(m));
 }
 
 }  // namespace
@@ -504,10 +533,14 @@ void CaptureLibyangLog() {
   });
 }
 
-std::string TakeLibyangLog() {
-  std::string out;
-  out.swap(libyang_log);
+std::vector<LibyangMessage> TakeLibyangMessages() {
+  std::vector<LibyangMessage> out;
+  out.swap(libyang_messages);
   return out;
+}
+
+std::string LibyangMessage::Text() const {
+  return location.empty() ? text : text + " (" + location + ")";
 }
 
 }  // namespace ipapp::store

@@ -30,6 +30,9 @@ Registry &Reg() {
   return *reg;
 }
 
+// The element's fault service and confd_lasterr() take no transaction or
+// socket: the transaction a thread last worked on, and the text of its last
+// failure, are all that can answer them.
 thread_local int current_thandle = 0;
 thread_local std::string last_error;
 

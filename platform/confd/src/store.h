@@ -121,6 +121,18 @@ class Txn {
     dup_paths_.emplace(*kept, std::move(copy));
     return last_dup_path_ = kept;
   }
+  /// The last path a MAAPI (cdb false) or a CDB call parsed on this
+  /// transaction, kept for the next one: successive calls mostly name the
+  /// same path or one with the same beginning (exists, then get; entry
+  /// after entry of one list). MAAPI and CDB paths parse apart ("[N]" is
+  /// CDB's). Like the transaction, a memo serves one caller at a time.
+  struct PathMemo {
+    PathMemo() { text.reserve(256); }
+    ParsedPath parsed;
+    std::string text;
+  };
+  PathMemo &path_memo(bool cdb) { return path_memo_[cdb ? 1 : 0]; }
+
   /// Empty XPath results: handed out, never freed by the element's
   /// plug-ins; released with the transaction.
   std::unordered_map<char *, OpenItem> xpath_results;
@@ -148,6 +160,7 @@ class Txn {
   uint64_t serial_ = 0;
   std::unordered_map<std::string_view, std::unique_ptr<std::string>> dup_paths_;
   const std::string *last_dup_path_ = nullptr;
+  PathMemo path_memo_[2];
 };
 
 /// The store's one lock: registry and per-transaction bookkeeping.

@@ -31,24 +31,20 @@ std::string Where(const std::string &source, int line) {
   return line > 0 ? source + ":" + std::to_string(line) : source;
 }
 
-// Line number libyang names in a message ("line number 12"), or 0.
-int LineOf(const std::string &log) {
-  for (const char *marker : {"line number ", "Line number "}) {
-    size_t at = log.find(marker);
-    if (at == std::string::npos) continue;
-    at += std::strlen(marker);
-    int line = 0;
-    while (at < log.size() && std::isdigit(static_cast<unsigned char>(log[at])) && line < 100000000)
-      line = line * 10 + (log[at++] - '0');
-    if (line > 0) return line;
+// The first line libyang names in its messages, or 0.
+int LineOf(const std::vector<store::LibyangMessage> &messages) {
+  for (const store::LibyangMessage &m : messages) {
+    if (m.line > 0) return m.line;
   }
   return 0;
 }
 
-std::string FirstError(std::string log, const std::string &fallback) {
-  if (log.empty()) return fallback;
-  size_t nl = log.find('\n');
-  return nl == std::string::npos ? log : log.substr(0, nl);
+// What the first message says, or fallback.
+std::string FirstError(const std::vector<store::LibyangMessage> &messages,
+                       const std::string &fallback) {
+  if (messages.empty()) return fallback;
+  std::string text = messages.front().Text();
+  return text.substr(0, text.find('\n'));
 }
 
 class SchemaImpl : public Schema {
@@ -308,21 +304,19 @@ std::unique_ptr<store::DataTree> ParseData(const store::SchemaIndex &index,
                            [](unsigned char c) { return std::isspace(c); });
   if (!blank && source.format == DataSource::Format::kJson) CheckJsonSyntax(source);
   if (!blank) {
-    store::TakeLibyangLog();
+    store::TakeLibyangMessages();
     LY_ERR err = lyd_parse_data_mem(index.ctx(), source.text.c_str(),
                                     source.format == DataSource::Format::kXml ? LYD_XML : LYD_JSON,
                                     LYD_PARSE_STRICT, LYD_VALIDATE_NO_STATE, &tree);
     if (err != LY_SUCCESS) {
-      std::string log = store::TakeLibyangLog();
+      const std::vector<store::LibyangMessage> messages = store::TakeLibyangMessages();
       lyd_free_all(tree);
-      int line = LineOf(log);
-      if (line == 0) {
-        const std::string path = DataLocation(log);
-        if (!path.empty()) {
-          line = LineOfPath(source.text, source.format == DataSource::Format::kJson, path);
-        }
+      int line = LineOf(messages);
+      if (line == 0 && !messages.empty() && !messages.front().data_path.empty()) {
+        line = LineOfPath(source.text, source.format == DataSource::Format::kJson,
+                          messages.front().data_path);
       }
-      throw InputError(source.name, line, FirstError(log, "cannot be parsed"));
+      throw InputError(source.name, line, FirstError(messages, "cannot be parsed"));
     }
   }
   try {
@@ -409,21 +403,21 @@ std::shared_ptr<const Schema> Schema::Load(const std::string &dir) {
     return rank(a) != rank(b) ? rank(a) < rank(b) : a < b;
   });
 
-  store::TakeLibyangLog();
+  store::TakeLibyangMessages();
   ly_ctx *ctx = nullptr;
   if (ly_ctx_new(dir.c_str(),
                  LY_CTX_SET_PRIV_PARSED | LY_CTX_NO_YANGLIBRARY | LY_CTX_DISABLE_SEARCHDIR_CWD,
                  &ctx) != LY_SUCCESS) {
-    throw InputError(dir, 0, FirstError(store::TakeLibyangLog(), "no libyang context"));
+    throw InputError(dir, 0, FirstError(store::TakeLibyangMessages(), "no libyang context"));
   }
   std::vector<const lys_module *> modules;
   for (const std::string &name : names) {
     const lys_module *mod = ly_ctx_load_module(ctx, name.c_str(), nullptr, nullptr);
     if (mod == nullptr) {
-      std::string log = store::TakeLibyangLog();
+      const std::vector<store::LibyangMessage> messages = store::TakeLibyangMessages();
       ly_ctx_destroy(ctx);
-      throw InputError((fs::path(dir) / (name + ".yang")).string(), LineOf(log),
-                       FirstError(log, "cannot be loaded"));
+      throw InputError((fs::path(dir) / (name + ".yang")).string(), LineOf(messages),
+                       FirstError(messages, "cannot be loaded"));
     }
     modules.push_back(mod);
   }

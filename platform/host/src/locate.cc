@@ -416,16 +416,6 @@ bool Fits(const Node &node, const Step &step, size_t position) {
 
 }  // namespace
 
-std::string DataLocation(const std::string &message) {
-  static const char kMarker[] = "Data location \"";
-  const std::string first = message.substr(0, message.find('\n'));
-  const size_t start = first.find(kMarker);
-  if (start == std::string::npos) return "";
-  const size_t from = start + sizeof kMarker - 1;
-  const size_t end = first.rfind('"');
-  return end == std::string::npos || end < from ? "" : first.substr(from, end - from);
-}
-
 int LineOfPath(const std::string &text, bool json, const std::string &path) {
   const Node root = json ? JsonReader(text).Read() : ReadXml(text);
   std::vector<const Node *> current = {&root};
