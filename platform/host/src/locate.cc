@@ -258,7 +258,7 @@ class JsonReader {
     if (c == '{') {
       Object(node, depth + 1);
     } else if (c == '[') {
-      Skip(depth + 1);  // an array inside an array: [null] of an empty leaf
+      Skip();  // an array inside an array: [null] of an empty leaf
     } else if (c == '"') {
       node->text = String();
     } else {
@@ -267,7 +267,7 @@ class JsonReader {
   }
 
   void Object(Node *parent, int depth) {
-    if (depth > kMaxDepth) return Skip(depth);
+    if (depth > kMaxDepth) return Skip();
     in_.advance();  // {
     for (;;) {
       in_.skip_space();
@@ -306,8 +306,9 @@ class JsonReader {
     in_.advance();  // }
   }
 
-  // Skips one value, however deep, without recursing.
-  void Skip(int) {
+  // Skips one value, however deep: it keeps its own count of the brackets
+  // open and never recurses, so it needs no bound on the nesting.
+  void Skip() {
     int depth = 0;
     do {
       const char c = in_.peek();
