@@ -59,12 +59,58 @@ bool SameKeys(const DNode &a, const DNode &b) {
   return true;
 }
 
+namespace {
+
+bool SameLeaf(const DNode *a, const DNode *b) {
+  if (a == nullptr || b == nullptr) return a == b;
+  return a->text == b->text;
+}
+
+// The children of two nodes of s (null: absent) hold the same data. Leaves
+// are compared here, not by a call per leaf: diff iteration compares every
+// entry of an unchanged list this way.
+bool SameChildren(const SNode &s, const DNode *a, const DNode *b) {
+  for (const SNode *c : s.children) {
+    switch (c->kind) {
+      case NodeKind::kLeaf:
+        if (!SameLeaf(a ? a->Child(c) : nullptr, b ? b->Child(c) : nullptr)) return false;
+        break;
+      case NodeKind::kContainer:
+        if (!SameChildren(*c, a ? a->Child(c) : nullptr, b ? b->Child(c) : nullptr)) return false;
+        break;
+      case NodeKind::kPresence: {
+        const DNode *ac = a ? a->Child(c) : nullptr;
+        const DNode *bc = b ? b->Child(c) : nullptr;
+        if ((ac == nullptr) != (bc == nullptr) || (ac && !SameChildren(*c, ac, bc))) return false;
+        break;
+      }
+      case NodeKind::kList:
+      case NodeKind::kLeafList: {
+        const ListInst *al = a ? a->List(c) : nullptr;
+        const ListInst *bl = b ? b->List(c) : nullptr;
+        const size_t an = al ? al->entries.size() : 0;
+        const size_t bn = bl ? bl->entries.size() : 0;
+        if (an != bn) return false;
+        for (size_t i = 0; i < an; ++i) {
+          const DNode *ae = al->entries[i];
+          const DNode *be = bl->entries[i];
+          // A leaf-list entry is its value: the same keys are the same data.
+          if (!SameKeys(*ae, *be) || (c->is_list() && !SameChildren(*c, ae, be))) return false;
+        }
+        break;
+      }
+    }
+  }
+  return true;
+}
+
+}  // namespace
+
 bool SameData(const SNode &s, const DNode *a, const DNode *b) {
   switch (s.kind) {
     case NodeKind::kLeaf:
     case NodeKind::kLeafList:
-      if (a == nullptr || b == nullptr) return a == b;
-      return a->text == b->text;
+      return SameLeaf(a, b);
     case NodeKind::kPresence:
     case NodeKind::kList:
       if ((a == nullptr) != (b == nullptr)) return false;
@@ -73,23 +119,7 @@ bool SameData(const SNode &s, const DNode *a, const DNode *b) {
     case NodeKind::kContainer:
       break;
   }
-  for (const SNode *c : s.children) {
-    if (c->kind == NodeKind::kList || c->kind == NodeKind::kLeafList) {
-      const ListInst *al = a ? a->List(c) : nullptr;
-      const ListInst *bl = b ? b->List(c) : nullptr;
-      const size_t an = al ? al->entries.size() : 0;
-      const size_t bn = bl ? bl->entries.size() : 0;
-      if (an != bn) return false;
-      for (size_t i = 0; i < an; ++i) {
-        const DNode *ae = al->entries[i];
-        const DNode *be = bl->entries[i];
-        if (!SameKeys(*ae, *be) || !SameData(*c, ae, be)) return false;
-      }
-    } else if (!SameData(*c, a ? a->Child(c) : nullptr, b ? b->Child(c) : nullptr)) {
-      return false;
-    }
-  }
-  return true;
+  return SameChildren(s, a, b);
 }
 
 bool EntryLess(const DNode *a, const DNode *b) {
