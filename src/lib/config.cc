@@ -14,17 +14,18 @@
 #include "ipapp_ns.h"
 #include "maapi_cursor_guard.h"
 #include "maapi_read.h"
+#include "store_paths.h"
 
 namespace ip_application {
 namespace config_valid {
 
 namespace {
 
-constexpr char kL3List[] = "/config/interface/ipapp:l3";
-constexpr char kLoopbackList[] = "/config/interface/ipapp:loopback";
-constexpr char kMgmtList[] = "/config/interface/ipapp:mgmt";
-constexpr char kStaticRouteList[] = "/QX-RTM-MIB/rtmStaticRtTable/rtmStaticRtEntry";
-constexpr char kLdpL3List[] = "/internal/int-ldp-intf-l3";
+using store_paths::kL3List;
+using store_paths::kLdpL3List;
+using store_paths::kLoopbackList;
+using store_paths::kMgmtList;
+using store_paths::kStaticRouteList;
 
 // Fault records name the source unit without extension.
 constexpr char kFaultSource[] = "src/lib/config";

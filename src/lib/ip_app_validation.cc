@@ -6,6 +6,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 
 namespace {
 
@@ -21,7 +22,7 @@ struct DispatchRow {
 
 // Searched in this order; the first row whose name begins the opaque
 // string wins.
-constexpr DispatchRow kDispatch[10] = {
+constexpr DispatchRow kDispatch[] = {
     {validate_intf_l3_name, "intf_l3_name_validation"},
     {validate_intf_vrf, "intf_vrf_validation"},
     {validate_ipv4_addr, "ipv4_addr_validation"},
@@ -33,6 +34,7 @@ constexpr DispatchRow kDispatch[10] = {
     {validate_ldp_intf, "ldp_interface_validation"},
     {validate_lower_layer_cross_prot, "lower_layer_prot_cross_validation"},
 };
+static_assert(std::size(kDispatch) == 10, "a row for every handler ip_app_validation.h declares");
 
 }  // namespace
 

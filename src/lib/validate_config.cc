@@ -34,13 +34,13 @@ bool SameRoutingDomain(const std::string &a, const std::string &b) {
 // and the rules then run as they are. Rules that find nothing change
 // nothing, so skipping them changes no result and no message.
 
-// An address range of one prefix, in one routing domain.
-template <typename Addr>
+// One prefix in one routing domain, ordered by its network address.
+template <typename Prefix, typename Key>
 struct Span {
   bool default_vrf;
   const std::string *vrf;  // the domain when not the default one
-  Addr first;
-  Addr last;
+  Key first;               // the network address, as it sorts
+  const Prefix *prefix;
 
   bool operator<(const Span &o) const {
     if (default_vrf != o.default_vrf) return default_vrf;
@@ -53,16 +53,16 @@ struct Span {
 };
 
 // Whether two of the spans of one domain share an address. Prefix ranges
-// nest or are apart: after sorting by their first address, a span that
-// reaches a later one reaches the one right after it too, so neighbours
-// are all that need comparing.
-template <typename Addr>
-bool AnyOverlap(std::vector<Span<Addr>> *spans) {
+// nest or are apart: after sorting by their network address, a prefix that
+// reaches a later one reaches the one right after it too, so neighbours are
+// all that need comparing.
+template <typename Prefix, typename Key>
+bool AnyOverlap(std::vector<Span<Prefix, Key>> *spans) {
   std::sort(spans->begin(), spans->end());
   for (size_t k = 1; k < spans->size(); ++k) {
-    const Span<Addr> &prev = (*spans)[k - 1];
-    const Span<Addr> &cur = (*spans)[k];
-    if (prev.SameDomain(cur) && !(prev.last < cur.first)) return true;
+    const Span<Prefix, Key> &prev = (*spans)[k - 1];
+    const Span<Prefix, Key> &cur = (*spans)[k];
+    if (prev.SameDomain(cur) && prev.prefix->Overlap(*cur.prefix)) return true;
   }
   return false;
 }
@@ -70,13 +70,11 @@ bool AnyOverlap(std::vector<Span<Addr>> *spans) {
 // False only when no two IPv4 prefixes of the readers' interfaces (of one
 // interface as well) in one routing domain share an address.
 bool MayOverlapIPv4(const std::vector<InterfaceConfig *> &readers) {
-  std::vector<Span<uint32_t>> spans;
+  std::vector<Span<addrkit::IPv4AddrMask, uint32_t>> spans;
   for (const InterfaceConfig *reader : readers) {
     for (const Interface &intf : reader->interfaces) {
       for (const addrkit::IPv4AddrMask &p : intf.ipv4) {
-        const uint32_t mask = ntohl(p.mask().addr());
-        const uint32_t first = ntohl(p.addr().addr()) & mask;
-        spans.push_back({IsDefaultVrf(intf.vrf), &intf.vrf, first, first | ~mask});
+        spans.push_back({IsDefaultVrf(intf.vrf), &intf.vrf, ntohl(p.network().addr()), &p});
       }
     }
   }
@@ -86,20 +84,11 @@ bool MayOverlapIPv4(const std::vector<InterfaceConfig *> &readers) {
 // The same for IPv6 prefixes, which overlap across VRFs.
 bool MayOverlapIPv6(const std::vector<InterfaceConfig *> &readers) {
   static const std::string kAll;
-  std::vector<Span<addrkit::IPv6Addr::Bytes>> spans;
+  std::vector<Span<addrkit::IPv6AddrMask, addrkit::IPv6Addr::Bytes>> spans;
   for (const InterfaceConfig *reader : readers) {
     for (const Interface &intf : reader->interfaces) {
       for (const addrkit::IPv6AddrMask &p : intf.ipv6) {
-        addrkit::IPv6Addr::Bytes first = p.addr().bytes();
-        addrkit::IPv6Addr::Bytes last = first;
-        for (unsigned int i = 0; i < first.size(); ++i) {
-          const unsigned int len = p.prefix_len();
-          const unsigned int keep = len >= 8 * (i + 1) ? 8 : (len > 8 * i ? len - 8 * i : 0);
-          const auto mask = static_cast<uint8_t>(keep == 0 ? 0 : 0xFFu << (8 - keep));
-          first[i] &= mask;
-          last[i] = static_cast<uint8_t>(first[i] | ~mask);
-        }
-        spans.push_back({false, &kAll, first, last});
+        spans.push_back({false, &kAll, p.network().bytes(), &p});
       }
     }
   }
@@ -112,54 +101,43 @@ bool IsA(const StaticRoute &route) {
   return typeid(route) == typeid(T);
 }
 
-// The next hops of routes that all are StaticRouteIPv4, sorted; empty
+// A next hop and an interface address are the same address when their keys
+// are equal: IPv4 by the address word, IPv6 by the bytes and the scope.
+using Hop4 = uint32_t;
+using Hop6 = std::pair<addrkit::IPv6Addr::Bytes, uint32_t>;
+
+Hop4 HopKey(const addrkit::IPv4Addr &addr) {
+  return addr.addr();
+}
+
+Hop6 HopKey(const addrkit::IPv6Addr &addr) {
+  return {addr.bytes(), addr.scope()};
+}
+
+// The next-hop keys of routes that all are exactly Route, sorted; empty
 // (with *exact false) when one is of another type.
-std::vector<uint32_t> NextHopWords(const StaticRouteConfig &routes, bool *exact) {
-  std::vector<uint32_t> words;
+template <typename Route>
+auto NextHopKeys(const StaticRouteConfig &routes, bool *exact) {
+  std::vector<decltype(HopKey(std::declval<const Route &>().next_hop()))> keys;
   *exact = true;
   for (const std::shared_ptr<StaticRoute> &route : routes.routes) {
-    if (!IsA<StaticRouteIPv4>(*route)) {
+    if (!IsA<Route>(*route)) {
       *exact = false;
-      return {};
+      keys.clear();
+      return keys;
     }
-    words.push_back(static_cast<const StaticRouteIPv4 &>(*route).next_hop().addr());
+    keys.push_back(HopKey(static_cast<const Route &>(*route).next_hop()));
   }
-  std::sort(words.begin(), words.end());
-  return words;
+  std::sort(keys.begin(), keys.end());
+  return keys;
 }
 
-// Whether one of intf's IPv4 addresses may be a route's next hop.
-bool MayBeNextHop(const Interface &intf, const std::vector<uint32_t> &hops, bool exact) {
+// Whether one of the addresses of prefixes may be a route's next hop.
+template <typename Prefixes, typename Key>
+bool MayBeNextHop(const Prefixes &prefixes, const std::vector<Key> &hops, bool exact) {
   if (!exact) return true;
-  for (const addrkit::IPv4AddrMask &p : intf.ipv4) {
-    if (std::binary_search(hops.begin(), hops.end(), p.addr().addr())) return true;
-  }
-  return false;
-}
-
-using Hop6 = std::pair<addrkit::IPv6Addr::Bytes, uint32_t>;  // bytes, scope
-
-std::vector<Hop6> NextHops6(const StaticRouteConfig &routes, bool *exact) {
-  std::vector<Hop6> hops;
-  *exact = true;
-  for (const std::shared_ptr<StaticRoute> &route : routes.routes) {
-    if (!IsA<StaticRouteIPv6>(*route)) {
-      *exact = false;
-      return {};
-    }
-    const addrkit::IPv6Addr &hop = static_cast<const StaticRouteIPv6 &>(*route).next_hop();
-    hops.emplace_back(hop.bytes(), hop.scope());
-  }
-  std::sort(hops.begin(), hops.end());
-  return hops;
-}
-
-bool MayBeNextHop6(const Interface &intf, const std::vector<Hop6> &hops, bool exact) {
-  if (!exact) return true;
-  for (const addrkit::IPv6AddrMask &p : intf.ipv6) {
-    if (std::binary_search(hops.begin(), hops.end(), Hop6(p.addr().bytes(), p.addr().scope()))) {
-      return true;
-    }
+  for (const auto &p : prefixes) {
+    if (std::binary_search(hops.begin(), hops.end(), HopKey(p.addr()))) return true;
   }
   return false;
 }
@@ -178,14 +156,14 @@ int ValidateConfig::ValidateInterfaceIPv4(const Config &config, InterfaceType ty
   const std::vector<Interface> &intfs = own->interfaces;
   const bool overlaps = MayOverlapIPv4(config.intf_configs);
   bool exact_hops;
-  const std::vector<uint32_t> hops = NextHopWords(config.static_routes, &exact_hops);
+  const auto hops = NextHopKeys<StaticRouteIPv4>(config.static_routes, &exact_hops);
   for (auto i = intfs.begin(); i != intfs.end(); ++i) {
     if (!InterfaceIPv4IsValid(*i)) return -1;
     if (InterfaceHasDuplicateIpv4(*i)) return -1;
     for (auto j = i + 1; overlaps && j != intfs.end(); ++j) {
       if (InterfaceIPv4Overlap(*i, *j)) return -1;
     }
-    if (MayBeNextHop(*i, hops, exact_hops) &&
+    if (MayBeNextHop(i->ipv4, hops, exact_hops) &&
         InterfaceIPv4MatchStaticRouteNextHop(*i, config.static_routes)) {
       return -1;
     }
@@ -203,13 +181,13 @@ int ValidateConfig::ValidateInterfaceIPv6(const Config &config, InterfaceType ty
   const std::vector<Interface> &intfs = own->interfaces;
   const bool overlaps = MayOverlapIPv6(config.intf_configs);
   bool exact_hops;
-  const std::vector<Hop6> hops = NextHops6(config.static_routes, &exact_hops);
+  const auto hops = NextHopKeys<StaticRouteIPv6>(config.static_routes, &exact_hops);
   for (auto i = intfs.begin(); i != intfs.end(); ++i) {
     if (InterfaceHasDuplicateIpv6(*i)) return -1;
     for (auto j = i + 1; overlaps && j != intfs.end(); ++j) {
       if (InterfaceIPv6Overlap(*i, *j)) return -1;
     }
-    if (MayBeNextHop6(*i, hops, exact_hops) &&
+    if (MayBeNextHop(i->ipv6, hops, exact_hops) &&
         InterfaceIPv6MatchStaticRouteNextHop(*i, config.static_routes)) {
       return -1;
     }
@@ -335,19 +313,19 @@ int ValidateConfig::ValidateStaticRouteNextHop(const Config &config) {
   const StaticRouteConfig &routes = config.static_routes;
   bool exact4 = false;
   bool exact6 = false;
-  const std::vector<uint32_t> hops4 =
-      routes.ip_version == 4 ? NextHopWords(routes, &exact4) : std::vector<uint32_t>();
-  const std::vector<Hop6> hops6 =
-      routes.ip_version == 6 ? NextHops6(routes, &exact6) : std::vector<Hop6>();
+  std::vector<Hop4> hops4;
+  std::vector<Hop6> hops6;
+  if (routes.ip_version == 4) hops4 = NextHopKeys<StaticRouteIPv4>(routes, &exact4);
+  if (routes.ip_version == 6) hops6 = NextHopKeys<StaticRouteIPv6>(routes, &exact6);
   for (const InterfaceConfig *reader : config.intf_configs) {
     for (const Interface &intf : reader->interfaces) {
       if (routes.ip_version == 4) {
-        if (MayBeNextHop(intf, hops4, exact4) &&
+        if (MayBeNextHop(intf.ipv4, hops4, exact4) &&
             InterfaceIPv4MatchStaticRouteNextHop(intf, routes)) {
           return -1;
         }
       } else if (routes.ip_version == 6) {
-        if (MayBeNextHop6(intf, hops6, exact6) &&
+        if (MayBeNextHop(intf.ipv6, hops6, exact6) &&
             InterfaceIPv6MatchStaticRouteNextHop(intf, routes)) {
           return -1;
         }
@@ -360,14 +338,13 @@ int ValidateConfig::ValidateStaticRouteNextHop(const Config &config) {
 bool ValidateConfig::InterfaceIPv4MatchStaticRouteNextHop(const Interface &intf,
                                                           const StaticRouteConfig &routes) {
   for (const std::shared_ptr<StaticRoute> &route : routes.routes) {
-    // Where the route's type is known, its next hop (an IPv4Addr) compares
-    // as its word: no virtual call and dynamic_cast per address.
+    // Where the route's type is known, its next hop compares by its key:
+    // no virtual call and dynamic_cast per address.
     const auto *v4 =
         IsA<StaticRouteIPv4>(*route) ? static_cast<const StaticRouteIPv4 *>(route.get()) : nullptr;
-    const uint32_t hop = v4 ? v4->next_hop().addr() : 0;
     for (const addrkit::IPv4AddrMask &p : intf.ipv4) {
       // No default-VRF equivalence here.
-      if (v4 ? hop == p.addr().addr() && intf.vrf == route->vrf
+      if (v4 ? HopKey(v4->next_hop()) == HopKey(p.addr()) && intf.vrf == route->vrf
              : intf.vrf == route->vrf && route->next_hop() == addrkit::IPv4Addr(p.addr().addr())) {
         error_msg = intf.name + " ipv4 address " + p.addr_prefix_len() + " and static route " +
                     route->network() + " next-hop " + route->next_hop().to_string() +
@@ -386,8 +363,7 @@ bool ValidateConfig::InterfaceIPv6MatchStaticRouteNextHop(const Interface &intf,
                                        ? &static_cast<const StaticRouteIPv6 &>(*route).next_hop()
                                        : nullptr;
     for (const addrkit::IPv6AddrMask &p : intf.ipv6) {
-      if (hop ? hop->bytes() == p.addr().bytes() && hop->scope() == p.addr().scope() &&
-                    intf.vrf == route->vrf
+      if (hop ? HopKey(*hop) == HopKey(p.addr()) && intf.vrf == route->vrf
               : intf.vrf == route->vrf &&
                     route->next_hop() == addrkit::IPv6Addr(p.addr().bytes(), p.addr().scope())) {
         error_msg = intf.name + " ipv6 address " + p.to_string() + " and static route " +

@@ -10,10 +10,11 @@
 #include "ip_app_validation.h"
 #include "maapi_cursor_guard.h"
 #include "maapi_read.h"
+#include "store_paths.h"
 
 namespace {
 
-constexpr char kL3List[] = "/config/interface/ipapp:l3";
+using ip_application::store_paths::kL3List;
 constexpr int kMaxL3Interfaces = 256;
 constexpr std::string::size_type kMaxNameLen = 60;
 constexpr std::string::size_type kMinNameLen = 1;

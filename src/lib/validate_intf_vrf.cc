@@ -16,6 +16,7 @@
 #include "ip_app_validation.h"
 #include "ipapp_ns.h"
 #include "maapi_read.h"
+#include "store_paths.h"
 #include "validate_config.h"
 
 using ip_application::config_valid::BufText;
@@ -99,7 +100,7 @@ confd_iter_ret ValidateIntfL3Vrf::IterValidate(confd_hkeypath_t *kp, confd_iter_
 
   // MPLS: the LDP interface table is keyed by name, VLAN and address.
   const addrkit::IPv4AddrMask addr =
-      get_ipv4_addr_mask("/config/interface/l3{" + name + "}/ipv4/address/ip");
+      get_ipv4_addr_mask(ip_application::store_paths::kL3EntryOpen + name + "}/ipv4/address/ip");
   confd_value_t myval;
   if (maapi_get_elem(sock_, tctx_->thandle, &myval, "/config/interface/l3{%s}/lower-layer-if/vlan",
                      name.c_str()) == CONFD_OK &&
@@ -142,7 +143,8 @@ confd_iter_ret ValidateIntfLoVrf::IterValidate(confd_hkeypath_t *kp, confd_iter_
   }
 
   // MPLS: any of the loopback's addresses in the LDP loopback table.
-  const std::string list = "/config/interface/loopback{" + name + "}/ipv4/address";
+  const std::string list =
+      ip_application::store_paths::kLoopbackEntryOpen + name + "}/ipv4/address";
   for (const std::string &key : get_key_list(list)) {
     const addrkit::IPv4AddrMask addr = get_ipv4_addr_mask(list + "{" + key + "}/ip");
     if (addr.IsUnspecified()) continue;
@@ -209,9 +211,9 @@ int validate_intf_vrf(int32_t sock, confd_trans_ctx *tctx, confd_hkeypath_t *key
     case 3:
       ASSERT_CONFD_TYPE(&keypath->v[0][0], C_XMLTAG);
       if (CONFD_GET_XMLTAG(&keypath->v[0][0]) == ipapp_loopback) {
-        validator.reset(new ValidateIntfLoVrf(sock, tctx, "/config/interface/loopback"));
+        validator.reset(new ValidateIntfLoVrf(sock, tctx, ip_application::store_paths::kLoopback));
       } else if (CONFD_GET_XMLTAG(&keypath->v[0][0]) == ipapp_l3) {
-        validator.reset(new ValidateIntfL3Vrf(sock, tctx, "/config/interface/l3"));
+        validator.reset(new ValidateIntfL3Vrf(sock, tctx, ip_application::store_paths::kL3));
       } else {
         return 0;
       }

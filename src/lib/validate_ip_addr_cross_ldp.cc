@@ -11,6 +11,7 @@
 #include <string>
 
 #include "cross_validation_util.h"
+#include "store_paths.h"
 
 using ip_application::cross_valid::CollectChanges;
 using ip_application::cross_valid::FormatText;
@@ -20,8 +21,8 @@ using ip_application::cross_valid::TableInUse;
 
 namespace {
 
-constexpr char kLdpLoopbackList[] = "/internal/int-ldp-intf-lo";
-constexpr char kLdpL3List[] = "/internal/int-ldp-intf-l3";
+using ip_application::store_paths::kLdpL3List;
+using ip_application::store_paths::kLdpLoopbackList;
 
 }  // namespace
 
@@ -31,8 +32,8 @@ static int get_lower_layer_vlan(confd_trans_ctx *tctx, confd_hkeypath_t *kp) {
   ASSERT_CONFD_TYPE(&kp->v[0][0], C_BUF);
   int32_t vlan = 0;
   if (cdb_get_int32(cdb.Socket(), &vlan, "%s",
-                    ("/config/interface/l3{" + std::string(CONFD_GET_CBUFPTR(&kp->v[0][0])) +
-                     "}/lower-layer-if/vlan")
+                    (ip_application::store_paths::kL3EntryOpen +
+                     std::string(CONFD_GET_CBUFPTR(&kp->v[0][0])) + "}/lower-layer-if/vlan")
                         .c_str()) != CONFD_OK) {
     vlan = 0;
   }

@@ -15,6 +15,7 @@
 #include <string>
 
 #include "cross_validation_util.h"
+#include "store_paths.h"
 
 using ip_application::cross_valid::CollectChanges;
 using ip_application::cross_valid::FormatText;
@@ -24,8 +25,8 @@ using ip_application::cross_valid::TableInUse;
 
 namespace {
 
-constexpr char kOspfIntfList[] = "/internal/ospf-interface-l3";
-constexpr char kOspfv3IntfList[] = "/internal/ospfv3-interface-l3";
+using ip_application::store_paths::kOspfIntfList;
+using ip_application::store_paths::kOspfv3IntfList;
 
 // Values fetched per OSPF interface: instance, area, if-name, ospf-pm-if-name.
 constexpr int kOspfIntfValues = 4;
@@ -62,9 +63,9 @@ bool RunningOspfName(int cdb_sock, const std::string &name) {
 std::string OspfAddressPath(const std::string &name) {
   const std::string key = name.substr(name.find('-') + 1);
   if (name.compare(0, 3, "l3-") != 0) {
-    return "/config/interface/loopback{" + key + "}/ipv4/address[0]/ip";
+    return ip_application::store_paths::kLoopbackEntryOpen + key + "}/ipv4/address[0]/ip";
   }
-  return "/config/interface/l3{" + key + "}/ipv4/address/ip";
+  return ip_application::store_paths::kL3EntryOpen + key + "}/ipv4/address/ip";
 }
 
 }  // namespace
@@ -187,7 +188,7 @@ int validate_lower_layer_cross_ospfv3(int32_t sock, confd_trans_ctx *tctx,
   if (!TableInUse(sock, tctx, kOspfv3IntfList)) return CONFD_OK;
 
   ASSERT_CONFD_TYPE(&keypath->v[0][0], C_BUF);
-  const std::string vlan_path = "/config/interface/l3{" +
+  const std::string vlan_path = ip_application::store_paths::kL3EntryOpen +
                                 std::string(CONFD_GET_CBUFPTR(&keypath->v[0][0])) +
                                 "}/lower-layer-if/vlan";
 

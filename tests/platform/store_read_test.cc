@@ -482,19 +482,6 @@ TEST(ConfdPpValueTest, PrintsEveryTypeAndReportsTheLengthItNeeded) {
   EXPECT_EQ(KeypathText(kp), "/l3/tag<777>");
 }
 
-// The declarations follow the documented numbering (confd_types(3),
-// confd_lib_maapi(3), confd_lib_lib(3)).
-TEST(ConfdDeclarationsTest, DocumentedNumbersAndMembers) {
-  static_assert(C_HEXSTR == 47 && C_IPV6_AND_PLEN == 49 && C_BITBIG == 50 && C_EMPTY == 53 &&
-                C_MAXTYPE == 54);
-  static_assert(ITER_STOP == 1 && ITER_RECURSE == 2 && ITER_CONTINUE == 3 && ITER_SUSPEND == 4 &&
-                ITER_UP == 5);
-  static_assert(ITER_WANT_P_CONTAINER == 256);
-  static_assert(std::is_same_v<decltype(confd_lasterr()), char *>);
-  static_assert(std::is_same_v<decltype(confd_trans_ctx::validate_opaque), char *>);
-  static_assert(std::is_same_v<decltype(confd_value_t::val.d64), confd_decimal64>);
-}
-
 // confd_lib_lib(3) ERRORS: confd_errno and confd_lasterr() are the calling
 // thread's own.
 TEST_F(StoreReadTest, ErrorStateIsPerThread) {

@@ -151,9 +151,12 @@ nlohmann::json ToJson(const Report &report, bool trace) {
   }
   if (!report.finish_failure.empty()) doc["finish_failure"] = report.finish_failure;
   doc["faults"] = nlohmann::json::array();
+  // The report leaves out what only the commit process needs: a fault's
+  // kind and an open item's id.
   for (const ipapp::host::Fault &f : report.faults) {
-    doc["faults"].push_back(
-        {{"function", f.function}, {"file", f.file}, {"line", f.line}, {"message", f.message}});
+    nlohmann::json fault = f;
+    fault.erase("kind");
+    doc["faults"].push_back(std::move(fault));
   }
   doc["invocations"] = nlohmann::json::array();
   for (const Invocation &inv : report.invocations) {
@@ -161,15 +164,11 @@ nlohmann::json ToJson(const Report &report, bool trace) {
         {"validation", inv.validation}, {"keypath", inv.keypath}, {"result", inv.result}};
     item["leaks"] = nlohmann::json::array();
     for (const ipapp::host::OpenItem &leak : inv.leaks) {
-      item["leaks"].push_back({{"kind", leak.kind}, {"call", leak.call}, {"path", leak.path}});
+      nlohmann::json open = leak;
+      open.erase("id");
+      item["leaks"].push_back(std::move(open));
     }
-    if (trace) {
-      item["trace"] = nlohmann::json::array();
-      for (const ipapp::host::TraceEntry &e : inv.trace) {
-        item["trace"].push_back(
-            {{"call", e.call}, {"path", e.path}, {"result", e.result}, {"detail", e.detail}});
-      }
-    }
+    if (trace) item["trace"] = inv.trace;
     doc["invocations"].push_back(std::move(item));
   }
   return doc;

@@ -24,18 +24,10 @@ int CopyOut(const std::string &text, char *buf, int bufsiz) {
 void FreeValue(const char *name, confd_value_t *v) noexcept {
   if (v == nullptr) return;
   void *ptr = nullptr;
-  switch (v->type) {
-    case C_BUF:
-    case C_BINARY:
-    case C_HEXSTR:
-    case C_BITBIG:
-      ptr = v->val.buf.ptr;
-      break;
-    case C_LIST:
-      ptr = v->val.list.ptr;
-      break;
-    default:
-      break;
+  if (ipapp::store::HoldsBuffer(*v)) {
+    ptr = v->val.buf.ptr;
+  } else if (v->type == C_LIST) {
+    ptr = v->val.list.ptr;
   }
   if (ptr == nullptr) return;
   if (ipapp::store::FreeDup(ptr)) {

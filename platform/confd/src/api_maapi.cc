@@ -290,7 +290,7 @@ void TakeBack(confd_value_t *values, int count) noexcept {
   for (int i = 0; i < count; ++i) {
     confd_value_t &v = values[i];
     void *ptr = nullptr;
-    if (v.type == C_BUF || v.type == C_BINARY || v.type == C_HEXSTR || v.type == C_BITBIG) {
+    if (ipapp::store::HoldsBuffer(v)) {
       ptr = v.val.buf.ptr;
     } else if (v.type == C_LIST) {
       ptr = v.val.list.ptr;

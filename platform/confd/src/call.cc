@@ -33,6 +33,46 @@ void AppendPathValue(const confd_value_t *v, bool in_keys, std::string *out) {
   }
 }
 
+// Appends the argument of the modifier at m (after its '%' and '*', if
+// star) to out; returns where the format goes on, or null for a modifier
+// the store does not know (nothing taken from args).
+const char *AppendArgument(const char *m, bool star, bool in_keys, va_list *args,
+                           std::string *out) {
+  if (*m == 'i' && m[1] == 'p' && (m[2] == '4' || m[2] == '6') && !star) {
+    char buf[INET6_ADDRSTRLEN];
+    const void *addr = m[2] == '4' ? static_cast<const void *>(va_arg(*args, const in_addr *))
+                                   : static_cast<const void *>(va_arg(*args, const in6_addr *));
+    if (addr != nullptr && inet_ntop(m[2] == '4' ? AF_INET : AF_INET6, addr, buf, sizeof buf)) {
+      out->append(buf);
+    }
+    return m + 3;
+  }
+  if (*m == 's' && !star) {
+    const char *s = va_arg(*args, const char *);
+    out->append(s ? s : "(null)");
+  } else if ((*m == 'd' || *m == 'i') && !star) {
+    AppendNumber(va_arg(*args, int), out);
+  } else if (*m == 'u' && !star) {
+    AppendNumber(va_arg(*args, unsigned int), out);
+  } else if (*m == '%' && !star) {
+    out->push_back('%');
+  } else if (*m == 'x') {
+    int n = star ? va_arg(*args, int) : 1;
+    const confd_value_t *v = va_arg(*args, const confd_value_t *);
+    for (int i = 0; i < n && v != nullptr; ++i) {
+      if (i) out->push_back(' ');
+      AppendPathValue(&v[i], in_keys, out);
+    }
+  } else if (*m == 'h') {
+    int len = star ? va_arg(*args, int) : -1;
+    const confd_hkeypath_t *kp = va_arg(*args, const confd_hkeypath_t *);
+    if (kp != nullptr && kp->len >= 0 && kp->len <= MAXDEPTH) FormatKeypath(nullptr, *kp, out, len);
+  } else {
+    return nullptr;
+  }
+  return m + 1;
+}
+
 }  // namespace
 
 void Call::FormatPath(const char *fmt, va_list ap) {
@@ -52,6 +92,9 @@ void Call::FormatPath(const char *fmt, va_list ap) {
     path_ = s ? s : "(null)";
     return;
   }
+  // ap is a parameter: only a copy of it can be handed on by address.
+  va_list args;
+  va_copy(args, ap);
   std::string &out = formatted_;
   out.clear();
   bool in_keys = false;  // between a literal '{' and '}'
@@ -62,56 +105,21 @@ void Call::FormatPath(const char *fmt, va_list ap) {
       if (*c == '}') in_keys = false;
     }
     out.append(p, pct);
-    const char *m = pct + 1;
-    const bool star = *m == '*';
-    if (star) ++m;
-    if (*m == 'i' && m[1] == 'p' && (m[2] == '4' || m[2] == '6') && !star) {
-      char buf[INET6_ADDRSTRLEN];
-      const void *addr = m[2] == '4' ? static_cast<const void *>(va_arg(ap, const in_addr *))
-                                     : static_cast<const void *>(va_arg(ap, const in6_addr *));
-      if (addr != nullptr && inet_ntop(m[2] == '4' ? AF_INET : AF_INET6, addr, buf, sizeof buf)) {
-        out.append(buf);
-      }
-      m += 3;
-    } else if (*m == 's' && !star) {
-      const char *s = va_arg(ap, const char *);
-      out.append(s ? s : "(null)");
-      ++m;
-    } else if ((*m == 'd' || *m == 'i') && !star) {
-      AppendNumber(va_arg(ap, int), &out);
-      ++m;
-    } else if (*m == 'u' && !star) {
-      AppendNumber(va_arg(ap, unsigned int), &out);
-      ++m;
-    } else if (*m == '%' && !star) {
-      out.push_back('%');
-      ++m;
-    } else if (*m == 'x') {
-      int n = star ? va_arg(ap, int) : 1;
-      const confd_value_t *v = va_arg(ap, const confd_value_t *);
-      for (int i = 0; i < n && v != nullptr; ++i) {
-        if (i) out.push_back(' ');
-        AppendPathValue(&v[i], in_keys, &out);
-      }
-      ++m;
-    } else if (*m == 'h') {
-      int len = star ? va_arg(ap, int) : -1;
-      const confd_hkeypath_t *kp = va_arg(ap, const confd_hkeypath_t *);
-      if (kp != nullptr && kp->len >= 0 && kp->len <= MAXDEPTH) {
-        FormatKeypath(nullptr, *kp, &out, len);
-      }
-      ++m;
-    } else {
+    const bool star = pct[1] == '*';
+    const char *m = pct + (star ? 2 : 1);
+    p = AppendArgument(m, star, in_keys, &args, &out);
+    if (p == nullptr) {
       // Nothing after the unknown modifier can be trusted to line up with
       // the arguments: the path is the format itself.
       format_error_ = "unsupported modifier \"" + std::string(pct, *m ? m + 1 : m) +
                       "\" in format \"" + fmt + "\"";
       path_ = fmt;
+      va_end(args);
       return;
     }
-    p = m;
     pct = std::strchr(p, '%');
   }
+  va_end(args);
   out.append(p);
   path_ = out;
 }
@@ -169,16 +177,7 @@ void Call::Use(std::shared_ptr<Txn> txn) {
 }
 
 bool Call::Parse() {
-  // Successive calls mostly name the same path or one with the same
-  // beginning (exists, then get; entry after entry of one list). MAAPI and
-  // CDB paths parse apart ("[N]" is CDB's), each kept for the next call.
-  struct Last {
-    Last() { text.reserve(256); }
-    ParsedPath parsed;
-    std::string text;
-  };
-  thread_local Last last[2];
-  Last &mine = last[cdb_ ? 1 : 0];
+  Txn::PathMemo &mine = txn_->path_memo(cdb_);
   parsed_ = &mine.parsed;
   if (!format_error_.empty()) {
     Fail(CONFD_ERR_BADPATH, "bad path: " + format_error_);
@@ -261,7 +260,7 @@ int Call::Fail(int err, const std::string &why) {
 confd_value_t DupValue(const confd_value_t &v, void **dup) {
   confd_value_t out = v;
   *dup = nullptr;
-  if (v.type == C_BUF || v.type == C_BINARY || v.type == C_HEXSTR || v.type == C_BITBIG) {
+  if (HoldsBuffer(v)) {
     auto *copy = static_cast<unsigned char *>(std::malloc(v.val.buf.size + 1));
     if (copy == nullptr) throw std::bad_alloc();
     if (v.val.buf.size) std::memcpy(copy, v.val.buf.ptr, v.val.buf.size);
@@ -279,7 +278,7 @@ confd_value_t DupList(const ListInst *list, void **dup) {
   size_t bytes = 0;
   for (size_t i = 0; i < n; ++i) {
     const confd_value_t &v = list->entries[i]->value;
-    if (v.type == C_BUF || v.type == C_BINARY || v.type == C_HEXSTR || v.type == C_BITBIG) {
+    if (HoldsBuffer(v)) {
       bytes += v.val.buf.size + 1;
     }
   }
@@ -295,7 +294,7 @@ confd_value_t DupList(const ListInst *list, void **dup) {
   for (size_t i = 0; i < n; ++i) {
     values[i] = list->entries[i]->value;
     confd_value_t &v = values[i];
-    if (v.type == C_BUF || v.type == C_BINARY || v.type == C_HEXSTR || v.type == C_BITBIG) {
+    if (HoldsBuffer(v)) {
       if (v.val.buf.size) std::memcpy(at, v.val.buf.ptr, v.val.buf.size);
       at[v.val.buf.size] = '\0';
       v.val.buf.ptr = at;

@@ -59,6 +59,69 @@ bool SameKeys(const DNode &a, const DNode &b) {
   return true;
 }
 
+namespace {
+
+bool SameLeaf(const DNode *a, const DNode *b) {
+  if (a == nullptr || b == nullptr) return a == b;
+  return a->text == b->text;
+}
+
+// The children of two nodes of s (null: absent) hold the same data. Leaves
+// are compared here, not by a call per leaf: diff iteration compares every
+// entry of an unchanged list this way.
+bool SameChildren(const SNode &s, const DNode *a, const DNode *b) {
+  for (const SNode *c : s.children) {
+    switch (c->kind) {
+      case NodeKind::kLeaf:
+        if (!SameLeaf(a ? a->Child(c) : nullptr, b ? b->Child(c) : nullptr)) return false;
+        break;
+      case NodeKind::kContainer:
+        if (!SameChildren(*c, a ? a->Child(c) : nullptr, b ? b->Child(c) : nullptr)) return false;
+        break;
+      case NodeKind::kPresence: {
+        const DNode *ac = a ? a->Child(c) : nullptr;
+        const DNode *bc = b ? b->Child(c) : nullptr;
+        if ((ac == nullptr) != (bc == nullptr) || (ac && !SameChildren(*c, ac, bc))) return false;
+        break;
+      }
+      case NodeKind::kList:
+      case NodeKind::kLeafList: {
+        const ListInst *al = a ? a->List(c) : nullptr;
+        const ListInst *bl = b ? b->List(c) : nullptr;
+        const size_t an = al ? al->entries.size() : 0;
+        const size_t bn = bl ? bl->entries.size() : 0;
+        if (an != bn) return false;
+        for (size_t i = 0; i < an; ++i) {
+          const DNode *ae = al->entries[i];
+          const DNode *be = bl->entries[i];
+          // A leaf-list entry is its value: the same keys are the same data.
+          if (!SameKeys(*ae, *be) || (c->is_list() && !SameChildren(*c, ae, be))) return false;
+        }
+        break;
+      }
+    }
+  }
+  return true;
+}
+
+}  // namespace
+
+bool SameData(const SNode &s, const DNode *a, const DNode *b) {
+  switch (s.kind) {
+    case NodeKind::kLeaf:
+    case NodeKind::kLeafList:
+      return SameLeaf(a, b);
+    case NodeKind::kPresence:
+    case NodeKind::kList:
+      if ((a == nullptr) != (b == nullptr)) return false;
+      if (a == nullptr) return true;
+      break;
+    case NodeKind::kContainer:
+      break;
+  }
+  return SameChildren(s, a, b);
+}
+
 bool EntryLess(const DNode *a, const DNode *b) {
   if (!a->s->is_list()) return CompareValues(a->value, b->value) < 0;
   for (size_t i = 0; i < a->s->keys.size(); ++i) {
@@ -119,6 +182,44 @@ DNode *DataTree::NewNode(const SNode *s, DNode *parent, const lyd_node *ly) {
   return node;
 }
 
+void DataTree::SetLeafValue(DNode &node, const lyd_node *ly) {
+  const SNode *s = node.s;
+  const char *canon = lyd_get_value(ly);
+  const std::string_view canon_text(canon);
+  // A union's value has the type of the member it matched.
+  const LeafType &type = UnionMember(s->type, reinterpret_cast<const lyd_node_term *>(ly)->value);
+  std::string error;
+  if (!ParseKeptValue(type, canon_text, &node.value, &scratch_, &error,
+                      [this](std::string_view bytes) { return arena_.Copy(bytes); })) {
+    char *path = lyd_path(ly, LYD_PATH_STD, nullptr, 0);
+    std::string where = path ? path : s->name;
+    free(path);
+    throw DataError("value \"" + std::string(canon) + "\" of " + where + ": " + error);
+  }
+  if (type.vtype == C_BUF) {
+    node.text = canon_text;
+    return;
+  }
+  text_.clear();
+  FormatValue(node.value, &type, &text_);
+  // Mostly the text libyang keeps already is the store's form.
+  node.text = text_ == canon_text ? canon_text : arena_.Copy(text_);
+  // A leaf of type empty (outside unions and keys) reads as its tag.
+  if (node.value.type == C_EMPTY && s->type.vtype == C_EMPTY && !s->is_key &&
+      s->kind == NodeKind::kLeaf) {
+    CONFD_SET_XMLTAG(&node.value, s->tag, s->ns);
+  }
+}
+
+ListInst *DataTree::ListOf(DNode::Slot &slot, const SNode *s, std::vector<ListInst *> *touched) {
+  if (slot.list == nullptr) {
+    slot.list = &lists_.emplace_back();
+    slot.list->s = s;
+    touched->push_back(slot.list);
+  }
+  return slot.list;
+}
+
 void DataTree::Build(DNode *parent, const lyd_node *first) {
   std::vector<ListInst *> touched;
   for (const lyd_node *ly = first; ly != nullptr; ly = ly->next) {
@@ -133,60 +234,13 @@ void DataTree::Build(DNode *parent, const lyd_node *first) {
     DNode::Slot &slot = parent->slots[s->index];
     switch (s->kind) {
       case NodeKind::kLeaf:
-      case NodeKind::kLeafList: {
-        const char *canon = lyd_get_value(ly);
-        const std::string_view canon_text(canon);
-        // A union's value has the type of the member it matched.
-        const LeafType &type =
-            UnionMember(s->type, reinterpret_cast<const lyd_node_term *>(ly)->value);
-        if (type.vtype == C_BUF) {
-          CONFD_SET_BUF(&node.value, canon, canon_text.size());
-          node.text = canon_text;
-        } else {
-          thread_local std::string storage;
-          thread_local std::string text;
-          std::string error;
-          if (!ParseValue(type, canon_text, &node.value, &storage, &error)) {
-            char *path = lyd_path(ly, LYD_PATH_STD, nullptr, 0);
-            std::string where = path ? path : s->name;
-            free(path);
-            throw DataError("value \"" + std::string(canon) + "\" of " + where + ": " + error);
-          }
-          switch (node.value.type) {
-            case C_BUF:
-            case C_BINARY:
-            case C_HEXSTR:
-            case C_BITBIG: {  // the bytes are in storage: the tree keeps them
-              std::string_view bytes = arena_.Copy(storage);
-              node.value.val.buf.ptr =
-                  reinterpret_cast<unsigned char *>(const_cast<char *>(bytes.data()));
-              break;
-            }
-            default:
-              break;
-          }
-          text.clear();
-          FormatValue(node.value, &type, &text);
-          // Mostly the text libyang keeps already is the store's form.
-          node.text = text == canon_text ? canon_text : arena_.Copy(text);
-          // A leaf of type empty (outside unions and keys) reads as its tag.
-          if (node.value.type == C_EMPTY && s->type.vtype == C_EMPTY && !s->is_key &&
-              s->kind == NodeKind::kLeaf) {
-            CONFD_SET_XMLTAG(&node.value, s->tag, s->ns);
-          }
-        }
-        if (s->kind == NodeKind::kLeaf) {
-          slot.node = &node;
-        } else {
-          if (slot.list == nullptr) {
-            slot.list = &lists_.emplace_back();
-            slot.list->s = s;
-            touched.push_back(slot.list);
-          }
-          slot.list->entries.push_back(&node);
-        }
+        SetLeafValue(node, ly);
+        slot.node = &node;
         break;
-      }
+      case NodeKind::kLeafList:
+        SetLeafValue(node, ly);
+        ListOf(slot, s, &touched)->entries.push_back(&node);
+        break;
       case NodeKind::kContainer:
       case NodeKind::kPresence:
         slot.node = &node;
@@ -194,27 +248,24 @@ void DataTree::Build(DNode *parent, const lyd_node *first) {
         break;
       case NodeKind::kList:
         Build(&node, lyd_child(ly));
-        if (slot.list == nullptr) {
-          slot.list = &lists_.emplace_back();
-          slot.list->s = s;
-          touched.push_back(slot.list);
-        }
-        slot.list->entries.push_back(&node);
+        ListOf(slot, s, &touched)->entries.push_back(&node);
         break;
     }
   }
-  for (ListInst *list : touched) {
-    bool (*less)(const DNode *, const DNode *) =
-        list->s->is_list() ? EntryLess : [](const DNode *a, const DNode *b) {
-          return CompareValues(a->value, b->value) < 0;
-        };
-    std::stable_sort(list->entries.begin(), list->entries.end(), less);
-    // libyang tells keys apart by their text, the store by their values:
-    // "2001:db8::1/64" and "2001:DB8::1/64" are one entry given twice.
-    auto twin = std::adjacent_find(list->entries.begin(), list->entries.end(),
-                                   [&](const DNode *a, const DNode *b) { return !less(a, b); });
-    if (twin != list->entries.end()) throw DataError(Twice(schema_, **twin, **(twin + 1)));
-  }
+  for (ListInst *list : touched) SortEntries(list);
+}
+
+void DataTree::SortEntries(ListInst *list) const {
+  bool (*less)(const DNode *, const DNode *) =
+      list->s->is_list() ? EntryLess : [](const DNode *a, const DNode *b) {
+        return CompareValues(a->value, b->value) < 0;
+      };
+  std::stable_sort(list->entries.begin(), list->entries.end(), less);
+  // libyang tells keys apart by their text, the store by their values:
+  // "2001:db8::1/64" and "2001:DB8::1/64" are one entry given twice.
+  auto twin = std::adjacent_find(list->entries.begin(), list->entries.end(),
+                                 [&](const DNode *a, const DNode *b) { return !less(a, b); });
+  if (twin != list->entries.end()) throw DataError(Twice(schema_, **twin, **(twin + 1)));
 }
 
 }  // namespace ipapp::store

@@ -59,6 +59,21 @@ std::string KeyText(const DNode &entry);
 /// Two entries of one list have the same key texts.
 bool SameKeys(const DNode &a, const DNode &b);
 
+/// Whether two nodes of schema node s hold the same data; null stands for an
+/// absent node. Leaves compare by their texts; a non-presence container has
+/// no existence of its own (an empty one is an absent one), a presence
+/// container and a list entry do; lists compare entry by entry, in the
+/// store's order. What the commit plan counts as a change and what
+/// maapi_keypath_diff_iterate reports both rest on this one definition.
+bool SameData(const SNode &s, const DNode *a, const DNode *b);
+
+/// Calls visit(a, b) for the entries of two instances of one list (null: no
+/// entries), merged in the store's order: an entry in both comes as one pair,
+/// an entry in one only with a null partner. Stops at the first visit that
+/// returns true and returns true then.
+template <typename Visit>
+bool VisitEntryPairs(const ListInst *a, const ListInst *b, Visit visit);
+
 /// Data the store cannot serve although libyang accepted it (e.g. an
 /// address the pattern lets through and the address parser refuses).
 class DataError : public std::runtime_error {
@@ -106,6 +121,9 @@ class DataTree {
 
   void Build(DNode *parent, const lyd_node *first);
   DNode *NewNode(const SNode *s, DNode *parent, const lyd_node *ly);
+  void SetLeafValue(DNode &node, const lyd_node *ly);
+  ListInst *ListOf(DNode::Slot &slot, const SNode *s, std::vector<ListInst *> *touched);
+  void SortEntries(ListInst *list) const;
 
   const SchemaIndex &schema_;
   lyd_node *tree_;
@@ -114,10 +132,35 @@ class DataTree {
   DNode *root_ = nullptr;
   size_t size_ = 0;
   std::deque<ListInst> lists_;
+  // Scratch of the building: the bytes of a value being parsed, its text.
+  std::string scratch_;
+  std::string text_;
 };
 
 /// Orders entries of one list key by key, and those of a leaf-list by value.
 bool EntryLess(const DNode *a, const DNode *b);
+
+template <typename Visit>
+bool VisitEntryPairs(const ListInst *a, const ListInst *b, Visit visit) {
+  const size_t an = a ? a->entries.size() : 0;
+  const size_t bn = b ? b->entries.size() : 0;
+  size_t i = 0;
+  size_t j = 0;
+  while (i < an || j < bn) {
+    const DNode *x = nullptr;
+    const DNode *y = nullptr;
+    if (j == bn || (i < an && EntryLess(a->entries[i], b->entries[j]))) {
+      x = a->entries[i++];
+    } else if (i == an || EntryLess(b->entries[j], a->entries[i])) {
+      y = b->entries[j++];
+    } else {
+      x = a->entries[i++];
+      y = b->entries[j++];
+    }
+    if (visit(x, y)) return true;
+  }
+  return false;
+}
 
 }  // namespace ipapp::store
 

@@ -18,46 +18,6 @@ using IterFn = enum maapi_iter_ret (*)(confd_hkeypath_t *, enum maapi_iter_op, c
 
 enum class Walk { kGo, kStop, kUp };
 
-bool SameLeaf(const DNode *o, const DNode *n) {
-  if (o == nullptr || n == nullptr) return o == n;
-  return o->text == n->text;
-}
-
-// Whether anything below s differs; null stands for an absent node.
-bool Differs(const SNode &s, const DNode *o, const DNode *n) {
-  for (const SNode *c : s.children) {
-    switch (c->kind) {
-      case NodeKind::kLeaf:
-        if (!SameLeaf(o ? o->Child(c) : nullptr, n ? n->Child(c) : nullptr)) return true;
-        break;
-      case NodeKind::kContainer:
-        if (Differs(*c, o ? o->Child(c) : nullptr, n ? n->Child(c) : nullptr)) return true;
-        break;
-      case NodeKind::kPresence: {
-        const DNode *oc = o ? o->Child(c) : nullptr;
-        const DNode *nc = n ? n->Child(c) : nullptr;
-        if ((oc == nullptr) != (nc == nullptr) || (oc && Differs(*c, oc, nc))) return true;
-        break;
-      }
-      case NodeKind::kList:
-      case NodeKind::kLeafList: {
-        const ListInst *ol = o ? o->List(c) : nullptr;
-        const ListInst *nl = n ? n->List(c) : nullptr;
-        size_t on = ol ? ol->entries.size() : 0;
-        size_t nn = nl ? nl->entries.size() : 0;
-        if (on != nn) return true;
-        for (size_t i = 0; i < on; ++i) {
-          const DNode *oe = ol->entries[i];
-          const DNode *ne = nl->entries[i];
-          if (!ipapp::store::SameKeys(*oe, *ne) || Differs(*c, oe, ne)) return true;
-        }
-        break;
-      }
-    }
-  }
-  return false;
-}
-
 class Differ {
  public:
   Differ(IterFn iter, void *state, const KeypathBuilder &start, int flags)
@@ -77,7 +37,7 @@ class Differ {
   }
 
   Walk Leaf(const SNode &c, const DNode *ov, const DNode *nv) {
-    if (SameLeaf(ov, nv)) return Walk::kGo;
+    if (ipapp::store::SameData(c, ov, nv)) return Walk::kGo;
     if (!Push(c)) return Walk::kStop;
     // confd_lib_maapi(3): oldv is always NULL.
     confd_value_t newv = nv ? nv->value : confd_value_t{};
@@ -88,25 +48,12 @@ class Differ {
 
   // Entries of list c (its tag already on the keypath).
   Walk Entries(const SNode &c, const ListInst *ol, const ListInst *nl) {
-    size_t i = 0;
-    size_t j = 0;
-    size_t on = ol ? ol->entries.size() : 0;
-    size_t nn = nl ? nl->entries.size() : 0;
-    while (i < on || j < nn) {
-      const DNode *oe = nullptr;
-      const DNode *ne = nullptr;
-      if (j == nn || (i < on && ipapp::store::EntryLess(ol->entries[i], nl->entries[j]))) {
-        oe = ol->entries[i++];
-      } else if (i == on || ipapp::store::EntryLess(nl->entries[j], ol->entries[i])) {
-        ne = nl->entries[j++];
-      } else {
-        oe = ol->entries[i++];
-        ne = nl->entries[j++];
-      }
-      Walk w = Node(c, oe, ne, true);
-      if (w != Walk::kGo) return w;
-    }
-    return Walk::kGo;
+    Walk w = Walk::kGo;
+    ipapp::store::VisitEntryPairs(ol, nl, [&](const DNode *oe, const DNode *ne) {
+      w = Node(c, oe, ne, true);
+      return w != Walk::kGo;
+    });
+    return w;
   }
 
  private:
@@ -159,7 +106,7 @@ class Differ {
       op = MOP_CREATED;
     } else if (n == nullptr) {
       op = MOP_DELETED;
-    } else if (Differs(c, o, n)) {
+    } else if (!ipapp::store::SameData(c, o, n)) {
       op = MOP_MODIFIED;
     } else {
       return Walk::kGo;

@@ -90,7 +90,7 @@ bool ParseKeys(std::string_view path, size_t *pos, ParsedPath *out, PathElem *el
   return true;
 }
 
-bool ParseKeyValues(PathElem *elem, std::string *error) {
+bool ParseKeyValues(PathElem *elem, std::string *scratch, std::string *error) {
   const SNode *s = elem->s;
   if (static_cast<size_t>(elem->nkeys) != s->keys.size()) {
     *error = "list \"" + s->name + "\" has " + std::to_string(s->keys.size()) + " key" +
@@ -100,7 +100,7 @@ bool ParseKeyValues(PathElem *elem, std::string *error) {
   for (int k = 0; k < elem->nkeys; ++k) {
     const LeafType &type = s->keys[k]->type;
     std::string why;
-    if (!elem->ParseKey(k, type, &why)) {
+    if (!elem->ParseKey(k, type, scratch, &why)) {
       *error = "key \"" + std::string(elem->keys[k]) + "\" of list \"" + s->name +
                "\" is not a valid " + type.name + " (" + why + ")";
       return false;
@@ -119,22 +119,16 @@ confd_value_t PathElem::KeyValue(int k) const {
   return v;
 }
 
-bool PathElem::ParseKey(int k, const LeafType &type, std::string *error) {
+bool PathElem::ParseKey(int k, const LeafType &type, std::string *scratch, std::string *error) {
   if (k == 0) kbytes_.clear();
   kbytes_at_[k] = -1;
-  if (type.vtype == C_BUF) {
-    CONFD_SET_BUF(&kv_[k], reinterpret_cast<const unsigned char *>(keys[k].data()), keys[k].size());
-    return true;
-  }
-  thread_local std::string storage;
-  if (!ParseValue(type, keys[k], &kv_[k], &storage, error)) return false;
-  if (kv_[k].type == C_BINARY || kv_[k].type == C_BUF || kv_[k].type == C_HEXSTR ||
-      kv_[k].type == C_BITBIG) {
-    // Kept by offset: the element may be copied, kbytes_ may grow.
+  // Kept by offset: the element may be copied, kbytes_ may grow (KeyValue
+  // points the value at its bytes).
+  return ParseKeptValue(type, keys[k], &kv_[k], scratch, error, [&](std::string_view bytes) {
     kbytes_at_[k] = static_cast<int>(kbytes_.size());
-    kbytes_.append(storage);
-  }
-  return true;
+    kbytes_.append(bytes);
+    return std::string_view(kbytes_).substr(kbytes_at_[k]);
+  });
 }
 
 void PathElem::TakeKeys(const DNode &entry) {
@@ -233,7 +227,8 @@ bool ParseSelector(std::string_view path, const SNode *s, size_t *pos, ParsedPat
       return false;
     }
     if (path[i] == '{') {
-      if (!ParseKeys(path, &i, out, &elem, error) || !ParseKeyValues(&elem, error)) return false;
+      if (!ParseKeys(path, &i, out, &elem, error) || !ParseKeyValues(&elem, &out->scratch, error))
+        return false;
       elem.sel = PathElem::kKeys;
     } else {
       if (!allow_index) {
@@ -419,9 +414,9 @@ bool ParsePathAgain(const SchemaIndex &schema, std::string_view path, ParsedPath
     error->clear();  // whatever was wrong, the full parse says it
   }
   out->n = keep;
-  const bool ok =
-      keep == 0 ? ParsePath(schema, *text, false, out, error, allow_index)
-                : ParseElements(schema, *text, false, out->e[keep - 1].end, out, error, allow_index);
+  const bool ok = keep == 0 ? ParsePath(schema, *text, false, out, error, allow_index)
+                            : ParseElements(schema, *text, false, out->e[keep - 1].end, out, error,
+                                            allow_index);
   if (!ok) return false;
   out->memo_schema = schema.serial();
   return true;

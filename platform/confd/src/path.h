@@ -28,8 +28,9 @@ struct PathElem {
   /// Key k as a value of its leaf's type. C_BUF keys point at keys[k];
   /// other buffers into this element or into the tree they were taken from.
   confd_value_t KeyValue(int k) const;
-  /// Sets key k from text parsed as a value of type; false with *error.
-  bool ParseKey(int k, const LeafType &type, std::string *error);
+  /// Sets key k from text parsed as a value of type (scratch: room for its
+  /// bytes while parsing); false with *error.
+  bool ParseKey(int k, const LeafType &type, std::string *scratch, std::string *error);
   /// Sets the keys to those of a list entry (values point into its tree).
   void TakeKeys(const DNode &entry);
 
@@ -43,6 +44,7 @@ struct ParsedPath {
   int n = 0;
   PathElem e[MAXDEPTH];
   std::deque<std::string> unescaped;  ///< quoted keys that held escapes
+  std::string scratch;                ///< bytes of a key being parsed
   /// Set by ParsePathAgain: the serial of the schema the elements were
   /// parsed against (0: none).
   uint64_t memo_schema = 0;

@@ -122,49 +122,43 @@ const lysp_tpdf *TypedefOf(const lysp_type *pt) {
   return FindTypedef(pmod, name);
 }
 
-const char *BaseTypeName(LY_DATA_TYPE type) {
-  switch (type) {
-    case LY_TYPE_BINARY:
-      return "binary";
-    case LY_TYPE_UINT8:
-      return "uint8";
-    case LY_TYPE_UINT16:
-      return "uint16";
-    case LY_TYPE_UINT32:
-      return "uint32";
-    case LY_TYPE_UINT64:
-      return "uint64";
-    case LY_TYPE_STRING:
-      return "string";
-    case LY_TYPE_BITS:
-      return "bits";
-    case LY_TYPE_BOOL:
-      return "boolean";
-    case LY_TYPE_DEC64:
-      return "decimal64";
-    case LY_TYPE_EMPTY:
-      return "empty";
-    case LY_TYPE_ENUM:
-      return "enumeration";
-    case LY_TYPE_IDENT:
-      return "identityref";
-    case LY_TYPE_INST:
-      return "instance-identifier";
-    case LY_TYPE_LEAFREF:
-      return "leafref";
-    case LY_TYPE_UNION:
-      return "union";
-    case LY_TYPE_INT8:
-      return "int8";
-    case LY_TYPE_INT16:
-      return "int16";
-    case LY_TYPE_INT32:
-      return "int32";
-    case LY_TYPE_INT64:
-      return "int64";
-    default:
-      return "unknown";
+// YANG's built-in types: their names, and the value type each maps to
+// before its statement says more (a string typedef, an enumeration's
+// values, a union's members).
+struct BuiltIn {
+  LY_DATA_TYPE base;
+  const char *name;
+  confd_vtype vtype;
+};
+
+constexpr BuiltIn kBuiltIns[] = {
+    {LY_TYPE_BINARY, "binary", C_BINARY},
+    {LY_TYPE_UINT8, "uint8", C_UINT8},
+    {LY_TYPE_UINT16, "uint16", C_UINT16},
+    {LY_TYPE_UINT32, "uint32", C_UINT32},
+    {LY_TYPE_UINT64, "uint64", C_UINT64},
+    {LY_TYPE_STRING, "string", C_BUF},
+    {LY_TYPE_BITS, "bits", C_BIT32},
+    {LY_TYPE_BOOL, "boolean", C_BOOL},
+    {LY_TYPE_DEC64, "decimal64", C_DECIMAL64},
+    {LY_TYPE_EMPTY, "empty", C_EMPTY},
+    {LY_TYPE_ENUM, "enumeration", C_ENUM_VALUE},
+    {LY_TYPE_IDENT, "identityref", C_IDENTITYREF},
+    {LY_TYPE_INST, "instance-identifier", C_BUF},  // its path text
+    {LY_TYPE_LEAFREF, "leafref", C_BUF},
+    {LY_TYPE_UNION, "union", C_UNION},
+    {LY_TYPE_INT8, "int8", C_INT8},
+    {LY_TYPE_INT16, "int16", C_INT16},
+    {LY_TYPE_INT32, "int32", C_INT32},
+    {LY_TYPE_INT64, "int64", C_INT64},
+};
+
+const BuiltIn &BuiltInOf(LY_DATA_TYPE base) {
+  static constexpr BuiltIn kUnknown = {LY_TYPE_UNKNOWN, "unknown", C_BUF};
+  for (const BuiltIn &b : kBuiltIns) {
+    if (b.base == base) return b;
   }
+  return kUnknown;
 }
 
 // The parsed type statement that a chain of typedefs starting at pt ends
@@ -193,116 +187,90 @@ void AddIdentities(const lysc_ident *ident, std::vector<IdentItem> *out) {
   LY_ARRAY_FOR(ident->derived, i) AddIdentities(ident->derived[i], out);
 }
 
+LeafType MapTypeOf(const lysc_type *ct, const lysp_type *pt, int depth);
+
+void MapEnum(const lysc_type_enum &en, LeafType *out) {
+  LY_ARRAY_COUNT_TYPE i;
+  LY_ARRAY_FOR(en.enums, i) out->enums.push_back({en.enums[i].name, en.enums[i].value});
+}
+
+void MapBits(const lysc_type_bits &bits, LeafType *out) {
+  uint32_t highest = 0;
+  LY_ARRAY_COUNT_TYPE i;
+  LY_ARRAY_FOR(bits.bits, i) {
+    out->enums.push_back({bits.bits[i].name, static_cast<int32_t>(bits.bits[i].position)});
+    if (bits.bits[i].position > highest) highest = bits.bits[i].position;
+  }
+  out->vtype = highest < 32 ? C_BIT32 : highest < 64 ? C_BIT64 : C_BITBIG;
+}
+
+void MapUnion(const lysc_type_union &un, const lysp_type *pt, int depth, LeafType *out) {
+  const lysp_type *members = UnionStatement(pt);
+  LY_ARRAY_COUNT_TYPE i;
+  LY_ARRAY_FOR(un.types, i) {
+    const lysp_type *mpt =
+        members != nullptr && i < LY_ARRAY_COUNT(members->types) ? &members->types[i] : nullptr;
+    out->members.push_back(depth < 16 ? MapTypeOf(un.types[i], mpt, depth + 1) : LeafType());
+  }
+}
+
+// The compiled type forgets typedef names; the parsed statement keeps them.
+void MapStringTypedef(const lysp_type *pt, LeafType *out) {
+  for (int d = 0; pt != nullptr && d < 16; ++d) {
+    std::string_view bare = Bare(pt->name);
+    confd_vtype vt;
+    if (KnownStringType(bare, &vt)) {
+      out->vtype = vt;
+      out->name = std::string(bare);
+      return;
+    }
+    const lysp_tpdf *tpdf = TypedefOf(pt);
+    pt = tpdf ? &tpdf->type : nullptr;
+  }
+}
+
 // ConfD type of a compiled type ct, with pt the parsed type statement it
 // came from (typedef names are known only there; may be null).
 LeafType MapTypeOf(const lysc_type *ct, const lysp_type *pt, int depth) {
+  if (ct->basetype == LY_TYPE_LEAFREF) {
+    // The target's typedef names are not reachable from here: the real
+    // type's base decides.
+    LeafType real =
+        MapTypeOf(reinterpret_cast<const lysc_type_leafref *>(ct)->realtype, nullptr, depth + 1);
+    real.name = "leafref";
+    return real;
+  }
+  const BuiltIn &builtin = BuiltInOf(ct->basetype);
   LeafType out;
   out.ly = ct;
-  out.name = BaseTypeName(ct->basetype);
+  out.name = builtin.name;
+  out.vtype = builtin.vtype;
   switch (ct->basetype) {
-    case LY_TYPE_INT8:
-      out.vtype = C_INT8;
-      break;
-    case LY_TYPE_INT16:
-      out.vtype = C_INT16;
-      break;
-    case LY_TYPE_INT32:
-      out.vtype = C_INT32;
-      break;
-    case LY_TYPE_INT64:
-      out.vtype = C_INT64;
-      break;
-    case LY_TYPE_UINT8:
-      out.vtype = C_UINT8;
-      break;
-    case LY_TYPE_UINT16:
-      out.vtype = C_UINT16;
-      break;
-    case LY_TYPE_UINT32:
-      out.vtype = C_UINT32;
-      break;
-    case LY_TYPE_UINT64:
-      out.vtype = C_UINT64;
-      break;
-    case LY_TYPE_BOOL:
-      out.vtype = C_BOOL;
-      break;
-    case LY_TYPE_EMPTY:
-      out.vtype = C_EMPTY;
-      break;
     case LY_TYPE_BINARY:
-      out.vtype = C_BINARY;
       out.base64 = true;
       break;
     case LY_TYPE_DEC64:
-      out.vtype = C_DECIMAL64;
       out.fraction_digits = reinterpret_cast<const lysc_type_dec *>(ct)->fraction_digits;
       break;
-    case LY_TYPE_ENUM: {
-      out.vtype = C_ENUM_VALUE;
-      auto *en = reinterpret_cast<const lysc_type_enum *>(ct);
-      LY_ARRAY_COUNT_TYPE i;
-      LY_ARRAY_FOR(en->enums, i) {
-        out.enums.push_back({en->enums[i].name, en->enums[i].value});
-      }
+    case LY_TYPE_ENUM:
+      MapEnum(*reinterpret_cast<const lysc_type_enum *>(ct), &out);
       break;
-    }
-    case LY_TYPE_BITS: {
-      auto *bits = reinterpret_cast<const lysc_type_bits *>(ct);
-      uint32_t highest = 0;
-      LY_ARRAY_COUNT_TYPE i;
-      LY_ARRAY_FOR(bits->bits, i) {
-        out.enums.push_back({bits->bits[i].name, static_cast<int32_t>(bits->bits[i].position)});
-        if (bits->bits[i].position > highest) highest = bits->bits[i].position;
-      }
-      out.vtype = highest < 32 ? C_BIT32 : highest < 64 ? C_BIT64 : C_BITBIG;
+    case LY_TYPE_BITS:
+      MapBits(*reinterpret_cast<const lysc_type_bits *>(ct), &out);
       break;
-    }
     case LY_TYPE_IDENT: {
-      out.vtype = C_IDENTITYREF;
       auto *idref = reinterpret_cast<const lysc_type_identityref *>(ct);
       LY_ARRAY_COUNT_TYPE i;
       LY_ARRAY_FOR(idref->bases, i) AddIdentities(idref->bases[i], &out.idents);
       break;
     }
-    case LY_TYPE_UNION: {
-      out.vtype = C_UNION;
-      auto *un = reinterpret_cast<const lysc_type_union *>(ct);
-      const lysp_type *members = UnionStatement(pt);
-      LY_ARRAY_COUNT_TYPE i;
-      LY_ARRAY_FOR(un->types, i) {
-        const lysp_type *mpt =
-            members != nullptr && i < LY_ARRAY_COUNT(members->types) ? &members->types[i] : nullptr;
-        out.members.push_back(depth < 16 ? MapTypeOf(un->types[i], mpt, depth + 1) : LeafType());
-      }
+    case LY_TYPE_UNION:
+      MapUnion(*reinterpret_cast<const lysc_type_union *>(ct), pt, depth, &out);
       break;
-    }
-    case LY_TYPE_LEAFREF: {
-      // The target's typedef names are not reachable from here: the real
-      // type's base decides.
-      LeafType real =
-          MapTypeOf(reinterpret_cast<const lysc_type_leafref *>(ct)->realtype, nullptr, depth + 1);
-      real.name = "leafref";
-      return real;
-    }
-    case LY_TYPE_STRING: {
-      // The compiled type forgets typedef names; the parsed statement keeps them.
-      out.vtype = C_BUF;
-      for (int d = 0; pt != nullptr && d < 16; ++d) {
-        std::string_view bare = Bare(pt->name);
-        confd_vtype vt;
-        if (KnownStringType(bare, &vt)) {
-          out.vtype = vt;
-          out.name = std::string(bare);
-          break;
-        }
-        const lysp_tpdf *tpdf = TypedefOf(pt);
-        pt = tpdf ? &tpdf->type : nullptr;
-      }
+    case LY_TYPE_STRING:
+      MapStringTypedef(pt, &out);
       break;
-    }
-    default:  // instance-identifier: its path text
-      out.vtype = C_BUF;
+    default:
       break;
   }
   return out;
@@ -513,17 +481,46 @@ std::string SchemaIndex::PathOf(const SNode &s) {
 namespace ipapp::store {
 namespace {
 
-thread_local std::string libyang_log;
+// libyang's log callback takes no argument of ours to say whose parse a
+// message belongs to; the thread that made the call libyang is in is the
+// only owner there is.
+thread_local std::vector<LibyangMessage> libyang_messages;
+
+// The number after marker in text, or 0.
+int NumberAfter(std::string_view text, std::string_view marker) {
+  size_t at = text.find(marker);
+  if (at == std::string_view::npos) return 0;
+  at += marker.size();
+  int n = 0;
+  while (at < text.size() && text[at] >= '0' && text[at] <= '9' && n < 100000000) {
+    n = n * 10 + (text[at++] - '0');
+  }
+  return n;
+}
+
+// libyang (2.1) gives the location as one text: 'Schema location "...",
+// data location "...", line number N.', each part optional.
+void TakeLocationApart(LibyangMessage *m) {
+  const std::string &where = m->location;
+  static constexpr char kData[] = "Data location \"";
+  const size_t start = where.find(kData);
+  if (start != std::string::npos) {
+    const size_t from = start + sizeof kData - 1;
+    const size_t end = where.rfind('"');
+    if (end != std::string::npos && end >= from) m->data_path = where.substr(from, end - from);
+  }
+  m->line = NumberAfter(where, "line number ");
+  if (m->line == 0) m->line = NumberAfter(where, "Line number ");
+}
 
 void LogToBuffer(LY_LOG_LEVEL level, const char *msg, const char *path) {
   if (level > LY_LLWRN) return;
-  if (!libyang_log.empty()) libyang_log += '\n';
-  libyang_log += msg ? msg : "";
-  if (path != nullptr && *path != '\0') {
-    libyang_log += " (";
-    libyang_log += path;
-    libyang_log += ")";
-  }
+  LibyangMessage m;
+  m.level = level;
+  m.text = msg ? msg : "";
+  m.location = path ? path : "";
+  TakeLocationApart(&m);
+  libyang_messages.push_back(std::move(m));
 }
 
 }  // namespace
@@ -536,10 +533,14 @@ void CaptureLibyangLog() {
   });
 }
 
-std::string TakeLibyangLog() {
-  std::string out;
-  out.swap(libyang_log);
+std::vector<LibyangMessage> TakeLibyangMessages() {
+  std::vector<LibyangMessage> out;
+  out.swap(libyang_messages);
   return out;
+}
+
+std::string LibyangMessage::Text() const {
+  return location.empty() ? text : text + " (" + location + ")";
 }
 
 }  // namespace ipapp::store

@@ -119,11 +119,23 @@ const std::string *NsPrefix(uint32_t ns);
 /// when it is no union).
 const LeafType &UnionMember(const LeafType &type, const lyd_value &value);
 
-/// Routes libyang's messages into a per-thread buffer instead of stderr
+/// One error or warning as libyang's log callback gives it: the message,
+/// and its location, also taken apart.
+struct LibyangMessage {
+  LY_LOG_LEVEL level = LY_LLERR;
+  std::string text;
+  std::string location;   ///< as libyang wrote it; may be empty
+  std::string data_path;  ///< the data node it concerns; empty when not named
+  int line = 0;           ///< line of the parsed text; 0 when not named
+  /// "text (location)", or the text alone.
+  std::string Text() const;
+};
+
+/// Routes libyang's messages into a per-thread list instead of stderr
 /// (idempotent, process-wide).
 void CaptureLibyangLog();
-/// This thread's libyang messages since the last call, one per line.
-std::string TakeLibyangLog();
+/// This thread's libyang messages since the last call, in order.
+std::vector<LibyangMessage> TakeLibyangMessages();
 
 }  // namespace ipapp::store
 

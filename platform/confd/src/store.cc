@@ -30,6 +30,9 @@ Registry &Reg() {
   return *reg;
 }
 
+// The element's fault service and confd_lasterr() take no transaction or
+// socket: the transaction a thread last worked on, and the text of its last
+// failure, are all that can answer them.
 thread_local int current_thandle = 0;
 thread_local std::string last_error;
 
@@ -104,12 +107,12 @@ void Txn::ClearError() {
   has_error_ = false;
 }
 
-void Txn::AddFault(FaultRecord fault) {
+void Txn::AddFault(Fault fault) {
   std::lock_guard<std::mutex> lock(StoreMutex());
   faults_.push_back(std::move(fault));
 }
 
-std::vector<FaultRecord> Txn::Faults() const {
+std::vector<Fault> Txn::Faults() const {
   std::lock_guard<std::mutex> lock(StoreMutex());
   return faults_;
 }
@@ -127,9 +130,9 @@ void Txn::AddTraceLocked(const char *call, std::string_view path, int result,
   }
 }
 
-std::vector<TraceRecord> Txn::Trace() const {
+std::vector<TraceEntry> Txn::Trace() const {
   std::lock_guard<std::mutex> lock(StoreMutex());
-  std::vector<TraceRecord> out = trace_;
+  std::vector<TraceEntry> out = trace_;
   if (trace_dropped_ > 0) {
     out.push_back({"(trace full)", "", 0, std::to_string(trace_dropped_) + " calls not recorded"});
   }
@@ -142,9 +145,9 @@ void Txn::ClearTrace() {
   trace_dropped_ = 0;
 }
 
-Resources Txn::Open() const {
+OpenResources Txn::Open() const {
   std::lock_guard<std::mutex> lock(StoreMutex());
-  Resources r;
+  OpenResources r;
   r.cursors = static_cast<int>(cursors.size());
   for (const auto &[sock, info] : cdb_sockets) r.cdb_sessions += info.session ? 1 : 0;
   r.dup_values = static_cast<int>(dups.size());
@@ -167,7 +170,7 @@ std::vector<OpenItem> Txn::OpenItems() const {
   for (const auto &[p, dup] : dups) out.push_back({dup.serial, "value", dup.call, *dup.path});
   for (const auto &[p, item] : xpath_results) out.push_back(item);
   std::sort(out.begin(), out.end(),
-            [](const OpenItem &a, const OpenItem &b) { return a.serial < b.serial; });
+            [](const OpenItem &a, const OpenItem &b) { return a.id < b.id; });
   return out;
 }
 
@@ -382,27 +385,11 @@ bool KeypathOfPath(Txn &txn, const DataTree &tree, const ParsedPath &path, Keypa
         std::string why;
         const LeafType &type = elem.s->keys[k]->type;
         const std::string &text = txn.Intern(elem.keys[k]);
-        if (type.vtype == C_BUF) {
-          CONFD_SET_BUF(&keys[k], text.c_str(), text.size());
-          continue;
-        }
-        if (!ParseValue(type, text, &keys[k], &storage, &why)) {
+        if (!ParseKeptValue(type, text, &keys[k], &storage, &why, [&](std::string_view bytes) {
+              return std::string_view(txn.Intern(bytes));
+            })) {
           *error = why;
           return false;
-        }
-        switch (keys[k].type) {
-          case C_BUF:
-          case C_BINARY:
-          case C_HEXSTR:
-          case C_BITBIG: {  // the bytes live in storage: keep them
-            const std::string &bytes = txn.Intern(storage);
-            keys[k].val.buf.ptr =
-                reinterpret_cast<unsigned char *>(const_cast<char *>(bytes.data()));
-            keys[k].val.buf.size = static_cast<unsigned int>(bytes.size());
-            break;
-          }
-          default:
-            break;
         }
       }
       if (!kp->PushKeys(keys, elem.nkeys)) {

@@ -8,6 +8,7 @@
 
 #include <confd_lib.h>
 #include <confd_maapi.h>
+#include <ipapp/records.h>
 
 #include <atomic>
 #include <cstdint>
@@ -27,36 +28,10 @@
 
 namespace ipapp::store {
 
-struct FaultRecord {
-  int kind = 0;
-  std::string function;
-  std::string file;
-  int line = 0;
-  std::string message;
-};
-
-struct TraceRecord {
-  std::string call;
-  std::string path;
-  int result = 0;
-  std::string detail;
-};
-
-struct Resources {
-  int cursors = 0;
-  int cdb_sessions = 0;
-  int dup_values = 0;
-  int xpath_results = 0;
-};
-
-/// Something a call handed out that its caller has to give back (destroy,
-/// end, free): what a leak report names.
-struct OpenItem {
-  uint64_t serial = 0;    ///< order of opening, unique per transaction
-  const char *kind = "";  ///< "cursor", "CDB session", "value", "XPath result"
-  const char *call = "";  ///< the call that handed it out
-  std::string path;       ///< the path (or expression) it concerns
-};
+using host::Fault;
+using host::OpenItem;
+using host::OpenResources;
+using host::TraceEntry;
 
 /// State of an initialised cursor.
 struct CursorState {
@@ -106,15 +81,15 @@ class Txn {
   bool HasError() const;
   void ClearError();
 
-  void AddFault(FaultRecord fault);
-  std::vector<FaultRecord> Faults() const;
-  std::vector<TraceRecord> Trace() const;
+  void AddFault(Fault fault);
+  std::vector<Fault> Faults() const;
+  std::vector<TraceEntry> Trace() const;
   void ClearTrace();
   /// Whether calls are recorded in the trace (they are from the start).
   /// Calls that are not recorded build no trace text at all.
   void RecordTrace(bool on) { record_trace_.store(on, std::memory_order_relaxed); }
   bool recording_trace() const { return record_trace_.load(std::memory_order_relaxed); }
-  Resources Open() const;
+  OpenResources Open() const;
   /// What is open, in the order it was opened.
   std::vector<OpenItem> OpenItems() const;
 
@@ -146,6 +121,18 @@ class Txn {
     dup_paths_.emplace(*kept, std::move(copy));
     return last_dup_path_ = kept;
   }
+  /// The last path a MAAPI (cdb false) or a CDB call parsed on this
+  /// transaction, kept for the next one: successive calls mostly name the
+  /// same path or one with the same beginning (exists, then get; entry
+  /// after entry of one list). MAAPI and CDB paths parse apart ("[N]" is
+  /// CDB's). Like the transaction, a memo serves one caller at a time.
+  struct PathMemo {
+    PathMemo() { text.reserve(256); }
+    ParsedPath parsed;
+    std::string text;
+  };
+  PathMemo &path_memo(bool cdb) { return path_memo_[cdb ? 1 : 0]; }
+
   /// Empty XPath results: handed out, never freed by the element's
   /// plug-ins; released with the transaction.
   std::unordered_map<char *, OpenItem> xpath_results;
@@ -158,8 +145,8 @@ class Txn {
   std::unique_ptr<DataTree> candidate_;
   std::string error_;
   bool has_error_ = false;
-  std::vector<FaultRecord> faults_;
-  std::vector<TraceRecord> trace_;
+  std::vector<Fault> faults_;
+  std::vector<TraceEntry> trace_;
   size_t trace_dropped_ = 0;
   std::atomic<bool> record_trace_{true};
   bool fail_cdb_ = false;
@@ -173,6 +160,7 @@ class Txn {
   uint64_t serial_ = 0;
   std::unordered_map<std::string_view, std::unique_ptr<std::string>> dup_paths_;
   const std::string *last_dup_path_ = nullptr;
+  PathMemo path_memo_[2];
 };
 
 /// The store's one lock: registry and per-transaction bookkeeping.

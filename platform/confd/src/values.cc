@@ -2,11 +2,14 @@
 
 #include <arpa/inet.h>
 
+#include <array>
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 #include <limits>
 #include <string>
+#include <type_traits>
 
 namespace ipapp::store {
 namespace {
@@ -409,536 +412,641 @@ int CmpBytes(const void *a, size_t na, const void *b, size_t nb) {
   return Cmp(na, nb);
 }
 
+// Members of the value union by C type, for the rows of the integer types.
+template <typename T>
+T &NumberOf(confd_value_t &v) {
+  if constexpr (std::is_same_v<T, int8_t>) {
+    return v.val.i8;
+  } else if constexpr (std::is_same_v<T, int16_t>) {
+    return v.val.i16;
+  } else if constexpr (std::is_same_v<T, int32_t>) {
+    return v.val.i32;
+  } else if constexpr (std::is_same_v<T, int64_t>) {
+    return v.val.i64;
+  } else if constexpr (std::is_same_v<T, uint8_t>) {
+    return v.val.u8;
+  } else if constexpr (std::is_same_v<T, uint16_t>) {
+    return v.val.u16;
+  } else if constexpr (std::is_same_v<T, uint32_t>) {
+    return v.val.u32;
+  } else {
+    static_assert(std::is_same_v<T, uint64_t>, "an integer type of the value union");
+    return v.val.u64;
+  }
+}
+
+template <typename T>
+T NumberOf(const confd_value_t &v) {
+  return NumberOf<T>(const_cast<confd_value_t &>(v));
+}
+
+// The behaviours a row is made of. A parse function gets the leaf type
+// (never a union: ParseValue picks the member), a format function the leaf
+// type or null.
+
+bool ParseText(const LeafType &, std::string_view text, confd_value_t *v, std::string *storage,
+               std::string *) {
+  storage->assign(text);
+  CONFD_SET_BUF(v, storage->c_str(), storage->size());
+  return true;
+}
+
+bool NoText(const confd_value_t &, const LeafType *, std::string *) {
+  return false;
+}
+
+void PrettyAsText(const confd_value_t &v, std::string *out) {
+  FormatValue(v, nullptr, out);
+}
+
+int Unordered(const confd_value_t &, const confd_value_t &) {
+  return 0;
+}
+
+template <typename T, int kVtype>
+bool ParseNumber(const LeafType &, std::string_view text, confd_value_t *v, std::string *,
+                 std::string *error) {
+  if constexpr (std::is_signed_v<T>) {
+    int64_t s;
+    if (!ParseSigned(text, std::numeric_limits<T>::min(), std::numeric_limits<T>::max(), &s,
+                     error)) {
+      return false;
+    }
+    NumberOf<T>(*v) = static_cast<T>(s);
+  } else {
+    uint64_t u;
+    if (!ParseUnsigned(text, std::numeric_limits<T>::max(), &u, error)) return false;
+    NumberOf<T>(*v) = static_cast<T>(u);
+  }
+  v->type = static_cast<confd_vtype>(kVtype);
+  return true;
+}
+
+template <typename T>
+bool FormatNumber(const confd_value_t &v, const LeafType *, std::string *out) {
+  *out += std::to_string(NumberOf<T>(v));
+  return true;
+}
+
+template <typename T>
+int CompareNumbers(const confd_value_t &a, const confd_value_t &b) {
+  return Cmp(NumberOf<T>(a), NumberOf<T>(b));
+}
+
+// Byte strings: C_BUF, C_BINARY, C_HEXSTR, C_BITBIG.
+int CompareBuffers(const confd_value_t &a, const confd_value_t &b) {
+  return CmpBytes(a.val.buf.ptr, a.val.buf.size, b.val.buf.ptr, b.val.buf.size);
+}
+
+bool FormatBuf(const confd_value_t &v, const LeafType *, std::string *out) {
+  if (v.val.buf.ptr != nullptr) {
+    out->append(reinterpret_cast<const char *>(v.val.buf.ptr), v.val.buf.size);
+  }
+  return true;
+}
+
+bool FormatStr(const confd_value_t &v, const LeafType *, std::string *out) {
+  if (v.val.c_s != nullptr) out->append(v.val.c_s);
+  return true;
+}
+
+bool ParseBool(const LeafType &, std::string_view text, confd_value_t *v, std::string *,
+               std::string *error) {
+  if (text != "true" && text != "false") {
+    *error = "not true or false";
+    return false;
+  }
+  CONFD_SET_BOOL(v, text == "true");
+  return true;
+}
+
+bool FormatBool(const confd_value_t &v, const LeafType *, std::string *out) {
+  *out += v.val.boolean ? "true" : "false";
+  return true;
+}
+
+int CompareBools(const confd_value_t &a, const confd_value_t &b) {
+  return Cmp(a.val.boolean != 0, b.val.boolean != 0);
+}
+
+bool ParseEmpty(const LeafType &, std::string_view text, confd_value_t *v, std::string *,
+                std::string *error) {
+  if (!text.empty()) {
+    *error = "a value of type empty has no text";
+    return false;
+  }
+  CONFD_SET_EMPTY(v);
+  return true;
+}
+
+bool FormatEmpty(const confd_value_t &, const LeafType *, std::string *) {
+  return true;
+}
+
+bool ParseEnum(const LeafType &type, std::string_view text, confd_value_t *v, std::string *,
+               std::string *error) {
+  for (const EnumItem &e : type.enums) {
+    if (text == e.name) {
+      CONFD_SET_ENUM_VALUE(v, e.value);
+      return true;
+    }
+  }
+  // The number of a defined enum is accepted as well.
+  int64_t s;
+  if (ParseSigned(text, INT32_MIN, INT32_MAX, &s, error)) {
+    for (const EnumItem &e : type.enums) {
+      if (e.value == s) {
+        CONFD_SET_ENUM_VALUE(v, e.value);
+        return true;
+      }
+    }
+  }
+  *error = "not a value of the enumeration";
+  return false;
+}
+
+bool FormatEnum(const confd_value_t &v, const LeafType *type, std::string *out) {
+  if (type != nullptr) {
+    for (const EnumItem &e : type->enums) {
+      if (e.value == v.val.enumvalue) {
+        *out += e.name;
+        return true;
+      }
+    }
+  }
+  *out += std::to_string(v.val.enumvalue);
+  return true;
+}
+
+void PrettyEnum(const confd_value_t &v, std::string *out) {
+  *out += "enum<" + std::to_string(v.val.enumvalue) + ">";
+}
+
+int CompareEnums(const confd_value_t &a, const confd_value_t &b) {
+  return Cmp(a.val.enumvalue, b.val.enumvalue);
+}
+
+bool FormatBits(const confd_value_t &v, const LeafType *type, std::string *out) {
+  if (type == nullptr) {
+    PrettyValue(v, out);
+  } else {
+    AppendBitNames(*type, v, out);
+  }
+  return true;
+}
+
+void PrettyBit32(const confd_value_t &v, std::string *out) {
+  char buf[32];
+  std::snprintf(buf, sizeof buf, "bits<%X>", v.val.b32);
+  *out += buf;
+}
+
+void PrettyBit64(const confd_value_t &v, std::string *out) {
+  char buf[32];
+  std::snprintf(buf, sizeof buf, "bits<%llX>", static_cast<unsigned long long>(v.val.b64));
+  *out += buf;
+}
+
+void PrettyBitBig(const confd_value_t &v, std::string *out) {
+  // Little-endian bytes: the most significant byte is the last one.
+  char buf[16];
+  std::string hex;
+  for (size_t i = v.val.buf.size; i-- > 0;) {
+    std::snprintf(buf, sizeof buf, "%02X", v.val.buf.ptr[i]);
+    hex += buf;
+  }
+  size_t lead = hex.find_first_not_of('0');
+  *out += "bits<" + (lead == std::string::npos ? std::string("0") : hex.substr(lead)) + ">";
+}
+
+int CompareBit32(const confd_value_t &a, const confd_value_t &b) {
+  return Cmp(a.val.b32, b.val.b32);
+}
+
+int CompareBit64(const confd_value_t &a, const confd_value_t &b) {
+  return Cmp(a.val.b64, b.val.b64);
+}
+
+// Addresses. kFamily's address bytes sit at the start of the value union
+// for every address type (in_addr, in6_addr, dotted quad, prefixes).
+template <int kFamily>
+bool ParseAddress(const LeafType &type, std::string_view text, confd_value_t *v, std::string *,
+                  std::string *error) {
+  unsigned char bytes[sizeof(struct in6_addr)];
+  if (inet_pton(kFamily, std::string(text).c_str(), bytes) != 1) {
+    *error = type.vtype == C_DQUAD ? "not a dotted quad"
+             : kFamily == AF_INET  ? "not an IPv4 address"
+                                   : "not an IPv6 address";
+    return false;
+  }
+  if (type.vtype == C_DQUAD) {
+    struct confd_dotted_quad q;
+    std::memcpy(q.quad, bytes, 4);
+    CONFD_SET_DQUAD(v, q);
+  } else if (kFamily == AF_INET) {
+    struct in_addr a;
+    std::memcpy(&a, bytes, sizeof a);
+    CONFD_SET_IPV4(v, a);
+  } else {
+    struct in6_addr a;
+    std::memcpy(&a, bytes, sizeof a);
+    CONFD_SET_IPV6(v, a);
+  }
+  return true;
+}
+
+template <int kFamily>
+const void *AddressBytes(const confd_value_t &v) {
+  if constexpr (kFamily == AF_INET) {
+    return v.type == C_DQUAD ? static_cast<const void *>(v.val.dquad.quad)
+                             : static_cast<const void *>(&v.val.ip);
+  } else {
+    return &v.val.ip6;
+  }
+}
+
+template <int kFamily>
+bool FormatAddress(const confd_value_t &v, const LeafType *, std::string *out) {
+  char buf[INET6_ADDRSTRLEN + 8];
+  inet_ntop(kFamily, AddressBytes<kFamily>(v), buf, sizeof buf);
+  *out += buf;
+  return true;
+}
+
+template <int kFamily>
+int CompareAddresses(const confd_value_t &a, const confd_value_t &b) {
+  const size_t n = kFamily == AF_INET ? 4 : 16;
+  return CmpBytes(AddressBytes<kFamily>(a), n, AddressBytes<kFamily>(b), n);
+}
+
+bool ParsePrefix4(const LeafType &type, std::string_view text, confd_value_t *v, std::string *,
+                  std::string *error) {
+  struct confd_ipv4_prefix p {};
+  if (!ParseAddrAndLen(text, AF_INET, &p.ip, 32, &p.len, error)) return false;
+  v->type = type.vtype;
+  v->val.ipv4prefix = p;
+  return true;
+}
+
+bool ParsePrefix6(const LeafType &type, std::string_view text, confd_value_t *v, std::string *,
+                  std::string *error) {
+  struct confd_ipv6_prefix p {};
+  if (!ParseAddrAndLen(text, AF_INET6, &p.ip6, 128, &p.len, error)) return false;
+  v->type = type.vtype;
+  v->val.ipv6prefix = p;
+  return true;
+}
+
+bool FormatPrefix4(const confd_value_t &v, const LeafType *, std::string *out) {
+  char buf[INET6_ADDRSTRLEN + 8];
+  inet_ntop(AF_INET, &v.val.ipv4prefix.ip, buf, sizeof buf);
+  *out += buf;
+  *out += '/';
+  *out += std::to_string(v.val.ipv4prefix.len);
+  return true;
+}
+
+bool FormatPrefix6(const confd_value_t &v, const LeafType *, std::string *out) {
+  char buf[INET6_ADDRSTRLEN + 8];
+  inet_ntop(AF_INET6, &v.val.ipv6prefix.ip6, buf, sizeof buf);
+  *out += buf;
+  *out += '/';
+  *out += std::to_string(v.val.ipv6prefix.len);
+  return true;
+}
+
+int ComparePrefix4(const confd_value_t &a, const confd_value_t &b) {
+  int c = CmpBytes(&a.val.ipv4prefix.ip, 4, &b.val.ipv4prefix.ip, 4);
+  return c ? c : Cmp(a.val.ipv4prefix.len, b.val.ipv4prefix.len);
+}
+
+int ComparePrefix6(const confd_value_t &a, const confd_value_t &b) {
+  int c = CmpBytes(&a.val.ipv6prefix.ip6, 16, &b.val.ipv6prefix.ip6, 16);
+  return c ? c : Cmp(a.val.ipv6prefix.len, b.val.ipv6prefix.len);
+}
+
+bool ParseDateTimeValue(const LeafType &, std::string_view text, confd_value_t *v, std::string *,
+                        std::string *error) {
+  struct confd_datetime dt;
+  if (!ParseDateTime(text, &dt)) {
+    *error = "not a date-and-time";
+    return false;
+  }
+  CONFD_SET_DATETIME(v, dt);
+  return true;
+}
+
+bool FormatDateTime(const confd_value_t &v, const LeafType *, std::string *out) {
+  AppendDateTime(v.val.datetime, out);
+  return true;
+}
+
+int CompareDateTimes(const confd_value_t &a, const confd_value_t &b) {
+  const confd_datetime &x = a.val.datetime;
+  const confd_datetime &y = b.val.datetime;
+  const int64_t kx[] = {x.year, x.month, x.day, x.hour, x.min, x.sec, x.micro};
+  const int64_t ky[] = {y.year, y.month, y.day, y.hour, y.min, y.sec, y.micro};
+  for (int i = 0; i < 7; ++i) {
+    if (int c = Cmp(kx[i], ky[i])) return c;
+  }
+  return 0;
+}
+
+bool ParseDecimal(const LeafType &type, std::string_view text, confd_value_t *v, std::string *,
+                  std::string *error) {
+  struct confd_decimal64 d;
+  if (!ParseDecimal64(text, type.fraction_digits, &d, error)) return false;
+  CONFD_SET_DECIMAL64(v, d);
+  return true;
+}
+
+bool FormatDecimal(const confd_value_t &v, const LeafType *, std::string *out) {
+  AppendDecimal64(v.val.d64, out);
+  return true;
+}
+
+void PrettyDecimal(const confd_value_t &v, std::string *out) {
+  if (v.val.d64.fraction_digits >= 1 && v.val.d64.fraction_digits <= 18) {
+    AppendDecimal64(v.val.d64, out);
+  } else {
+    *out += "invalid64<" + std::to_string(v.val.d64.value) + ">";
+  }
+}
+
+int CompareDecimals(const confd_value_t &a, const confd_value_t &b) {
+  return Cmp(a.val.d64.value, b.val.d64.value);
+}
+
+bool ParseIdentityref(const LeafType &type, std::string_view text, confd_value_t *v, std::string *,
+                      std::string *error) {
+  size_t colon = text.find(':');
+  std::string_view qual = colon == std::string_view::npos ? "" : text.substr(0, colon);
+  std::string_view name = colon == std::string_view::npos ? text : text.substr(colon + 1);
+  for (const IdentItem &id : type.idents) {
+    if (name == id.name && (qual.empty() || qual == id.prefix || qual == id.module)) {
+      CONFD_SET_IDENTITYREF(v, (confd_identityref{id.ns, id.id}));
+      return true;
+    }
+  }
+  *error = "not an identity the identityref may name";
+  return false;
+}
+
+bool FormatIdentityref(const confd_value_t &v, const LeafType *type, std::string *out) {
+  if (type != nullptr) {
+    for (const IdentItem &id : type->idents) {
+      if (id.ns == v.val.idref.ns && id.id == v.val.idref.id) {
+        *out += id.prefix + ":" + id.name;
+        return true;
+      }
+    }
+  }
+  const std::string *prefix = NsPrefix(v.val.idref.ns);
+  const std::string *name = TagName(v.val.idref.id);
+  if (name == nullptr) return false;
+  if (prefix != nullptr) *out += *prefix + ":";
+  *out += *name;
+  return true;
+}
+
+void PrettyIdentityref(const confd_value_t &v, std::string *out) {
+  const std::string *name = TagName(v.val.idref.id);
+  *out += name ? *name : "idref<" + std::to_string(v.val.idref.id) + ">";
+}
+
+int CompareIdentityrefs(const confd_value_t &a, const confd_value_t &b) {
+  int c = Cmp(a.val.idref.ns, b.val.idref.ns);
+  return c ? c : Cmp(a.val.idref.id, b.val.idref.id);
+}
+
+bool FormatXmlTag(const confd_value_t &v, const LeafType *, std::string *out) {
+  const std::string *name = TagName(v.val.xmltag.tag);
+  if (name == nullptr) return false;
+  *out += *name;
+  return true;
+}
+
+void PrettyXmlTag(const confd_value_t &v, std::string *out) {
+  const std::string *name = TagName(v.val.xmltag.tag);
+  *out += name ? *name : "tag<" + std::to_string(v.val.xmltag.tag) + ">";
+}
+
+bool ParseBinary(const LeafType &type, std::string_view text, confd_value_t *v,
+                 std::string *storage, std::string *error) {
+  if (!(type.base64 ? ParseBase64(text, storage, error) : ParseHex(text, storage, error))) {
+    return false;
+  }
+  CONFD_SET_BINARY(v, storage->data(), storage->size());
+  return true;
+}
+
+bool FormatBinary(const confd_value_t &v, const LeafType *type, std::string *out) {
+  if (type != nullptr && type->base64) {
+    AppendBase64(v.val.buf.ptr, v.val.buf.size, out);
+  } else {
+    AppendHex(v.val.buf.ptr, v.val.buf.size, ":", false, out);
+  }
+  return true;
+}
+
+void PrettyBinary(const confd_value_t &v, std::string *out) {
+  AppendHex(v.val.buf.ptr, v.val.buf.size, "", true, out);
+}
+
+bool ParseHexString(const LeafType &, std::string_view text, confd_value_t *v, std::string *storage,
+                    std::string *error) {
+  if (!ParseHex(text, storage, error)) return false;
+  CONFD_SET_HEXSTR(v, storage->data(), storage->size());
+  return true;
+}
+
+bool FormatHexString(const confd_value_t &v, const LeafType *, std::string *out) {
+  AppendHex(v.val.buf.ptr, v.val.buf.size, ":", false, out);
+  return true;
+}
+
+bool ParseUnion(const LeafType &type, std::string_view text, confd_value_t *v, std::string *storage,
+                std::string *error) {
+  for (const LeafType &m : type.members) {
+    std::string why;
+    if (ParseValue(m, text, v, storage, &why)) return true;
+  }
+  *error = "matches no member type of the union";
+  return false;
+}
+
+void PrettyDouble(const confd_value_t &v, std::string *out) {
+  char buf[64];
+  std::snprintf(buf, sizeof buf, "%.15g", v.val.d);
+  *out += buf;
+}
+
+void PrettyQName(const confd_value_t &v, std::string *out) {
+  if (v.val.qname.prefix.ptr != nullptr && v.val.qname.prefix.size > 0) {
+    out->append(reinterpret_cast<const char *>(v.val.qname.prefix.ptr), v.val.qname.prefix.size);
+    out->push_back(':');
+  }
+  if (v.val.qname.name.ptr != nullptr) {
+    out->append(reinterpret_cast<const char *>(v.val.qname.name.ptr), v.val.qname.name.size);
+  }
+}
+
+void PrettyDate(const confd_value_t &v, std::string *out) {
+  char buf[48];
+  std::snprintf(buf, sizeof buf, "%04d-%02u-%02u", v.val.date.year, v.val.date.month,
+                v.val.date.day);
+  *out += buf;
+  AppendZone(v.val.date.timezone, v.val.date.timezone_minutes, out);
+}
+
+void PrettyTime(const confd_value_t &v, std::string *out) {
+  char buf[48];
+  std::snprintf(buf, sizeof buf, "%02u:%02u:%02u", v.val.time.hour, v.val.time.min, v.val.time.sec);
+  *out += buf;
+  AppendZone(v.val.time.timezone, v.val.time.timezone_minutes, out);
+}
+
+void PrettyDuration(const confd_value_t &v, std::string *out) {
+  char buf[128];
+  const confd_duration &d = v.val.duration;
+  std::snprintf(buf, sizeof buf, "P%uY%uM%uDT%uH%uM%u.%06uS", d.years, d.months, d.days, d.hours,
+                d.mins, d.secs, d.micros);
+  *out += buf;
+}
+
+void PrettyOid(const confd_value_t &v, std::string *out) {
+  if (v.val.oidp == nullptr) return;
+  for (int i = 0; i < v.val.oidp->len && i < 128; ++i) {
+    if (i) out->push_back('.');
+    *out += std::to_string(v.val.oidp->oid[i]);
+  }
+}
+
+void PrettyList(const confd_value_t &v, std::string *out) {
+  for (unsigned i = 0; v.val.list.ptr != nullptr && i < v.val.list.size; ++i) {
+    if (i) out->push_back(' ');
+    PrettyValue(v.val.list.ptr[i], out);
+  }
+}
+
+// A type the store only names: no text to parse but a string's, no text
+// form, no order.
+constexpr ValueType Named(int vtype, const char *name) {
+  return {vtype, name, false, ParseText, NoText, PrettyAsText, Unordered};
+}
+
+template <typename T, int kVtype>
+constexpr ValueType Number(const char *name) {
+  return {kVtype,           name, false, ParseNumber<T, kVtype>, FormatNumber<T>, PrettyAsText,
+          CompareNumbers<T>};
+}
+
+// One row per type; types missing here are unnamed ("C_?") and behave as
+// Named ones.
+constexpr ValueType kRows[] = {
+    Named(C_NOEXISTS, "C_NOEXISTS"),
+    {C_XMLTAG, "C_XMLTAG", false, ParseText, FormatXmlTag, PrettyXmlTag, Unordered},
+    Named(C_SYMBOL, "C_SYMBOL"),
+    {C_STR, "C_STR", false, ParseText, FormatStr, PrettyAsText, Unordered},
+    {C_BUF, "C_BUF", true, ParseText, FormatBuf, PrettyAsText, CompareBuffers},
+    Number<int8_t, C_INT8>("C_INT8"),
+    Number<int16_t, C_INT16>("C_INT16"),
+    Number<int32_t, C_INT32>("C_INT32"),
+    Number<int64_t, C_INT64>("C_INT64"),
+    Number<uint8_t, C_UINT8>("C_UINT8"),
+    Number<uint16_t, C_UINT16>("C_UINT16"),
+    Number<uint32_t, C_UINT32>("C_UINT32"),
+    Number<uint64_t, C_UINT64>("C_UINT64"),
+    {C_DOUBLE, "C_DOUBLE", false, ParseText, NoText, PrettyDouble, Unordered},
+    {C_IPV4, "C_IPV4", false, ParseAddress<AF_INET>, FormatAddress<AF_INET>, PrettyAsText,
+     CompareAddresses<AF_INET>},
+    {C_IPV6, "C_IPV6", false, ParseAddress<AF_INET6>, FormatAddress<AF_INET6>, PrettyAsText,
+     CompareAddresses<AF_INET6>},
+    {C_BOOL, "C_BOOL", false, ParseBool, FormatBool, PrettyAsText, CompareBools},
+    {C_QNAME, "C_QNAME", false, ParseText, NoText, PrettyQName, Unordered},
+    {C_DATETIME, "C_DATETIME", false, ParseDateTimeValue, FormatDateTime, PrettyAsText,
+     CompareDateTimes},
+    {C_DATE, "C_DATE", false, ParseText, NoText, PrettyDate, Unordered},
+    {C_TIME, "C_TIME", false, ParseText, NoText, PrettyTime, Unordered},
+    {C_DURATION, "C_DURATION", false, ParseText, NoText, PrettyDuration, Unordered},
+    {C_ENUM_VALUE, "C_ENUM_VALUE", false, ParseEnum, FormatEnum, PrettyEnum, CompareEnums},
+    {C_BIT32, "C_BIT32", false, ParseBits, FormatBits, PrettyBit32, CompareBit32},
+    {C_BIT64, "C_BIT64", false, ParseBits, FormatBits, PrettyBit64, CompareBit64},
+    {C_LIST, "C_LIST", false, ParseText, NoText, PrettyList, Unordered},
+    Named(C_XMLBEGIN, "C_XMLBEGIN"),
+    Named(C_XMLEND, "C_XMLEND"),
+    Named(C_OBJECTREF, "C_OBJECTREF"),
+    {C_UNION, "C_UNION", false, ParseUnion, NoText, PrettyAsText, Unordered},
+    Named(C_PTR, "C_PTR"),
+    Named(C_CDBBEGIN, "C_CDBBEGIN"),
+    {C_OID, "C_OID", false, ParseText, NoText, PrettyOid, Unordered},
+    {C_BINARY, "C_BINARY", true, ParseBinary, FormatBinary, PrettyBinary, CompareBuffers},
+    {C_IPV4PREFIX, "C_IPV4PREFIX", false, ParsePrefix4, FormatPrefix4, PrettyAsText,
+     ComparePrefix4},
+    {C_IPV6PREFIX, "C_IPV6PREFIX", false, ParsePrefix6, FormatPrefix6, PrettyAsText,
+     ComparePrefix6},
+    Named(C_DEFAULT, "C_DEFAULT"),
+    {C_DECIMAL64, "C_DECIMAL64", false, ParseDecimal, FormatDecimal, PrettyDecimal,
+     CompareDecimals},
+    {C_IDENTITYREF, "C_IDENTITYREF", false, ParseIdentityref, FormatIdentityref, PrettyIdentityref,
+     CompareIdentityrefs},
+    Named(C_XMLBEGINDEL, "C_XMLBEGINDEL"),
+    {C_DQUAD, "C_DQUAD", false, ParseAddress<AF_INET>, FormatAddress<AF_INET>, PrettyAsText,
+     CompareAddresses<AF_INET>},
+    {C_HEXSTR, "C_HEXSTR", true, ParseHexString, FormatHexString, PrettyAsText, CompareBuffers},
+    {C_IPV4_AND_PLEN, "C_IPV4_AND_PLEN", false, ParsePrefix4, FormatPrefix4, PrettyAsText,
+     ComparePrefix4},
+    {C_IPV6_AND_PLEN, "C_IPV6_AND_PLEN", false, ParsePrefix6, FormatPrefix6, PrettyAsText,
+     ComparePrefix6},
+    {C_BITBIG, "C_BITBIG", true, ParseBits, FormatBits, PrettyBitBig, CompareBuffers},
+    Named(C_XMLMOVEFIRST, "C_XMLMOVEFIRST"),
+    Named(C_XMLMOVEAFTER, "C_XMLMOVEAFTER"),
+    {C_EMPTY, "C_EMPTY", false, ParseEmpty, FormatEmpty, PrettyAsText, Unordered},
+};
+
+constexpr std::array<ValueType, C_MAXTYPE> Table() {
+  std::array<ValueType, C_MAXTYPE> table{};
+  for (int i = 0; i < C_MAXTYPE; ++i) table[i] = Named(i, "C_?");
+  for (const ValueType &row : kRows) table[row.vtype] = row;
+  return table;
+}
+
+constexpr bool RowsUnique() {
+  for (size_t i = 0; i < std::size(kRows); ++i) {
+    if (kRows[i].vtype <= 0 || kRows[i].vtype >= C_MAXTYPE) return false;
+    for (size_t j = 0; j < i; ++j) {
+      if (kRows[i].vtype == kRows[j].vtype) return false;
+    }
+  }
+  return true;
+}
+static_assert(RowsUnique(), "one row per type, each a type of the enumeration");
+
 }  // namespace
+
+const std::array<ValueType, C_MAXTYPE> kValueTypes = Table();
 
 bool ParseValue(const LeafType &type, std::string_view text, confd_value_t *v, std::string *storage,
                 std::string *error) {
-  int64_t s;
-  uint64_t u;
-  switch (type.vtype) {
-    case C_INT8:
-      if (!ParseSigned(text, INT8_MIN, INT8_MAX, &s, error)) return false;
-      CONFD_SET_INT8(v, static_cast<int8_t>(s));
-      return true;
-    case C_INT16:
-      if (!ParseSigned(text, INT16_MIN, INT16_MAX, &s, error)) return false;
-      CONFD_SET_INT16(v, static_cast<int16_t>(s));
-      return true;
-    case C_INT32:
-      if (!ParseSigned(text, INT32_MIN, INT32_MAX, &s, error)) return false;
-      CONFD_SET_INT32(v, static_cast<int32_t>(s));
-      return true;
-    case C_INT64:
-      if (!ParseSigned(text, INT64_MIN, INT64_MAX, &s, error)) return false;
-      CONFD_SET_INT64(v, s);
-      return true;
-    case C_UINT8:
-      if (!ParseUnsigned(text, UINT8_MAX, &u, error)) return false;
-      CONFD_SET_UINT8(v, static_cast<uint8_t>(u));
-      return true;
-    case C_UINT16:
-      if (!ParseUnsigned(text, UINT16_MAX, &u, error)) return false;
-      CONFD_SET_UINT16(v, static_cast<uint16_t>(u));
-      return true;
-    case C_UINT32:
-      if (!ParseUnsigned(text, UINT32_MAX, &u, error)) return false;
-      CONFD_SET_UINT32(v, static_cast<uint32_t>(u));
-      return true;
-    case C_UINT64:
-      if (!ParseUnsigned(text, UINT64_MAX, &u, error)) return false;
-      CONFD_SET_UINT64(v, u);
-      return true;
-    case C_BOOL:
-      if (text != "true" && text != "false") {
-        *error = "not true or false";
-        return false;
-      }
-      CONFD_SET_BOOL(v, text == "true");
-      return true;
-    case C_EMPTY:
-      if (!text.empty()) {
-        *error = "a value of type empty has no text";
-        return false;
-      }
-      CONFD_SET_EMPTY(v);
-      return true;
-    case C_ENUM_VALUE:
-      for (const EnumItem &e : type.enums) {
-        if (text == e.name) {
-          CONFD_SET_ENUM_VALUE(v, e.value);
-          return true;
-        }
-      }
-      // The number of a defined enum is accepted as well.
-      if (ParseSigned(text, INT32_MIN, INT32_MAX, &s, error)) {
-        for (const EnumItem &e : type.enums) {
-          if (e.value == s) {
-            CONFD_SET_ENUM_VALUE(v, e.value);
-            return true;
-          }
-        }
-      }
-      *error = "not a value of the enumeration";
-      return false;
-    case C_BIT32:
-    case C_BIT64:
-    case C_BITBIG:
-      return ParseBits(type, text, v, storage, error);
-    case C_IPV4: {
-      struct in_addr a;
-      if (inet_pton(AF_INET, std::string(text).c_str(), &a) != 1) {
-        *error = "not an IPv4 address";
-        return false;
-      }
-      CONFD_SET_IPV4(v, a);
-      return true;
-    }
-    case C_IPV6: {
-      struct in6_addr a;
-      if (inet_pton(AF_INET6, std::string(text).c_str(), &a) != 1) {
-        *error = "not an IPv6 address";
-        return false;
-      }
-      CONFD_SET_IPV6(v, a);
-      return true;
-    }
-    case C_IPV4_AND_PLEN:
-    case C_IPV4PREFIX: {
-      struct confd_ipv4_prefix p {};
-      if (!ParseAddrAndLen(text, AF_INET, &p.ip, 32, &p.len, error)) return false;
-      v->type = type.vtype;
-      v->val.ipv4prefix = p;
-      return true;
-    }
-    case C_IPV6_AND_PLEN:
-    case C_IPV6PREFIX: {
-      struct confd_ipv6_prefix p {};
-      if (!ParseAddrAndLen(text, AF_INET6, &p.ip6, 128, &p.len, error)) return false;
-      v->type = type.vtype;
-      v->val.ipv6prefix = p;
-      return true;
-    }
-    case C_DQUAD: {
-      struct in_addr a;
-      if (inet_pton(AF_INET, std::string(text).c_str(), &a) != 1) {
-        *error = "not a dotted quad";
-        return false;
-      }
-      struct confd_dotted_quad q;
-      std::memcpy(q.quad, &a, 4);
-      CONFD_SET_DQUAD(v, q);
-      return true;
-    }
-    case C_DATETIME: {
-      struct confd_datetime dt;
-      if (!ParseDateTime(text, &dt)) {
-        *error = "not a date-and-time";
-        return false;
-      }
-      CONFD_SET_DATETIME(v, dt);
-      return true;
-    }
-    case C_DECIMAL64: {
-      struct confd_decimal64 d;
-      if (!ParseDecimal64(text, type.fraction_digits, &d, error)) return false;
-      CONFD_SET_DECIMAL64(v, d);
-      return true;
-    }
-    case C_IDENTITYREF: {
-      size_t colon = text.find(':');
-      std::string_view qual = colon == std::string_view::npos ? "" : text.substr(0, colon);
-      std::string_view name = colon == std::string_view::npos ? text : text.substr(colon + 1);
-      for (const IdentItem &id : type.idents) {
-        if (name == id.name && (qual.empty() || qual == id.prefix || qual == id.module)) {
-          CONFD_SET_IDENTITYREF(v, (confd_identityref{id.ns, id.id}));
-          return true;
-        }
-      }
-      *error = "not an identity the identityref may name";
-      return false;
-    }
-    case C_BINARY:
-      if (!(type.base64 ? ParseBase64(text, storage, error) : ParseHex(text, storage, error))) {
-        return false;
-      }
-      CONFD_SET_BINARY(v, storage->data(), storage->size());
-      return true;
-    case C_HEXSTR:
-      if (!ParseHex(text, storage, error)) return false;
-      CONFD_SET_HEXSTR(v, storage->data(), storage->size());
-      return true;
-    case C_UNION:
-      for (const LeafType &m : type.members) {
-        std::string why;
-        if (ParseValue(m, text, v, storage, &why)) return true;
-      }
-      *error = "matches no member type of the union";
-      return false;
-    default:
-      storage->assign(text);
-      CONFD_SET_BUF(v, storage->c_str(), storage->size());
-      return true;
-  }
+  return TypeOf(type.vtype).parse(type, text, v, storage, error);
 }
 
 bool FormatValue(const confd_value_t &v, const LeafType *type, std::string *out) {
   if (type != nullptr && type->vtype == C_UNION) type = MemberOfType(*type, v.type);
-  char buf[INET6_ADDRSTRLEN + 8];
-  switch (v.type) {
-    case C_BUF:
-      if (v.val.buf.ptr != nullptr) {
-        out->append(reinterpret_cast<const char *>(v.val.buf.ptr), v.val.buf.size);
-      }
-      return true;
-    case C_STR:
-      if (v.val.c_s != nullptr) out->append(v.val.c_s);
-      return true;
-    case C_INT8:
-      *out += std::to_string(v.val.i8);
-      return true;
-    case C_INT16:
-      *out += std::to_string(v.val.i16);
-      return true;
-    case C_INT32:
-      *out += std::to_string(v.val.i32);
-      return true;
-    case C_INT64:
-      *out += std::to_string(v.val.i64);
-      return true;
-    case C_UINT8:
-      *out += std::to_string(v.val.u8);
-      return true;
-    case C_UINT16:
-      *out += std::to_string(v.val.u16);
-      return true;
-    case C_UINT32:
-      *out += std::to_string(v.val.u32);
-      return true;
-    case C_UINT64:
-      *out += std::to_string(v.val.u64);
-      return true;
-    case C_BOOL:
-      *out += v.val.boolean ? "true" : "false";
-      return true;
-    case C_EMPTY:
-      return true;
-    case C_ENUM_VALUE:
-      if (type != nullptr) {
-        for (const EnumItem &e : type->enums) {
-          if (e.value == v.val.enumvalue) {
-            *out += e.name;
-            return true;
-          }
-        }
-      }
-      *out += std::to_string(v.val.enumvalue);
-      return true;
-    case C_BIT32:
-    case C_BIT64:
-    case C_BITBIG:
-      if (type == nullptr) {
-        PrettyValue(v, out);
-      } else {
-        AppendBitNames(*type, v, out);
-      }
-      return true;
-    case C_IPV4:
-      inet_ntop(AF_INET, &v.val.ip, buf, sizeof buf);
-      *out += buf;
-      return true;
-    case C_IPV6:
-      inet_ntop(AF_INET6, &v.val.ip6, buf, sizeof buf);
-      *out += buf;
-      return true;
-    case C_DQUAD:
-      inet_ntop(AF_INET, v.val.dquad.quad, buf, sizeof buf);
-      *out += buf;
-      return true;
-    case C_IPV4_AND_PLEN:
-    case C_IPV4PREFIX:
-      inet_ntop(AF_INET, &v.val.ipv4prefix.ip, buf, sizeof buf);
-      *out += buf;
-      *out += '/';
-      *out += std::to_string(v.val.ipv4prefix.len);
-      return true;
-    case C_IPV6_AND_PLEN:
-    case C_IPV6PREFIX:
-      inet_ntop(AF_INET6, &v.val.ipv6prefix.ip6, buf, sizeof buf);
-      *out += buf;
-      *out += '/';
-      *out += std::to_string(v.val.ipv6prefix.len);
-      return true;
-    case C_BINARY:
-      if (type != nullptr && type->base64) {
-        AppendBase64(v.val.buf.ptr, v.val.buf.size, out);
-      } else {
-        AppendHex(v.val.buf.ptr, v.val.buf.size, ":", false, out);
-      }
-      return true;
-    case C_HEXSTR:
-      AppendHex(v.val.buf.ptr, v.val.buf.size, ":", false, out);
-      return true;
-    case C_DATETIME:
-      AppendDateTime(v.val.datetime, out);
-      return true;
-    case C_DECIMAL64:
-      AppendDecimal64(v.val.d64, out);
-      return true;
-    case C_IDENTITYREF: {
-      if (type != nullptr) {
-        for (const IdentItem &id : type->idents) {
-          if (id.ns == v.val.idref.ns && id.id == v.val.idref.id) {
-            *out += id.prefix + ":" + id.name;
-            return true;
-          }
-        }
-      }
-      const std::string *prefix = NsPrefix(v.val.idref.ns);
-      const std::string *name = TagName(v.val.idref.id);
-      if (name == nullptr) return false;
-      if (prefix != nullptr) *out += *prefix + ":";
-      *out += *name;
-      return true;
-    }
-    case C_XMLTAG: {
-      const std::string *name = TagName(v.val.xmltag.tag);
-      if (name == nullptr) return false;
-      *out += *name;
-      return true;
-    }
-    default:
-      return false;
-  }
+  return TypeOf(v.type).format(v, type, out);
 }
 
 void PrettyValue(const confd_value_t &v, std::string *out) {
-  char buf[128];
-  switch (v.type) {
-    case C_ENUM_VALUE:
-      *out += "enum<" + std::to_string(v.val.enumvalue) + ">";
-      return;
-    case C_BIT32:
-      std::snprintf(buf, sizeof buf, "bits<%X>", v.val.b32);
-      *out += buf;
-      return;
-    case C_BIT64:
-      std::snprintf(buf, sizeof buf, "bits<%llX>", static_cast<unsigned long long>(v.val.b64));
-      *out += buf;
-      return;
-    case C_BITBIG: {
-      // Little-endian bytes: the most significant byte is the last one.
-      std::string hex;
-      for (size_t i = v.val.buf.size; i-- > 0;) {
-        std::snprintf(buf, sizeof buf, "%02X", v.val.buf.ptr[i]);
-        hex += buf;
-      }
-      size_t lead = hex.find_first_not_of('0');
-      *out += "bits<" + (lead == std::string::npos ? std::string("0") : hex.substr(lead)) + ">";
-      return;
-    }
-    case C_BINARY:
-      AppendHex(v.val.buf.ptr, v.val.buf.size, "", true, out);
-      return;
-    case C_DECIMAL64:
-      if (v.val.d64.fraction_digits >= 1 && v.val.d64.fraction_digits <= 18) {
-        AppendDecimal64(v.val.d64, out);
-      } else {
-        *out += "invalid64<" + std::to_string(v.val.d64.value) + ">";
-      }
-      return;
-    case C_XMLTAG: {
-      const std::string *name = TagName(v.val.xmltag.tag);
-      *out += name ? *name : "tag<" + std::to_string(v.val.xmltag.tag) + ">";
-      return;
-    }
-    case C_IDENTITYREF: {
-      const std::string *name = TagName(v.val.idref.id);
-      *out += name ? *name : "idref<" + std::to_string(v.val.idref.id) + ">";
-      return;
-    }
-    case C_DOUBLE:
-      std::snprintf(buf, sizeof buf, "%.15g", v.val.d);
-      *out += buf;
-      return;
-    case C_QNAME:
-      if (v.val.qname.prefix.ptr != nullptr && v.val.qname.prefix.size > 0) {
-        out->append(reinterpret_cast<const char *>(v.val.qname.prefix.ptr),
-                    v.val.qname.prefix.size);
-        out->push_back(':');
-      }
-      if (v.val.qname.name.ptr != nullptr) {
-        out->append(reinterpret_cast<const char *>(v.val.qname.name.ptr), v.val.qname.name.size);
-      }
-      return;
-    case C_DATE:
-      std::snprintf(buf, sizeof buf, "%04d-%02u-%02u", v.val.date.year, v.val.date.month,
-                    v.val.date.day);
-      *out += buf;
-      AppendZone(v.val.date.timezone, v.val.date.timezone_minutes, out);
-      return;
-    case C_TIME:
-      std::snprintf(buf, sizeof buf, "%02u:%02u:%02u", v.val.time.hour, v.val.time.min,
-                    v.val.time.sec);
-      *out += buf;
-      AppendZone(v.val.time.timezone, v.val.time.timezone_minutes, out);
-      return;
-    case C_DURATION: {
-      const confd_duration &d = v.val.duration;
-      std::snprintf(buf, sizeof buf, "P%uY%uM%uDT%uH%uM%u.%06uS", d.years, d.months, d.days,
-                    d.hours, d.mins, d.secs, d.micros);
-      *out += buf;
-      return;
-    }
-    case C_OID:
-      if (v.val.oidp != nullptr) {
-        for (int i = 0; i < v.val.oidp->len && i < 128; ++i) {
-          if (i) out->push_back('.');
-          *out += std::to_string(v.val.oidp->oid[i]);
-        }
-      }
-      return;
-    case C_LIST:
-      for (unsigned i = 0; v.val.list.ptr != nullptr && i < v.val.list.size; ++i) {
-        if (i) out->push_back(' ');
-        PrettyValue(v.val.list.ptr[i], out);
-      }
-      return;
-    default:
-      // Text forms; values without one (C_NOEXISTS, C_DEFAULT, pointers)
-      // print as nothing.
-      FormatValue(v, nullptr, out);
-      return;
-  }
+  TypeOf(v.type).pretty(v, out);
 }
 
 int CompareValues(const confd_value_t &a, const confd_value_t &b) {
   if (a.type != b.type) return Cmp(a.type, b.type);
-  switch (a.type) {
-    case C_INT8:
-      return Cmp(a.val.i8, b.val.i8);
-    case C_INT16:
-      return Cmp(a.val.i16, b.val.i16);
-    case C_INT32:
-      return Cmp(a.val.i32, b.val.i32);
-    case C_INT64:
-      return Cmp(a.val.i64, b.val.i64);
-    case C_UINT8:
-      return Cmp(a.val.u8, b.val.u8);
-    case C_UINT16:
-      return Cmp(a.val.u16, b.val.u16);
-    case C_UINT32:
-      return Cmp(a.val.u32, b.val.u32);
-    case C_UINT64:
-      return Cmp(a.val.u64, b.val.u64);
-    case C_BOOL:
-      return Cmp(a.val.boolean != 0, b.val.boolean != 0);
-    case C_ENUM_VALUE:
-      return Cmp(a.val.enumvalue, b.val.enumvalue);
-    case C_BIT32:
-      return Cmp(a.val.b32, b.val.b32);
-    case C_BIT64:
-      return Cmp(a.val.b64, b.val.b64);
-    case C_IPV4:
-      return CmpBytes(&a.val.ip, 4, &b.val.ip, 4);
-    case C_IPV6:
-      return CmpBytes(&a.val.ip6, 16, &b.val.ip6, 16);
-    case C_DQUAD:
-      return CmpBytes(a.val.dquad.quad, 4, b.val.dquad.quad, 4);
-    case C_IPV4_AND_PLEN:
-    case C_IPV4PREFIX: {
-      int c = CmpBytes(&a.val.ipv4prefix.ip, 4, &b.val.ipv4prefix.ip, 4);
-      return c ? c : Cmp(a.val.ipv4prefix.len, b.val.ipv4prefix.len);
-    }
-    case C_IPV6_AND_PLEN:
-    case C_IPV6PREFIX: {
-      int c = CmpBytes(&a.val.ipv6prefix.ip6, 16, &b.val.ipv6prefix.ip6, 16);
-      return c ? c : Cmp(a.val.ipv6prefix.len, b.val.ipv6prefix.len);
-    }
-    case C_DECIMAL64:
-      return Cmp(a.val.d64.value, b.val.d64.value);
-    case C_IDENTITYREF: {
-      int c = Cmp(a.val.idref.ns, b.val.idref.ns);
-      return c ? c : Cmp(a.val.idref.id, b.val.idref.id);
-    }
-    case C_DATETIME: {
-      const confd_datetime &x = a.val.datetime;
-      const confd_datetime &y = b.val.datetime;
-      const int64_t kx[] = {x.year, x.month, x.day, x.hour, x.min, x.sec, x.micro};
-      const int64_t ky[] = {y.year, y.month, y.day, y.hour, y.min, y.sec, y.micro};
-      for (int i = 0; i < 7; ++i) {
-        if (int c = Cmp(kx[i], ky[i])) return c;
-      }
-      return 0;
-    }
-    case C_BUF:
-    case C_BINARY:
-    case C_HEXSTR:
-    case C_BITBIG:
-      return CmpBytes(a.val.buf.ptr, a.val.buf.size, b.val.buf.ptr, b.val.buf.size);
-    default:
-      return 0;
-  }
+  return TypeOf(a.type).compare(a, b);
 }
 
 const char *VtypeName(int vtype) {
-  static const char *const names[] = {
-      "C_?",
-      "C_NOEXISTS",
-      "C_XMLTAG",
-      "C_SYMBOL",
-      "C_STR",
-      "C_BUF",
-      "C_INT8",
-      "C_INT16",
-      "C_INT32",
-      "C_INT64",
-      "C_UINT8",
-      "C_UINT16",
-      "C_UINT32",
-      "C_UINT64",
-      "C_DOUBLE",
-      "C_IPV4",
-      "C_IPV6",
-      "C_BOOL",
-      "C_QNAME",
-      "C_DATETIME",
-      "C_DATE",
-      "C_?",
-      "C_?",
-      "C_TIME",
-      "C_?",
-      "C_?",
-      "C_?",
-      "C_DURATION",
-      "C_ENUM_VALUE",
-      "C_BIT32",
-      "C_BIT64",
-      "C_LIST",
-      "C_XMLBEGIN",
-      "C_XMLEND",
-      "C_OBJECTREF",
-      "C_UNION",
-      "C_PTR",
-      "C_CDBBEGIN",
-      "C_OID",
-      "C_BINARY",
-      "C_IPV4PREFIX",
-      "C_IPV6PREFIX",
-      "C_DEFAULT",
-      "C_DECIMAL64",
-      "C_IDENTITYREF",
-      "C_XMLBEGINDEL",
-      "C_DQUAD",
-      "C_HEXSTR",
-      "C_IPV4_AND_PLEN",
-      "C_IPV6_AND_PLEN",
-      "C_BITBIG",
-      "C_XMLMOVEFIRST",
-      "C_XMLMOVEAFTER",
-      "C_EMPTY",
-  };
-  static_assert(sizeof names / sizeof names[0] == C_MAXTYPE, "a name per type");
-  return vtype > 0 && vtype < C_MAXTYPE ? names[vtype] : "C_?";
+  return TypeOf(vtype).name;
 }
 
 }  // namespace ipapp::store

@@ -30,24 +30,20 @@ std::string Where(const std::string &source, int line) {
   return line > 0 ? source + ":" + std::to_string(line) : source;
 }
 
-// Line number libyang names in a message ("line number 12"), or 0.
-int LineOf(const std::string &log) {
-  for (const char *marker : {"line number ", "Line number "}) {
-    size_t at = log.find(marker);
-    if (at == std::string::npos) continue;
-    at += std::strlen(marker);
-    int line = 0;
-    while (at < log.size() && std::isdigit(static_cast<unsigned char>(log[at])) && line < 100000000)
-      line = line * 10 + (log[at++] - '0');
-    if (line > 0) return line;
+// The first line libyang names in its messages, or 0.
+int LineOf(const std::vector<store::LibyangMessage> &messages) {
+  for (const store::LibyangMessage &m : messages) {
+    if (m.line > 0) return m.line;
   }
   return 0;
 }
 
-std::string FirstError(std::string log, const std::string &fallback) {
-  if (log.empty()) return fallback;
-  size_t nl = log.find('\n');
-  return nl == std::string::npos ? log : log.substr(0, nl);
+// What the first message says, or fallback.
+std::string FirstError(const std::vector<store::LibyangMessage> &messages,
+                       const std::string &fallback) {
+  if (messages.empty()) return fallback;
+  std::string text = messages.front().Text();
+  return text.substr(0, text.find('\n'));
 }
 
 class SchemaImpl : public Schema {
@@ -118,59 +114,18 @@ std::string InstancePath(const store::SchemaIndex &schema, const DNode &node) {
   return out;
 }
 
-// Whether a node counts as data: a non-presence container without children
-// is no data (it stands for an absent one).
-bool IsData(const DNode *d) {
-  if (d == nullptr) return false;
-  if (d->s->kind != NodeKind::kContainer) return true;
-  for (const SNode *c : d->s->children) {
-    if (d->Child(c) != nullptr || d->List(c) != nullptr) return true;
-  }
-  return false;
-}
-
-// Two nodes of one schema node hold the same data: the same leaf texts, the
-// same children (an empty container is not an absent one) and the same list
-// entries in the same order.
-bool SameSubtree(const DNode &a, const DNode &b) {
-  if (a.s->kind == NodeKind::kLeaf || a.s->kind == NodeKind::kLeafList) return a.text == b.text;
-  for (const SNode *c : a.s->children) {
-    const DNode *ac = a.Child(c);
-    const DNode *bc = b.Child(c);
-    if ((ac == nullptr) != (bc == nullptr) || (ac && !SameSubtree(*ac, *bc))) return false;
-    const store::ListInst *al = a.List(c);
-    const store::ListInst *bl = b.List(c);
-    const size_t an = al ? al->entries.size() : 0;
-    const size_t bn = bl ? bl->entries.size() : 0;
-    if (an != bn) return false;
-    for (size_t i = 0; i < an; ++i) {
-      const DNode &ae = *al->entries[i];
-      const DNode &be = *bl->entries[i];
-      if (!store::SameKeys(ae, be) || !SameSubtree(ae, be)) return false;
-    }
-  }
-  return true;
-}
-
 // Whether the data that path elements [i, n) name below o (running) and n
 // (candidate) differ; a null node has nothing below it. Nodes are matched by
 // their instance paths: list entries by their keys.
 bool Differs(const store::ParsedPath &path, int i, const DNode *o, const DNode *n) {
   if (o == nullptr && n == nullptr) return false;
-  if (i == path.n) {
-    const bool od = IsData(o);
-    const bool nd = IsData(n);
-    return od != nd || (od && !SameSubtree(*o, *n));
-  }
+  if (i == path.n) return !store::SameData(*path.last(), o, n);
   const store::PathElem &elem = path.e[i];
   if (!elem.s->is_list() && elem.s->kind != NodeKind::kLeafList) {
     return Differs(path, i + 1, o ? o->Child(elem.s) : nullptr, n ? n->Child(elem.s) : nullptr);
   }
   const store::ListInst *ol = o ? o->List(elem.s) : nullptr;
   const store::ListInst *nl = n ? n->List(elem.s) : nullptr;
-  const std::vector<DNode *> none;
-  const std::vector<DNode *> &oe = ol ? ol->entries : none;
-  const std::vector<DNode *> &ne = nl ? nl->entries : none;
   // One entry of each list, paired when their keys agree.
   auto pair = [&](const DNode *a, const DNode *b) {
     if (a != nullptr && b != nullptr && !store::SameKeys(*a, *b)) {
@@ -184,25 +139,12 @@ bool Differs(const store::ParsedPath &path, int i, const DNode *o, const DNode *
   }
   if (elem.sel == store::PathElem::kIndex) {
     const auto at = static_cast<size_t>(elem.index);
-    return pair(at < oe.size() ? oe[at] : nullptr, at < ne.size() ? ne[at] : nullptr);
+    auto nth = [at](const store::ListInst *l) {
+      return l && at < l->entries.size() ? l->entries[at] : nullptr;
+    };
+    return pair(nth(ol), nth(nl));
   }
-  // Every entry: both lists are in key order.
-  size_t a = 0;
-  size_t b = 0;
-  while (a < oe.size() || b < ne.size()) {
-    const DNode *x = nullptr;
-    const DNode *y = nullptr;
-    if (b == ne.size() || (a < oe.size() && store::EntryLess(oe[a], ne[b]))) {
-      x = oe[a++];
-    } else if (a == oe.size() || store::EntryLess(ne[b], oe[a])) {
-      y = ne[b++];
-    } else {
-      x = oe[a++];
-      y = ne[b++];
-    }
-    if (pair(x, y)) return true;
-  }
-  return false;
+  return store::VisitEntryPairs(ol, nl, pair);
 }
 
 // The data nodes a parsed schema path names in one tree, in store order
@@ -263,33 +205,14 @@ class TransactionImpl : public Transaction {
   bool HasError() const override { return txn_->HasError(); }
   void ClearError() override { txn_->ClearError(); }
 
-  std::vector<Fault> Faults() const override {
-    std::vector<Fault> out;
-    for (auto &f : txn_->Faults()) out.push_back({f.kind, f.function, f.file, f.line, f.message});
-    return out;
-  }
-
-  std::vector<TraceEntry> Trace() const override {
-    std::vector<TraceEntry> out;
-    for (auto &t : txn_->Trace()) out.push_back({t.call, t.path, t.result, t.detail});
-    return out;
-  }
+  std::vector<Fault> Faults() const override { return txn_->Faults(); }
+  std::vector<TraceEntry> Trace() const override { return txn_->Trace(); }
   void ClearTrace() override { txn_->ClearTrace(); }
   void RecordTrace(bool on) override { txn_->RecordTrace(on); }
   bool RecordingTrace() const override { return txn_->recording_trace(); }
 
-  OpenResources Open() const override {
-    store::Resources r = txn_->Open();
-    return {r.cursors, r.cdb_sessions, r.dup_values, r.xpath_results};
-  }
-
-  std::vector<OpenItem> OpenItems() const override {
-    std::vector<OpenItem> out;
-    for (store::OpenItem &item : txn_->OpenItems()) {
-      out.push_back({item.serial, item.kind, item.call, std::move(item.path)});
-    }
-    return out;
-  }
+  OpenResources Open() const override { return txn_->Open(); }
+  std::vector<OpenItem> OpenItems() const override { return txn_->OpenItems(); }
 
   void FailCdbSessions(bool fail) override { txn_->FailCdbSessions(fail); }
   void FailMaapiSocket(bool fail) override { txn_->FailMaapiSocket(fail); }
@@ -382,21 +305,19 @@ std::unique_ptr<store::DataTree> ParseData(const store::SchemaIndex &index,
   if (!blank) CheckConfigText(source.text, source.name);
   if (!blank && source.format == DataSource::Format::kJson) CheckJsonSyntax(source);
   if (!blank) {
-    store::TakeLibyangLog();
+    store::TakeLibyangMessages();
     LY_ERR err = lyd_parse_data_mem(index.ctx(), source.text.c_str(),
                                     source.format == DataSource::Format::kXml ? LYD_XML : LYD_JSON,
                                     LYD_PARSE_STRICT, LYD_VALIDATE_NO_STATE, &tree);
     if (err != LY_SUCCESS) {
-      std::string log = store::TakeLibyangLog();
+      const std::vector<store::LibyangMessage> messages = store::TakeLibyangMessages();
       lyd_free_all(tree);
-      int line = LineOf(log);
-      if (line == 0) {
-        const std::string path = DataLocation(log);
-        if (!path.empty()) {
-          line = LineOfPath(source.text, source.format == DataSource::Format::kJson, path);
-        }
+      int line = LineOf(messages);
+      if (line == 0 && !messages.empty() && !messages.front().data_path.empty()) {
+        line = LineOfPath(source.text, source.format == DataSource::Format::kJson,
+                          messages.front().data_path);
       }
-      throw InputError(source.name, line, FirstError(log, "cannot be parsed"));
+      throw InputError(source.name, line, FirstError(messages, "cannot be parsed"));
     }
   }
   try {
@@ -467,21 +388,21 @@ std::shared_ptr<const Schema> Schema::Load(const std::string &dir) {
     return rank(a) != rank(b) ? rank(a) < rank(b) : a < b;
   });
 
-  store::TakeLibyangLog();
+  store::TakeLibyangMessages();
   ly_ctx *ctx = nullptr;
   if (ly_ctx_new(dir.c_str(),
                  LY_CTX_SET_PRIV_PARSED | LY_CTX_NO_YANGLIBRARY | LY_CTX_DISABLE_SEARCHDIR_CWD,
                  &ctx) != LY_SUCCESS) {
-    throw InputError(dir, 0, FirstError(store::TakeLibyangLog(), "no libyang context"));
+    throw InputError(dir, 0, FirstError(store::TakeLibyangMessages(), "no libyang context"));
   }
   std::vector<const lys_module *> modules;
   for (const std::string &name : names) {
     const lys_module *mod = ly_ctx_load_module(ctx, name.c_str(), nullptr, nullptr);
     if (mod == nullptr) {
-      std::string log = store::TakeLibyangLog();
+      const std::vector<store::LibyangMessage> messages = store::TakeLibyangMessages();
       ly_ctx_destroy(ctx);
-      throw InputError((fs::path(dir) / (name + ".yang")).string(), LineOf(log),
-                       FirstError(log, "cannot be loaded"));
+      throw InputError((fs::path(dir) / (name + ".yang")).string(), LineOf(messages),
+                       FirstError(messages, "cannot be loaded"));
     }
     modules.push_back(mod);
   }

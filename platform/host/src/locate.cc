@@ -258,7 +258,7 @@ class JsonReader {
     if (c == '{') {
       Object(node, depth + 1);
     } else if (c == '[') {
-      Skip(depth + 1);  // an array inside an array: [null] of an empty leaf
+      Skip();  // an array inside an array: [null] of an empty leaf
     } else if (c == '"') {
       node->text = String();
     } else {
@@ -267,7 +267,7 @@ class JsonReader {
   }
 
   void Object(Node *parent, int depth) {
-    if (depth > kMaxDepth) return Skip(depth);
+    if (depth > kMaxDepth) return Skip();
     in_.advance();  // {
     for (;;) {
       in_.skip_space();
@@ -306,8 +306,9 @@ class JsonReader {
     in_.advance();  // }
   }
 
-  // Skips one value, however deep, without recursing.
-  void Skip(int) {
+  // Skips one value, however deep: it keeps its own count of the brackets
+  // open and never recurses, so it needs no bound on the nesting.
+  void Skip() {
     int depth = 0;
     do {
       const char c = in_.peek();
@@ -415,16 +416,6 @@ bool Fits(const Node &node, const Step &step, size_t position) {
 }
 
 }  // namespace
-
-std::string DataLocation(const std::string &message) {
-  static const char kMarker[] = "Data location \"";
-  const std::string first = message.substr(0, message.find('\n'));
-  const size_t start = first.find(kMarker);
-  if (start == std::string::npos) return "";
-  const size_t from = start + sizeof kMarker - 1;
-  const size_t end = first.rfind('"');
-  return end == std::string::npos || end < from ? "" : first.substr(from, end - from);
-}
 
 int LineOfPath(const std::string &text, bool json, const std::string &path) {
   const Node root = json ? JsonReader(text).Read() : ReadXml(text);

@@ -9,10 +9,6 @@
 
 namespace ipapp::host {
 
-/// The data path in a libyang message ("... (Data location \"/m:a/b[k='1']/c\".)");
-/// empty when there is none.
-std::string DataLocation(const std::string &message);
-
 /// The 1-based line of the node that path (libyang's data path syntax:
 /// module prefixes, key predicates [k='v'], [.='v'], positions [N]) names in
 /// text, XML or JSON, well-formed; of the deepest node found on the way when

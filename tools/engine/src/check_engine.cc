@@ -293,52 +293,35 @@ namespace {
 using nlohmann::json;
 using Clock = std::chrono::steady_clock;
 
-json ToJson(const host::TraceEntry &e) {
-  return {{"call", e.call}, {"path", e.path}, {"result", e.result}, {"detail", e.detail}};
-}
-
+// The records travel in their own JSON forms (ipapp/records.h).
 json ToJson(const host::Fault &f) {
-  return {{"kind", f.kind},
-          {"function", f.function},
-          {"file", f.file},
-          {"line", f.line},
-          {"message", f.message}};
+  return f;
 }
 
 json ToJson(const Invocation &inv) {
-  json trace = json::array();
-  for (const host::TraceEntry &e : inv.trace) trace.push_back(ToJson(e));
-  json leaks = json::array();
-  for (const host::OpenItem &o : inv.leaks) {
-    leaks.push_back({{"id", o.id}, {"kind", o.kind}, {"call", o.call}, {"path", o.path}});
-  }
-  return {{"validation", inv.validation}, {"keypath", inv.keypath}, {"result", inv.result},
-          {"error", inv.error},           {"failed", inv.failed},   {"trace", std::move(trace)},
-          {"leaks", std::move(leaks)}};
+  return {{"validation", inv.validation},
+          {"keypath", inv.keypath},
+          {"result", inv.result},
+          {"error", inv.error},
+          {"failed", inv.failed},
+          {"trace", inv.trace},
+          {"leaks", inv.leaks}};
 }
 
 Invocation InvocationFrom(const json &j) {
   Invocation inv;
-  inv.validation = j.at("validation").get<std::string>();
-  inv.keypath = j.at("keypath").get<std::string>();
-  inv.result = j.at("result").get<int>();
-  inv.error = j.at("error").get<std::string>();
-  inv.failed = j.at("failed").get<bool>();
-  for (const json &e : j.at("trace")) {
-    inv.trace.push_back({e.at("call").get<std::string>(), e.at("path").get<std::string>(),
-                         e.at("result").get<int>(), e.at("detail").get<std::string>()});
-  }
-  for (const json &o : j.at("leaks")) {
-    inv.leaks.push_back({o.at("id").get<uint64_t>(), o.at("kind").get<std::string>(),
-                         o.at("call").get<std::string>(), o.at("path").get<std::string>()});
-  }
+  j.at("validation").get_to(inv.validation);
+  j.at("keypath").get_to(inv.keypath);
+  j.at("result").get_to(inv.result);
+  j.at("error").get_to(inv.error);
+  j.at("failed").get_to(inv.failed);
+  j.at("trace").get_to(inv.trace);
+  j.at("leaks").get_to(inv.leaks);
   return inv;
 }
 
 host::Fault FaultFrom(const json &j) {
-  return {j.at("kind").get<int>(), j.at("function").get<std::string>(),
-          j.at("file").get<std::string>(), j.at("line").get<int>(),
-          j.at("message").get<std::string>()};
+  return j.get<host::Fault>();
 }
 
 // The child's end of the pipe. A frame that cannot be written (the parent

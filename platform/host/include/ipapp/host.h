@@ -9,8 +9,8 @@
 #define IPAPP_HOST_H
 
 #include <confd_lib.h>
+#include <ipapp/records.h>
 
-#include <cstdint>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -73,43 +73,6 @@ class Schema {
   virtual ~Schema() = default;
   /// Nodes carrying bindings, in the order the element runs them.
   virtual const std::vector<BoundNode> &bound_nodes() const = 0;
-};
-
-/// A fault the plug-in recorded with kxmw_gen_fault.
-struct Fault {
-  int kind = 0;
-  std::string function;
-  std::string file;
-  int line = 0;
-  std::string message;
-};
-
-/// One data-store call made by the plug-in.
-struct TraceEntry {
-  std::string call;    ///< e.g. "maapi_exists", "cdb_get_int32"
-  std::string path;    ///< the path it named (empty when none)
-  int result = 0;      ///< its return value
-  std::string detail;  ///< value read or reason, in text (may be empty)
-};
-
-/// What is open in a transaction: what the element would leak if the
-/// transaction ended now.
-struct OpenResources {
-  int cursors = 0;        ///< initialised and not destroyed
-  int cdb_sessions = 0;   ///< started and not ended
-  int dup_values = 0;     ///< values duplicated by a read and not freed
-  int xpath_results = 0;  ///< empty XPath results handed out (never freed by the plug-ins)
-  bool empty() const {
-    return cursors == 0 && cdb_sessions == 0 && dup_values == 0 && xpath_results == 0;
-  }
-};
-
-/// One open resource, as a leak report names it.
-struct OpenItem {
-  uint64_t id = 0;   ///< unique per transaction, in the order opened
-  std::string kind;  ///< "cursor", "CDB session", "value", "XPath result"
-  std::string call;  ///< the call that opened it, e.g. "maapi_init_cursor"
-  std::string path;  ///< the path (an XPath result: "expr in context")
 };
 
 /// A transaction under validation: the running store (read through CDB) and
