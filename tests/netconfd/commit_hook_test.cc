@@ -1,11 +1,12 @@
 // The commit check netconfd's library runs, without netconfd: data the store
-// cannot take, which netconfd itself would refuse first, and a plug-in
-// exception, here under the sanitizers too. Verdicts and faults are checked
-// end to end against ipapp-check.
+// cannot take, which netconfd itself would refuse first, and a plug-in that
+// fails in every way a process can, here under the sanitizers too. Verdicts
+// and faults are checked end to end against ipapp-check.
 #include <gtest/gtest.h>
 
 #include <commit_hook.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
@@ -15,6 +16,7 @@ namespace {
 
 using ipapp::netconfd::CommitHook;
 using ipapp::netconfd::Verdict;
+using namespace std::chrono_literals;
 
 std::string Example(const std::string &name) {
   std::stringstream text;
@@ -23,7 +25,7 @@ std::string Example(const std::string &name) {
 }
 
 TEST(CommitHookTest, DataTheStoreCannotTakeFailsTheCheckNamingTheSide) {
-  CommitHook hook(IPAPP_PLUGIN, IPAPP_YANG_DIR);
+  CommitHook hook(IPAPP_PLUGIN, IPAPP_YANG_DIR, 60s);
   const std::string good = Example("running.xml");
   const std::string unknown = "<config xmlns=\"urn:ipapp:shellcfg\"><mtu>1</mtu></config>";
   const std::string broken = "<config xmlns=\"urn:ipapp:shellcfg\"><interface>";
@@ -47,25 +49,46 @@ TEST(CommitHookTest, DataTheStoreCannotTakeFailsTheCheckNamingTheSide) {
   EXPECT_EQ(hook.Check(good, Example("vrf-ospf.xml")).kind, Verdict::Kind::kRefused);
 }
 
-TEST(CommitHookTest, PluginExceptionFailsTheCheckAndTheNextCheckRuns) {
-  CommitHook hook(IPAPP_FAKE_PLUGIN, IPAPP_YANG_DIR);
+// Whatever the plug-in does in its own process costs the one check, named in
+// ipapp-check's words, and the next check runs.
+TEST(CommitHookTest, FailingPluginFailsTheCheckAndTheNextCheckRuns) {
+  CommitHook hook(IPAPP_FAKE_PLUGIN, IPAPP_YANG_DIR, 2s);
   const std::string running = Example("running.xml");
   const std::string candidate = Example("vrf-ospf.xml");
-
-  setenv("IPAPP_FAKE_MODE", "throw", 1);
-  Verdict failed = hook.Check(running, candidate);
-  EXPECT_EQ(failed.kind, Verdict::Kind::kFailed);
-  EXPECT_EQ(failed.message,
-            "the validation plug-in failed in intf_l3_name_validation on "
-            "/config/interface/ipapp:l3: fake failure in intf_l3_name_validation");
-  EXPECT_EQ(failed.keypath, "/config/interface/ipapp:l3");
-  EXPECT_EQ(failed.validation, "intf_l3_name_validation");
+  const std::string place = "intf_l3_name_validation on /config/interface/ipapp:l3";
+  struct Case {
+    const char *mode;
+    std::string message;
+  } cases[] = {
+      {"throw",
+       "exception from the plug-in in " + place + ": fake failure in intf_l3_name_validation"},
+      {"abort", "the plug-in aborted in " + place + " (signal SIGABRT, Aborted)"},
+      {"exit0", "the plug-in ended the process in " + place + " (exit status 0)"},
+      {"hang", "the plug-in did not return in " + place + " (stopped after 2 s)"},
+      {"abort@lib_init", std::string(IPAPP_FAKE_PLUGIN) +
+                             ": the plug-in aborted in lib_init (signal SIGABRT, Aborted)"},
+  };
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.mode);
+    setenv("IPAPP_FAKE_MODE", c.mode, 1);
+    Verdict failed = hook.Check(running, candidate);
+    EXPECT_EQ(failed.kind, Verdict::Kind::kFailed);
+    EXPECT_EQ(failed.message, c.message);
+    if (std::string(c.mode).find('@') == std::string::npos) {
+      EXPECT_EQ(failed.keypath, "/config/interface/ipapp:l3");
+      EXPECT_EQ(failed.validation, "intf_l3_name_validation");
+    }
+  }
 
   setenv("IPAPP_FAKE_MODE", "refuse", 1);
   Verdict refused = hook.Check(running, candidate);
-  unsetenv("IPAPP_FAKE_MODE");
   EXPECT_EQ(refused.kind, Verdict::Kind::kRefused);
   EXPECT_EQ(refused.message, "intf_l3_name_validation refused");
+
+  setenv("IPAPP_FAKE_MODE", "abort@lib_init", 1);
+  EXPECT_THROW(hook.Probe(), ipapp::check::PluginError);
+  unsetenv("IPAPP_FAKE_MODE");
+  EXPECT_NO_THROW(hook.Probe());
 }
 
 }  // namespace

@@ -5,6 +5,7 @@ Run with /usr/bin/python3 (Debian's ncclient). The paths come from the
 environment: IPAPP_NETCONFD_EXE, IPAPP_CHECK_EXE, IPAPP_FAKE_PLUGIN and
 IPAPP_SOURCE_DIR. Each test class runs one server of its own."""
 
+import copy
 import os
 import re
 import subprocess
@@ -149,9 +150,46 @@ class ServerTest(unittest.TestCase):
         return errors
 
 
+def keypath_node(data, keypath):
+    """The node the ConfD keypath names in a <data> element: names matched
+    by local name, list entries by their key values in order."""
+    node = data
+    for step in keypath.strip("/").split("/"):
+        name, _, keys = step.partition("{")
+        name = name.rpartition(":")[2]
+        found = None
+        for child in node:
+            if not isinstance(child.tag, str) or etree.QName(child).localname != name:
+                continue
+            values = [k.text for k in child if isinstance(k.tag, str)][:len(keys.split())]
+            if not keys or values == keys.rstrip("}").split():
+                found = child
+                break
+        if found is None:
+            return None
+        node = found
+    return node
+
+
 class VerdictTest(ServerTest):
     """The plug-in's verdicts through NETCONF, at <validate> and at <commit>
     of the candidate, equal ipapp-check's."""
+
+    def assertSelectsRefusingNode(self, err, keypath):
+        """err's error-path compiles as XPath with the prefixes the reply
+        declares and selects, in the candidate, the node keypath names."""
+        nsmap = {k: v for k, v in err.xml.nsmap.items() if k}
+        xpath = etree.XPath(err.path, namespaces=nsmap)
+        data = self.session.get_config(source="candidate").data_ele
+        expected = keypath_node(data, keypath)
+        self.assertIsNotNone(expected, keypath)
+        selected = []
+        for top in data:
+            selected += xpath(etree.ElementTree(copy.deepcopy(top)))
+        self.assertGreaterEqual(len(selected), 1, err.path)
+        def identity(node):
+            return node.tag, [(c.tag, c.text) for c in node if isinstance(c.tag, str)]
+        self.assertEqual(identity(selected[0]), identity(expected), err.path)
 
     # At least one candidate per handler family, accepted ones among them.
     CANDIDATES = [
@@ -199,10 +237,7 @@ class VerdictTest(ServerTest):
                     self.session.edit_config(target="candidate", config=config(
                         change(example("running.xml"), example(name))))
                     self.session.validate(source="candidate")
-                    # netconfd's <commit> after a <validate> leaves running
-                    # as it was: edit anew.
-                    self.session.discard_changes()
-                    commit_change(self.session, "running.xml", name)
+                    self.session.commit()
                     self.assertEqual(element_leaves(self.running()), file_leaves(name))
                     with open(os.path.join(self.server.dir, "netconfd.log")) as log:
                         logged = log.read()
@@ -219,7 +254,7 @@ class VerdictTest(ServerTest):
                         self.assertEqual(err.tag, "operation-failed")
                         self.assertEqual(err.type, "application")
                         self.assertEqual(err.app_tag, details["validation"])
-                        self.assertEqual(err.path, details["keypath"])
+                        self.assertSelectsRefusingNode(err, details["keypath"])
                 self.assertEqual(self.running(), before)
                 self.session.discard_changes()
                 self.assertEqual(element_leaves(self.candidate()), file_leaves("running.xml"))
@@ -266,10 +301,10 @@ class FailureTest(ServerTest):
                 err = raised.exception
                 self.assertEqual(err.tag, "operation-failed")
                 self.assertEqual(err.message,
-                                 "the validation plug-in failed in intf_l3_name_validation on "
+                                 "exception from the plug-in in intf_l3_name_validation on "
                                  "/config/interface/ipapp:l3: fake failure in "
                                  "intf_l3_name_validation")
-                self.assertEqual(err.path, "/config/interface/ipapp:l3")
+                self.assertEqual(err.path, "/shellcfg:config/shellcfg:interface/ipapp:l3")
                 # netconfd's own tag: a failure is no validation's refusal.
                 self.assertEqual(err.app_tag, "general-error")
                 self.assertEqual(self.running(), before)
