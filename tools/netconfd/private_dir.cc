@@ -29,6 +29,10 @@ PrivateDir::PrivateDir(const fs::path &dir) : path_(dir) {
   if (mkdir(where.c_str(), 0700) != 0 && errno != EEXIST) {
     throw DirError("cannot create " + where + ": " + Errno());
   }
+  struct stat link {};
+  if (lstat(where.c_str(), &link) == 0 && S_ISLNK(link.st_mode)) {
+    throw DirError(where + " is a symbolic link");
+  }
   fd_ = open(where.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
   if (fd_ < 0) {
     if (errno == ELOOP) throw DirError(where + " is a symbolic link");
