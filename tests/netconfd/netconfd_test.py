@@ -7,7 +7,9 @@ IPAPP_SOURCE_DIR. Each test class runs one server of its own."""
 
 import copy
 import os
+import pwd
 import re
+import shlex
 import subprocess
 import sys
 import tempfile
@@ -484,6 +486,38 @@ class IsolationTest(unittest.TestCase):
                 finally:
                     self.assertEqual(server.stop(), 0)
                 self.assertEqual(server.leftovers, [])
+
+
+
+class YangcliTest(ServerTest):
+    """Another NETCONF client, yangcli, reads a refusal as a proper reply."""
+
+    def test_refused_commit_through_yangcli(self):
+        commit_change(self.session, "", "running.xml")
+        self.session.edit_config(target="candidate",
+                                 config=config(change(example("running.xml"),
+                                                      example("vrf-ospf.xml"))))
+        first_line, details, _ = ipapp_check("vrf-ospf.xml")
+        key = os.path.join(self.server.dir, "client_key")
+        with tempfile.TemporaryDirectory() as home:
+            script = os.path.join(home, "commit.txt")
+            with open(script, "w") as f:
+                f.write("commit\nquit\n")
+            yangcli = ["yangcli", "--server=127.0.0.1", f"--ncport={self.server.port}",
+                       f"--user={pwd.getpwuid(os.getuid()).pw_name}", f"--private-key={key}",
+                       f"--public-key={key}.pub", "--password=unused", "--batch-mode",
+                       f"--run-script={script}"]
+            # yangcli insists on a terminal.
+            out = subprocess.run(["script", "-qec", shlex.join(yangcli), "/dev/null"],
+                                 capture_output=True, text=True, timeout=60,
+                                 env=dict(os.environ, HOME=home)).stdout
+        self.assertIn("RPC Error Reply", out)
+        self.assertIn(f"error-message '{first_line[len('refused: '):]}'", out)
+        self.assertIn(f"error-app-tag {details['validation']}", out)
+        self.assertRegex(out, r"error-path /shellcfg:config/shellcfg:interface/ipapp:l3")
+        self.assertNotIn("invalid", out.lower())
+        self.assertEqual(element_leaves(self.running()), file_leaves("running.xml"))
+        self.session.discard_changes()
 
 
 if __name__ == "__main__":
