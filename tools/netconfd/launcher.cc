@@ -72,7 +72,8 @@ struct Args {
   std::string plugin;
   std::string yang;
   std::string running;
-  double timeout = 60;  ///< seconds per check, as ipapp-check's --timeout
+  double timeout = 60;    ///< seconds per check, as ipapp-check's --timeout
+  bool no_check = false;  ///< netconfd alone, to compare with
 };
 
 class StartError : public std::runtime_error {
@@ -485,7 +486,7 @@ int Run(const Args &args) {
 
   Processes procs;
   try {
-    ProbePlugin(plugin, yang, timeout);
+    if (!args.no_check) ProbePlugin(plugin, yang, timeout);
 
     // The running configuration netconfd starts from and saves each commit
     // to: the seed asked for, else what the last run committed, provided
@@ -540,7 +541,7 @@ int Run(const Args &args) {
         "--log-level=info",
     };
     for (const std::string &module : ModuleNames(yang)) netconfd.push_back("--module=" + module);
-    netconfd.push_back("--module=ipapp-netconfd");
+    if (!args.no_check) netconfd.push_back("--module=ipapp-netconfd");
 
     const fs::path netconfd_log = dir / "netconfd.log";
     const fs::path sshd_log = dir / "sshd.log";
@@ -630,6 +631,8 @@ int main(int argc, char **argv) {
   CLI::Option *running = app.add_option(
       "--running", args.running,
       "running configuration to start with (.xml or .json) instead of the one kept in DIR");
+  app.add_flag("--no-check", args.no_check,
+               "run netconfd without the plug-in's check (to compare, e.g. for speed)");
   app.add_option("--timeout", args.timeout,
                  "seconds the plug-in may take for one commit or validate (default 60)")
       ->check(CLI::Range(0.001, 86400.0));
