@@ -306,6 +306,21 @@ class LifecycleTest(unittest.TestCase):
             server.stop()
         self.assertEqual(server.leftovers, [])
 
+    def test_dead_server_stops_the_launcher_saying_how(self):
+        server = Server(LAUNCHER)
+        try:
+            netconfd = [pid for pid in processes_mentioning(server.dir)
+                        if open(f"/proc/{pid}/cmdline", "rb").read().startswith(
+                            b"/usr/sbin/netconfd\0")]
+            self.assertEqual(len(netconfd), 1)
+            os.kill(netconfd[0], signal.SIGKILL)
+            self.assertEqual(server.proc.wait(timeout=30), 1)
+            self.assertIn("netconfd was killed by signal SIGKILL (Killed); stopping",
+                          server.proc.stderr.read())
+            self.assertTrue(server.gone(5))
+        finally:
+            server.stop()
+
 
 if __name__ == "__main__":
     unittest.main(verbosity=2)

@@ -259,6 +259,10 @@ class VerdictTest(ServerTest):
                         self.assertEqual(err.app_tag, details["validation"])
                         self.assertSelectsRefusingNode(err, details["keypath"])
                 self.assertEqual(self.running(), before)
+                # The element's own keypath stays in the log.
+                with open(os.path.join(self.server.dir, "netconfd.log")) as log:
+                    self.assertIn(f"refused by {details['validation']} on {details['keypath']}: "
+                                  f"{first_line[len('refused: '):]}", log.read())
                 self.session.discard_changes()
                 self.assertEqual(element_leaves(self.candidate()), file_leaves("running.xml"))
 
