@@ -5,12 +5,14 @@
 #include <gtest/gtest.h>
 
 #include <commit_hook.h>
+#include <keypath.h>
 
 #include <chrono>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -89,6 +91,51 @@ TEST(CommitHookTest, FailingPluginFailsTheCheckAndTheNextCheckRuns) {
   EXPECT_THROW(hook.Probe(), ipapp::check::PluginError);
   unsetenv("IPAPP_FAKE_MODE");
   EXPECT_NO_THROW(hook.Probe());
+}
+
+}  // namespace
+
+namespace {
+
+using ipapp::netconfd::ParseKeypath;
+using ipapp::netconfd::XPathLiteral;
+
+// Keypaths read back step by step, keys unquoted; what is not a keypath
+// reads as nothing, so that no error-path names the wrong node.
+TEST(KeypathTest, StepsAndKeysReadBackAsTheStorePrintsThem) {
+  struct Case {
+    const char *keypath;
+    std::vector<std::vector<std::string>> steps;  // name, then keys; "{}" marks an entry
+  } cases[] = {
+      {"/config/interface/ipapp:l3", {{"config"}, {"interface"}, {"l3"}}},
+      {"/config/interface/ipapp:l3{core1}/ipv4",
+       {{"config"}, {"interface"}, {"l3", "{}", "core1"}, {"ipv4"}}},
+      {"/QX-RTM-MIB/rtm:rtmStaticRtEntry-global{0 2001:db8::/32 32 fe80::1}",
+       {{"QX-RTM-MIB"}, {"rtmStaticRtEntry-global", "{}", "0", "2001:db8::/32", "32", "fe80::1"}}},
+      {"/a/b{\"two words\" \"a \\\"quote\\\" and \\\\\" \"\" \"{\"}",
+       {{"a"}, {"b", "{}", "two words", "a \"quote\" and \\", "", "{"}}},
+  };
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.keypath);
+    auto steps = ParseKeypath(c.keypath);
+    ASSERT_EQ(steps.size(), c.steps.size());
+    for (size_t i = 0; i < steps.size(); ++i) {
+      std::vector<std::string> got = {steps[i].name};
+      if (steps[i].entry) got.push_back("{}");
+      got.insert(got.end(), steps[i].keys.begin(), steps[i].keys.end());
+      EXPECT_EQ(got, c.steps[i]);
+    }
+  }
+  for (const char *bad : {"", "config", "/a//b", "/a{x", "/a{\"x}", "/a{}", "/a:"}) {
+    SCOPED_TRACE(bad);
+    EXPECT_TRUE(ParseKeypath(bad).empty());
+  }
+}
+
+TEST(KeypathTest, XPathLiteralsQuoteAnyText) {
+  EXPECT_EQ(XPathLiteral("core1"), "'core1'");
+  EXPECT_EQ(XPathLiteral("it's"), "\"it's\"");
+  EXPECT_EQ(XPathLiteral("a'b\"c'"), "concat('a', \"'\", 'b\"c', \"'\", '')");
 }
 
 }  // namespace

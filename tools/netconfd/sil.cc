@@ -45,11 +45,15 @@ extern "C" {
 #include <vector>
 
 #include "commit_hook.h"
+#include "keypath.h"
 
 namespace {
 
 using ipapp::netconfd::CommitHook;
+using ipapp::netconfd::KeypathStep;
+using ipapp::netconfd::ParseKeypath;
 using ipapp::netconfd::Verdict;
+using ipapp::netconfd::XPathLiteral;
 
 constexpr const char *kModule = "ipapp-netconfd";
 
@@ -95,61 +99,6 @@ std::string ElementData(val_value_t *root) {
 }
 
 // --- error-path ---------------------------------------------------------------
-
-// One step of a keypath as confd_pp_kpath prints it: [prefix:]name, then for
-// a list entry its keys in braces, blank-separated, "quoted" where needed.
-struct KeypathStep {
-  std::string name;
-  bool entry = false;
-  std::vector<std::string> keys;
-};
-
-// The steps of keypath, or an empty list when it is not one.
-std::vector<KeypathStep> ParseKeypath(const std::string &keypath) {
-  std::vector<KeypathStep> steps;
-  size_t i = 0;
-  const size_t n = keypath.size();
-  while (i < n) {
-    if (keypath[i] != '/') return {};
-    KeypathStep step;
-    const size_t start = ++i;
-    while (i < n && keypath[i] != '/' && keypath[i] != '{') ++i;
-    std::string name = keypath.substr(start, i - start);
-    step.name = name.substr(name.find(':') + 1);  // npos + 1 == 0
-    if (step.name.empty()) return {};
-    if (i < n && keypath[i] == '{') {
-      step.entry = true;
-      ++i;
-      for (;;) {
-        while (i < n && keypath[i] == ' ') ++i;
-        if (i >= n) return {};
-        if (keypath[i] == '}') {
-          ++i;
-          break;
-        }
-        std::string key;
-        if (keypath[i] == '"') {
-          for (++i; i < n && keypath[i] != '"'; ++i) {
-            if (keypath[i] == '\\' && i + 1 < n) ++i;
-            key += keypath[i];
-          }
-          if (i >= n) return {};
-          ++i;
-        } else {
-          while (i < n && keypath[i] != ' ' && keypath[i] != '}') key += keypath[i++];
-        }
-        step.keys.push_back(std::move(key));
-      }
-    }
-    steps.push_back(std::move(step));
-  }
-  return steps;
-}
-
-std::string XPathLiteral(const std::string &value) {
-  const char quote = value.find('\'') == std::string::npos ? '\'' : '"';
-  return quote + value + quote;
-}
 
 // The XPath instance identifier of keypath in the element's modules, each
 // name with its module's prefix; the prefixes are declared on the reply of
