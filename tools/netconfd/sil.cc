@@ -10,13 +10,13 @@
 //   - netconfd's commit-validate callback, made for every <commit> of the
 //     candidate (a refusal fails the commit);
 //   - the validate step of <validate>, which netconfd offers no hook for:
-//     the library takes that step over. netconfd's own step, run first,
-//     spoils the tree it checks (a <commit> after it finds nothing to
-//     commit), so for the candidate it checks a copy, and the candidate
-//     with its edits is left as it was. An inline <config> is checked as
-//     if it were the candidate. <validate> of running is netconfd's alone,
-//     and so are edits of a writable running configuration (the server
-//     runs with the candidate as target).
+//     the library takes that step over and runs netconfd's own inside it.
+//     netconfd's step spoils the tree it checks (a <commit> after it finds
+//     nothing, or only the later edits, to commit), so for the candidate it
+//     gets a copy, and the candidate with its edits is left as it was. An
+//     inline <config> is checked as if it were the candidate. <validate> of
+//     running is netconfd's alone, and so are edits of a writable running
+//     configuration (the server runs with the candidate as target).
 extern "C" {
 #include <agt.h>
 #include <agt_commit_validate.h>
