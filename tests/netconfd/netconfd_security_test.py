@@ -150,11 +150,15 @@ class AccessTest(unittest.TestCase):
 
     @classmethod
     def setUpClass(cls):
-        cls.server = Server(LAUNCHER)
+        # A DIR others may enter and read: the socket must be safe anyway.
+        cls.dir = tempfile.mkdtemp(prefix="ipapp-netconfd-sec-")
+        os.chmod(cls.dir, 0o755)
+        cls.server = Server(LAUNCHER, dir=cls.dir)
 
     @classmethod
     def tearDownClass(cls):
         status = cls.server.stop()
+        shutil.rmtree(cls.dir, ignore_errors=True)
         if status != 0 or cls.server.leftovers:
             raise AssertionError(f"stopped with {status}, left {cls.server.leftovers}")
 
