@@ -33,6 +33,19 @@ def nobody(argv, **kwargs):
                           **kwargs)
 
 
+def netconfd_of(dir):
+    """Pids of the netconfd processes working in dir."""
+    pids = []
+    for pid in processes_mentioning(dir):
+        try:
+            with open(f"/proc/{pid}/cmdline", "rb") as f:
+                if f.read().startswith(b"/usr/sbin/netconfd\0"):
+                    pids.append(pid)
+        except OSError:
+            pass
+    return pids
+
+
 class TempDir:
     """A directory of root's that is removed afterwards, with a DIR path in
     it that the launcher may create."""
@@ -275,10 +288,7 @@ class LifecycleTest(unittest.TestCase):
         try:
             # As soon as netconfd runs, well before it listens.
             deadline = time.monotonic() + 30
-            while time.monotonic() < deadline:
-                if any(b"netconfd" in open(f"/proc/{pid}/cmdline", "rb").read().split(b"\0")[0]
-                       for pid in processes_mentioning(dir) if pid != proc.pid):
-                    break
+            while time.monotonic() < deadline and not netconfd_of(dir):
                 time.sleep(0.005)
             began = time.monotonic()
             proc.send_signal(signal.SIGTERM)
@@ -313,9 +323,7 @@ class LifecycleTest(unittest.TestCase):
     def test_dead_server_stops_the_launcher_saying_how(self):
         server = Server(LAUNCHER)
         try:
-            netconfd = [pid for pid in processes_mentioning(server.dir)
-                        if open(f"/proc/{pid}/cmdline", "rb").read().startswith(
-                            b"/usr/sbin/netconfd\0")]
+            netconfd = netconfd_of(server.dir)
             self.assertEqual(len(netconfd), 1)
             os.kill(netconfd[0], signal.SIGKILL)
             self.assertEqual(server.proc.wait(timeout=30), 1)
