@@ -445,10 +445,14 @@ class FailureTest(ServerTest):
                  "the plug-in cannot be used: " + FAKE_PLUGIN +
                  ": the plug-in aborted in lib_init (signal SIGABRT, Aborted)")]:
             with self.subTest(name):
-                with self.assertRaises(StartFailure) as raised:
-                    Server(LAUNCHER, **kwargs)
-                self.assertIn("(status 1)", str(raised.exception))
-                self.assertIn(reason, str(raised.exception))
+                try:
+                    started = Server(LAUNCHER, **kwargs)
+                except StartFailure as e:
+                    self.assertIn("(status 1)", str(e))
+                    self.assertIn(reason, str(e))
+                else:
+                    started.stop()
+                    self.fail("the server started")
         # The first server still serves.
         self.assertIsNotNone(self.running())
 
