@@ -12,7 +12,7 @@ packages=(
   googletest libgtest-dev libgmock-dev libbenchmark-dev
   nlohmann-json3-dev libcli11-dev
   binutils
-  netconfd libyuma-dev libxml2-dev openssh-server python3-ncclient
+  netconfd libyuma-dev libxml2-dev openssh-server python3-ncclient yangcli
   python3 gnuplot-nox
 )
 if [ "${1:-}" = "--fuzz" ]; then

@@ -5,18 +5,22 @@ Run with /usr/bin/python3 (Debian's ncclient). The paths come from the
 environment: IPAPP_NETCONFD_EXE, IPAPP_CHECK_EXE, IPAPP_FAKE_PLUGIN and
 IPAPP_SOURCE_DIR. Each test class runs one server of its own."""
 
+import copy
 import json
 import os
+import pwd
 import re
+import shlex
 import subprocess
 import sys
+import tempfile
 import unittest
 
 from lxml import etree
 from ncclient.operations import RPCError
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from server import NETCONF_NS, Server, StartFailure, config  # noqa: E402
+from server import NETCONF_NS, Server, StartFailure, config, run_launcher  # noqa: E402
 
 LAUNCHER = os.environ.get("IPAPP_NETCONFD_EXE", "")
 CHECK = os.environ.get("IPAPP_CHECK_EXE", "")
@@ -162,9 +166,46 @@ class ServerTest(unittest.TestCase):
         return errors
 
 
+def keypath_node(data, keypath):
+    """The node the ConfD keypath names in a <data> element: names matched
+    by local name, list entries by their key values in order."""
+    node = data
+    for step in keypath.strip("/").split("/"):
+        name, _, keys = step.partition("{")
+        name = name.rpartition(":")[2]
+        found = None
+        for child in node:
+            if not isinstance(child.tag, str) or etree.QName(child).localname != name:
+                continue
+            values = [k.text for k in child if isinstance(k.tag, str)][:len(keys.split())]
+            if not keys or values == keys.rstrip("}").split():
+                found = child
+                break
+        if found is None:
+            return None
+        node = found
+    return node
+
+
 class VerdictTest(ServerTest):
     """The plug-in's verdicts through NETCONF, at <validate> and at <commit>
     of the candidate, equal ipapp-check's."""
+
+    def assertSelectsRefusingNode(self, err, keypath):
+        """err's error-path compiles as XPath with the prefixes the reply
+        declares and selects, in the candidate, the node keypath names."""
+        nsmap = {k: v for k, v in err.xml.nsmap.items() if k}
+        xpath = etree.XPath(err.path, namespaces=nsmap)
+        data = self.session.get_config(source="candidate").data_ele
+        expected = keypath_node(data, keypath)
+        self.assertIsNotNone(expected, keypath)
+        selected = []
+        for top in data:
+            selected += xpath(etree.ElementTree(copy.deepcopy(top)))
+        self.assertGreaterEqual(len(selected), 1, err.path)
+        def identity(node):
+            return node.tag, [(c.tag, c.text) for c in node if isinstance(c.tag, str)]
+        self.assertEqual(identity(selected[0]), identity(expected), err.path)
 
     # At least one candidate per handler family, accepted ones among them.
     CANDIDATES = [
@@ -212,10 +253,7 @@ class VerdictTest(ServerTest):
                     self.session.edit_config(target="candidate", config=config(
                         change(example("running.xml"), example(name))))
                     self.session.validate(source="candidate")
-                    # netconfd's <commit> after a <validate> leaves running
-                    # as it was: edit anew.
-                    self.session.discard_changes()
-                    commit_change(self.session, "running.xml", name)
+                    self.session.commit()
                     self.assertEqual(element_leaves(self.running()), file_leaves(name))
                     with open(os.path.join(self.server.dir, "netconfd.log")) as log:
                         logged = log.read()
@@ -233,8 +271,12 @@ class VerdictTest(ServerTest):
                         self.assertEqual(err.tag, "operation-failed")
                         self.assertEqual(err.type, "application")
                         self.assertEqual(err.app_tag, details["validation"])
-                        self.assertEqual(err.path, details["keypath"])
+                        self.assertSelectsRefusingNode(err, details["keypath"])
                 self.assertEqual(self.running(), before)
+                # The element's own keypath stays in the log.
+                with open(os.path.join(self.server.dir, "netconfd.log")) as log:
+                    self.assertIn(f"refused by {details['validation']} on {details['keypath']}: "
+                                  f"{first_line[len('refused: '):]}", log.read())
                 self.session.discard_changes()
                 self.assertEqual(element_leaves(self.candidate()), file_leaves("running.xml"))
 
@@ -262,6 +304,124 @@ class VerdictTest(ServerTest):
         self.assertEqual(element_leaves(self.running()), file_leaves("accept-new-interface.xml"))
 
 
+class EditTest(ServerTest):
+    """<validate> checks what <commit> would commit and changes nothing; an
+    inline <config> is checked as the candidate would be."""
+
+    def setUp(self):
+        self.session.discard_changes()
+        self.session.edit_config(target="candidate", default_operation="replace",
+                                 config=config(change(VerdictTest.running_text(self),
+                                                      "")))
+        self.session.commit()
+
+    def halves(self, name):
+        """The top-level elements of an example in two edits."""
+        tops = [e for e in etree.fromstring(f"<d>{example(name)}</d>") if isinstance(e.tag, str)]
+        cut = len(tops) // 2
+        return ("".join(etree.tostring(e).decode() for e in tops[:cut]),
+                "".join(etree.tostring(e).decode() for e in tops[cut:]))
+
+    def test_edits_before_and_after_a_validate_are_committed_together(self):
+        first, second = self.halves("running.xml")
+        self.session.edit_config(target="candidate", config=config(first))
+        self.session.validate(source="candidate")
+        self.assertEqual(element_leaves(self.candidate()),
+                         element_leaves(f"<data>{first}</data>"))
+        self.session.edit_config(target="candidate", config=config(second))
+        self.session.validate(source="candidate")
+        self.session.commit()
+        self.assertEqual(element_leaves(self.running()), file_leaves("running.xml"))
+
+    def test_validate_then_commit_checks_the_whole_candidate(self):
+        commit_change(self.session, "", "running.xml")
+        # An edit before the validate and one after it: the commit checks
+        # both, and the second one is what the plug-in refuses.
+        edits = change(example("running.xml"), example("vrf-ospf.xml"))
+        tops = [e for e in etree.fromstring(f"<d>{edits}</d>")]
+        self.assertGreaterEqual(len(tops), 1)
+        self.session.edit_config(target="candidate", config=config(example("running.xml")))
+        self.session.validate(source="candidate")
+        self.session.edit_config(target="candidate", config=config(edits))
+        with self.assertRaises(RPCError) as raised:
+            self.session.commit()
+        self.assertEqual(raised.exception.message,
+                         "l3 core2 is configured in OSPF and cannot be associated with a VRF")
+        self.assertEqual(element_leaves(self.running()), file_leaves("running.xml"))
+
+    def test_locked_sessions_edits_survive_another_sessions_validate(self):
+        with self.server.connect() as other:
+            with self.session.locked("candidate"):
+                self.session.edit_config(target="candidate",
+                                         config=config(example("running.xml")))
+                other.validate(source="candidate")
+                with self.assertRaises(RPCError):
+                    other.commit()  # locked by the first session
+                self.session.commit()
+        self.assertEqual(element_leaves(self.running()), file_leaves("running.xml"))
+
+    def test_inline_config_is_checked_as_a_candidate_against_running(self):
+        commit_change(self.session, "", "running.xml")
+        first_line, details, _ = ipapp_check("vrf-ospf.xml")
+        inline = etree.fromstring(config(example("vrf-ospf.xml")))
+        with self.assertRaises(RPCError) as raised:
+            self.session.validate(source=inline)
+        self.assertEqual(raised.exception.message, first_line[len("refused: "):])
+        self.assertEqual(raised.exception.app_tag, details["validation"])
+        self.session.validate(source=etree.fromstring(config(example("accept-new-interface.xml"))))
+        # Nothing changed: neither the candidate nor running.
+        self.assertEqual(element_leaves(self.candidate()), file_leaves("running.xml"))
+        self.assertEqual(element_leaves(self.running()), file_leaves("running.xml"))
+
+
+class RunningTest(unittest.TestCase):
+    """The running configuration outlives the server, and --running seeds
+    it."""
+
+    def test_restart_keeps_running_and_running_option_seeds_it(self):
+        server = Server(LAUNCHER)
+        server.own_dir = False
+        try:
+            with server.connect() as session:
+                commit_change(session, "", "running.xml")
+            self.assertEqual(server.stop(), 0)
+            for args, expected in [
+                    ([], "running.xml"),
+                    (["--running", os.path.join(EXAMPLES, "accept-new-interface.xml")],
+                     "accept-new-interface.xml"),
+                    ([], "accept-new-interface.xml"),
+                    (["--running", os.path.join(EXAMPLES, "route-limit.json")], None)]:
+                with self.subTest(args=args):
+                    again = Server(LAUNCHER, dir=server.dir, args=args)
+                    try:
+                        with again.connect() as session:
+                            data = session.get_config(source="running").data_xml
+                    finally:
+                        self.assertEqual(again.stop(), 0)
+                    if expected:
+                        self.assertEqual(element_leaves(data), file_leaves(expected))
+                    else:
+                        self.assertIn("blue-1", data)
+        finally:
+            server.own_dir = True
+            server.stop()
+
+    def test_bad_running_file_is_bad_usage_naming_file_and_line(self):
+        bad = os.path.join(EXAMPLES, "running.xml")
+        with open(bad) as f:
+            text = f.read().replace("<vlan>100</vlan>", "<vlan>one hundred</vlan>", 1)
+        self.assertNotEqual(text, example("running.xml"))
+        with tempfile.TemporaryDirectory() as tmp:
+            path = os.path.join(tmp, "bad.xml")
+            with open(path, "w") as f:
+                f.write(text)
+            line = text[:text.index("one hundred")].count("\n") + 1
+            status, err = run_launcher(LAUNCHER, ["--port", "1", "--dir",
+                                                  os.path.join(tmp, "d"), "--running", path])
+        self.assertEqual(status, 2, err)
+        self.assertIn(f"{path}:{line}", err)
+
+
 class FailureTest(ServerTest):
     """An exception from the plug-in fails the commit and the server goes on;
     a server that cannot start says why."""
@@ -280,10 +440,10 @@ class FailureTest(ServerTest):
                 err = raised.exception
                 self.assertEqual(err.tag, "operation-failed")
                 self.assertEqual(err.message,
-                                 "the validation plug-in failed in intf_l3_name_validation on "
+                                 "exception from the plug-in in intf_l3_name_validation on "
                                  "/config/interface/ipapp:l3: fake failure in "
                                  "intf_l3_name_validation")
-                self.assertEqual(err.path, "/config/interface/ipapp:l3")
+                self.assertEqual(err.path, "/shellcfg:config/shellcfg:interface/ipapp:l3")
                 # netconfd's own tag: a failure is no validation's refusal.
                 self.assertEqual(err.app_tag, "general-error")
                 self.assertEqual(self.running(), before)
@@ -293,14 +453,93 @@ class FailureTest(ServerTest):
         missing = "/nonexistent/libip_app_validation.so"
         for name, kwargs, reason in [
                 ("port taken", {"port": self.server.port}, "is in use"),
-                ("plug-in missing", {"plugin": missing}, f"cannot load plug-in {missing}")]:
+                ("plug-in missing", {"plugin": missing}, f"cannot load plug-in {missing}"),
+                ("plug-in aborting at start",
+                 {"plugin": FAKE_PLUGIN, "env": {"IPAPP_FAKE_MODE": "abort@lib_init"}},
+                 "the plug-in cannot be used: " + FAKE_PLUGIN +
+                 ": the plug-in aborted in lib_init (signal SIGABRT, Aborted)")]:
             with self.subTest(name):
-                with self.assertRaises(StartFailure) as raised:
-                    Server(LAUNCHER, **kwargs)
-                self.assertIn("(status 1)", str(raised.exception))
-                self.assertIn(reason, str(raised.exception))
+                try:
+                    started = Server(LAUNCHER, **kwargs)
+                except StartFailure as e:
+                    self.assertIn("(status 1)", str(e))
+                    self.assertIn(reason, str(e))
+                else:
+                    started.stop()
+                    self.fail("the server started")
         # The first server still serves.
         self.assertIsNotNone(self.running())
+
+
+
+class IsolationTest(unittest.TestCase):
+    """A plug-in that aborts or hangs fails the one operation; every session
+    goes on."""
+
+    PLACE = "intf_l3_name_validation on /config/interface/ipapp:l3"
+    CASES = [
+        ("abort", f"the plug-in aborted in {PLACE} (signal SIGABRT, Aborted)"),
+        ("hang", f"the plug-in did not return in {PLACE} (stopped after 2 s)"),
+    ]
+
+    def test_failing_plugin_fails_the_operation_and_the_server_keeps_serving(self):
+        for mode, message in self.CASES:
+            with self.subTest(mode=mode):
+                server = Server(LAUNCHER, plugin=FAKE_PLUGIN, env={"IPAPP_FAKE_MODE": mode},
+                                args=["--timeout", "2"])
+                try:
+                    with server.connect() as session, server.connect() as other:
+                        session.edit_config(target="candidate",
+                                            config=config(example("running.xml")))
+                        for operation in (lambda: session.validate(source="candidate"),
+                                          session.commit):
+                            with self.assertRaises(RPCError) as raised:
+                                operation()
+                            self.assertEqual(raised.exception.message, message)
+                            self.assertEqual(raised.exception.tag, "operation-failed")
+                        # A session that comes afterwards gets its hello, and
+                        # the one that waited its turn gets its answer.
+                        with server.connect() as late:
+                            self.assertEqual(element_leaves(
+                                late.get_config(source="running").data_xml), [])
+                        self.assertEqual(element_leaves(
+                            other.get_config(source="candidate").data_xml),
+                            file_leaves("running.xml"))
+                finally:
+                    self.assertEqual(server.stop(), 0)
+                self.assertEqual(server.leftovers, [])
+
+
+
+class YangcliTest(ServerTest):
+    """Another NETCONF client, yangcli, reads a refusal as a proper reply."""
+
+    def test_refused_commit_through_yangcli(self):
+        commit_change(self.session, "", "running.xml")
+        self.session.edit_config(target="candidate",
+                                 config=config(change(example("running.xml"),
+                                                      example("vrf-ospf.xml"))))
+        first_line, details, _ = ipapp_check("vrf-ospf.xml")
+        key = os.path.join(self.server.dir, "client_key")
+        with tempfile.TemporaryDirectory() as home:
+            script = os.path.join(home, "commit.txt")
+            with open(script, "w") as f:
+                f.write("commit\nquit\n")
+            yangcli = ["yangcli", "--server=127.0.0.1", f"--ncport={self.server.port}",
+                       f"--user={pwd.getpwuid(os.getuid()).pw_name}", f"--private-key={key}",
+                       f"--public-key={key}.pub", "--password=unused", "--batch-mode",
+                       f"--run-script={script}"]
+            # yangcli insists on a terminal.
+            out = subprocess.run(["script", "-qec", shlex.join(yangcli), "/dev/null"],
+                                 capture_output=True, text=True, timeout=60,
+                                 env=dict(os.environ, HOME=home)).stdout
+        self.assertIn("RPC Error Reply", out)
+        self.assertIn(f"error-message '{first_line[len('refused: '):]}'", out)
+        self.assertIn(f"error-app-tag {details['validation']}", out)
+        self.assertRegex(out, r"error-path /shellcfg:config/shellcfg:interface/ipapp:l3")
+        self.assertNotIn("invalid", out.lower())
+        self.assertEqual(element_leaves(self.running()), file_leaves("running.xml"))
+        self.session.discard_changes()
 
 
 if __name__ == "__main__":

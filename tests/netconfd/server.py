@@ -44,20 +44,32 @@ def processes_mentioning(text):
 
 
 class StartFailure(Exception):
-    pass
+    def __init__(self, text, status=None, stderr=""):
+        super().__init__(text)
+        self.status = status
+        self.stderr = stderr
+
+
+def port_listening(port):
+    with socket.socket(socket.AF_INET, socket.SOCK_STREAM) as s:
+        s.settimeout(1)
+        return s.connect_ex(("127.0.0.1", port)) == 0
 
 
 class Server:
-    """ipapp-netconfd in a fresh temporary directory. env adds to the
-    launcher's environment (netconfd and the plug-in inherit it)."""
+    """ipapp-netconfd in a fresh temporary directory, or in dir (which stop()
+    then leaves in place). env adds to the launcher's environment (netconfd
+    and the plug-in inherit it); args add to its command line."""
 
-    def __init__(self, launcher, plugin=None, env=None, port=None):
-        self.dir = tempfile.mkdtemp(prefix="ipapp-netconfd-test-")
+    def __init__(self, launcher, plugin=None, env=None, port=None, args=(), dir=None):
+        self.own_dir = dir is None
+        self.dir = tempfile.mkdtemp(prefix="ipapp-netconfd-test-") if dir is None else dir
         self.port = port
         self.proc = None
         self.ready_line = None
         self.returncode = None
-        args = [launcher, "--dir", self.dir]
+        self.leftovers = []
+        args = [launcher, "--dir", self.dir] + list(args)
         if plugin:
             args += ["--plugin", plugin]
         full_env = dict(os.environ, **(env or {}))
@@ -88,13 +100,15 @@ class Server:
                     return
                 if line == "":
                     break
-        self.proc.kill()
+        if self.proc.poll() is None:
+            self.proc.kill()
         self.returncode = self.proc.wait()
         err = self.proc.stderr.read()
         self.proc.stdout.close()
         self.proc.stderr.close()
         self.proc = None
-        raise StartFailure(f"ipapp-netconfd did not become ready (status {self.returncode}): {err}")
+        raise StartFailure(f"ipapp-netconfd did not become ready (status {self.returncode}): {err}",
+                           self.returncode, err)
 
     def connect(self):
         return manager.connect(host="127.0.0.1", port=self.port, username=_user(),
@@ -102,11 +116,11 @@ class Server:
                                hostkey_verify=False, allow_agent=False, look_for_keys=False,
                                timeout=30)
 
-    def stop(self):
-        """SIGTERM to the launcher; kills it if it does not end in time.
+    def stop(self, sig=signal.SIGTERM):
+        """sig to the launcher; kills it if it does not end in time.
         Returns the launcher's exit status (None if it never started)."""
         if self.proc is not None:
-            self.proc.send_signal(signal.SIGTERM)
+            self.proc.send_signal(sig)
             try:
                 self.returncode = self.proc.wait(timeout=STOP_TIMEOUT)
             except subprocess.TimeoutExpired:
@@ -123,8 +137,27 @@ class Server:
                 os.kill(pid, signal.SIGKILL)
             except ProcessLookupError:
                 pass
-        shutil.rmtree(self.dir, ignore_errors=True)
+        if self.own_dir:
+            shutil.rmtree(self.dir, ignore_errors=True)
         return self.returncode
+
+    def gone(self, timeout=10):
+        """Whether, within timeout seconds, no process mentions the
+        directory and nothing listens on the port any more."""
+        deadline = time.monotonic() + timeout
+        while time.monotonic() < deadline:
+            if not processes_mentioning(self.dir) and not port_listening(self.port):
+                return True
+            time.sleep(0.1)
+        return False
+
+
+def run_launcher(launcher, args, timeout=60):
+    """The launcher run to its end (for the ways it refuses to start):
+    (exit status, standard error)."""
+    out = subprocess.run([launcher] + list(args), capture_output=True, text=True,
+                         timeout=timeout)
+    return out.returncode, out.stderr
 
 
 def _user():

@@ -26,31 +26,53 @@ std::vector<std::string> ModuleNames(const std::string &dir) {
 
 }  // namespace
 
-CommitHook::CommitHook(const std::string &plugin_path, const std::string &yang_dir)
-    : modules_(ModuleNames(yang_dir)),
+CommitHook::CommitHook(const std::string &plugin_path, const std::string &yang_dir,
+                       std::chrono::milliseconds timeout)
+    : plugin_path_(plugin_path),
+      modules_(ModuleNames(yang_dir)),
       schema_(host::Schema::Load(yang_dir)),
-      plugin_(std::make_unique<check::Plugin>(plugin_path)) {}
+      timeout_(timeout) {}
+
+void CommitHook::Probe() const {
+  auto load = [this] {
+    return check::CommitInput{
+        schema_, host::Transaction::Create(schema_, host::DataSource::Empty("<running>"),
+                                           host::DataSource::Empty("<candidate>"))};
+  };
+  check::RunCommitIsolated(plugin_path_, load, {}, timeout_);
+}
 
 Verdict CommitHook::Check(const std::string &running_xml, const std::string &candidate_xml) const {
   Verdict verdict;
   check::Report report;
+  // The configurations become trees in the commit's process only.
+  auto load = [&] {
+    return check::CommitInput{
+        schema_, host::Transaction::Create(schema_, host::DataSource::Xml(running_xml, "<running>"),
+                                           host::DataSource::Xml(candidate_xml, "<candidate>"))};
+  };
   try {
-    auto tx = host::Transaction::Create(schema_, host::DataSource::Xml(running_xml, "<running>"),
-                                        host::DataSource::Xml(candidate_xml, "<candidate>"));
-    report = check::RunCommit(*plugin_, *schema_, *tx);
+    report = check::RunCommitIsolated(plugin_path_, load, {}, timeout_);
   } catch (const host::InputError &e) {
     verdict.message = std::string("the configuration cannot be checked: ") + e.what();
+    return verdict;
+  } catch (const std::exception &e) {
+    // The plug-in could not be loaded or started this time, or the commit's
+    // process could not run.
+    verdict.message = e.what();
     return verdict;
   }
 
   verdict.faults = check::FaultLines(report.faults);
+  std::vector<const check::Invocation *> refusals = report.refusals();
   if (const check::Invocation *failure = report.failure()) {
-    verdict.message = "the validation plug-in failed in " + failure->validation + " on " +
-                      failure->keypath + ": " + failure->error;
+    verdict.message = failure->FailureTextWithPlace();
     verdict.keypath = failure->keypath;
     verdict.validation = failure->validation;
-  } else if (std::vector<const check::Invocation *> refusals = report.refusals();
-             !refusals.empty()) {
+  } else if (!report.finish_failure.empty()) {
+    // As ipapp-check: a verdict whose plug-in failed at the end is no verdict.
+    verdict.message = report.finish_failure;
+  } else if (!refusals.empty()) {
     verdict.kind = Verdict::Kind::kRefused;
     verdict.message = refusals.front()->error;
     verdict.keypath = refusals.front()->keypath;

@@ -4,11 +4,17 @@
 // It starts netconfd (candidate target, the element's modules, the module
 // ipapp-netconfd whose library checks each commit) and a private sshd on
 // 127.0.0.1:PORT whose netconf subsystem reaches that netconfd. Everything
-// they write goes under DIR. It prints one line beginning with "ready" once a
-// client can connect, stays in the foreground, and on SIGINT or SIGTERM stops
-// every process it started, including the SSH sessions, then exits 0. It exits
-// 1 when the servers cannot be started or one of them dies, 2 on bad usage.
+// they write goes under DIR, which must be the launcher's own (PrivateDir);
+// the running configuration is kept there across runs. It prints one line
+// beginning with "ready" once a client can connect, stays in the foreground,
+// and on SIGINT, SIGTERM or SIGHUP stops every process it started, including
+// the SSH sessions, then exits 0; killed outright, its servers get SIGTERM
+// from the kernel. It exits 1 when the plug-in or a server cannot be started
+// or a server dies, 2 on bad usage.
 #include <CLI/CLI.hpp>
+
+#include <ipapp/check_engine.h>
+#include <ipapp/host.h>
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -23,6 +29,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -37,8 +44,12 @@
 #include <string>
 #include <vector>
 
+#include "private_dir.h"
+#include "startup_config.h"
+
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
+using ipapp::netconfd::PrivateDir;
 
 namespace {
 
@@ -52,11 +63,17 @@ constexpr const char *kYumaModules = "/usr/share/yuma/modules";
 constexpr auto kStartTimeout = std::chrono::seconds(30);
 constexpr auto kStopTimeout = std::chrono::seconds(5);
 
+// The longest path a Unix socket address holds (sun_path without its NUL).
+constexpr size_t kMaxSocketPath = 107;
+
 struct Args {
   int port = 0;
   std::string dir;
   std::string plugin;
   std::string yang;
+  std::string running;
+  double timeout = 60;    ///< seconds per check, as ipapp-check's --timeout
+  bool no_check = false;  ///< netconfd alone, to compare with
 };
 
 class StartError : public std::runtime_error {
@@ -131,53 +148,60 @@ std::string UserName() {
 
 // Runs argv in its own process group (so a Ctrl-C reaches only this launcher,
 // which then stops everything in order), with extra environment and its
-// output in log (emptied first unless fresh_log is false).
+// output to out. It gets the signal dispositions and mask of a fresh process
+// (this one ignores SIGPIPE and blocks the signals it waits for), and
+// SIGTERM when this launcher dies, however it dies.
 pid_t Spawn(const std::vector<std::string> &argv, const std::map<std::string, std::string> &env,
-            const fs::path &log, bool fresh_log = true) {
-  int fd =
-      open(log.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | (fresh_log ? O_TRUNC : O_APPEND), 0644);
-  if (fd < 0) throw StartError("cannot open " + log.string() + ": " + std::strerror(errno));
+            int out) {
   std::vector<char *> args;
   for (const std::string &a : argv) args.push_back(const_cast<char *>(a.c_str()));
   args.push_back(nullptr);
 
+  const pid_t parent = getpid();
   pid_t pid = fork();
-  if (pid < 0) {
-    close(fd);
-    throw StartError(std::string("fork failed: ") + std::strerror(errno));
-  }
+  if (pid < 0) throw StartError(std::string("fork failed: ") + std::strerror(errno));
   if (pid == 0) {
     setpgid(0, 0);
+    prctl(PR_SET_PDEATHSIG, SIGTERM);
+    if (getppid() != parent) _exit(127);  // the launcher died before prctl
+    for (int sig = 1; sig < NSIG; ++sig) signal(sig, SIG_DFL);
     sigset_t none;
     sigemptyset(&none);
     sigprocmask(SIG_SETMASK, &none, nullptr);
     for (const auto &[name, value] : env) setenv(name.c_str(), value.c_str(), 1);
     int null = open("/dev/null", O_RDONLY);
     dup2(null, STDIN_FILENO);
-    dup2(fd, STDOUT_FILENO);
-    dup2(fd, STDERR_FILENO);
+    dup2(out, STDOUT_FILENO);
+    dup2(out, STDERR_FILENO);
     execv(args[0], args.data());
     dprintf(STDERR_FILENO, "ipapp-netconfd: cannot run %s: %s\n", args[0], std::strerror(errno));
     _exit(127);
   }
-  close(fd);
   return pid;
 }
 
-// Runs argv to completion; throws StartError if it fails.
-void RunTool(const std::vector<std::string> &argv, const fs::path &log) {
-  pid_t pid = Spawn(argv, {}, log, false);
+// Runs argv to completion, its output appended to the open log; throws
+// StartError if it fails.
+void RunTool(const std::vector<std::string> &argv, int log, const fs::path &log_path) {
+  pid_t pid = Spawn(argv, {}, log);
   int status = 0;
   while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
   }
   if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-    throw StartError(argv[0] + " failed; see " + log.string());
+    throw StartError(argv[0] + " failed; see " + log_path.string());
   }
+}
+
+std::string SignalName(int sig) {
+  const char *abbrev = sigabbrev_np(sig);
+  std::string text = abbrev ? std::string("SIG") + abbrev : std::to_string(sig);
+  if (const char *description = strsignal(sig)) text += std::string(" (") + description + ")";
+  return text;
 }
 
 std::string Describe(int status) {
   if (WIFEXITED(status)) return "exited with status " + std::to_string(WEXITSTATUS(status));
-  if (WIFSIGNALED(status)) return std::string("was killed by ") + strsignal(WTERMSIG(status));
+  if (WIFSIGNALED(status)) return "was killed by signal " + SignalName(WTERMSIG(status));
   return "stopped";
 }
 
@@ -258,14 +282,23 @@ class Processes {
   std::map<pid_t, std::string> named_;
 };
 
-// Waits for the signals SIGINT, SIGTERM and SIGCHLD (all blocked) for at most
-// timeout; returns the signal, or 0.
-int WaitSignal(std::chrono::milliseconds timeout) {
+// The signals the launcher waits for, blocked while it runs: those that stop
+// it, and SIGCHLD.
+sigset_t WaitedSignals() {
   sigset_t set;
   sigemptyset(&set);
-  sigaddset(&set, SIGINT);
-  sigaddset(&set, SIGTERM);
-  sigaddset(&set, SIGCHLD);
+  for (int sig : {SIGINT, SIGTERM, SIGHUP, SIGCHLD}) sigaddset(&set, sig);
+  return set;
+}
+
+bool Stops(int sig) {
+  return sig == SIGINT || sig == SIGTERM || sig == SIGHUP;
+}
+
+// Waits for one of WaitedSignals() for at most timeout; returns the signal,
+// or 0.
+int WaitSignal(std::chrono::milliseconds timeout) {
+  const sigset_t set = WaitedSignals();
   timespec ts{};
   ts.tv_sec = timeout.count() / 1000;
   ts.tv_nsec = (timeout.count() % 1000) * 1000000L;
@@ -275,7 +308,8 @@ int WaitSignal(std::chrono::milliseconds timeout) {
 
 class Interrupted : public std::exception {};
 
-// Polls ready() until it holds; throws Interrupted on SIGINT or SIGTERM and
+// Polls ready() until it holds; throws Interrupted on a signal that stops the
+// launcher and
 // StartError when a server ends or the time runs out.
 template <typename Ready>
 void WaitUntil(Processes &procs, const std::string &what, Ready ready) {
@@ -284,7 +318,7 @@ void WaitUntil(Processes &procs, const std::string &what, Ready ready) {
     if (std::optional<std::string> ended = procs.Reap()) throw StartError(*ended);
     if (Clock::now() >= deadline) throw StartError("timed out waiting for " + what);
     int sig = WaitSignal(std::chrono::milliseconds(50));
-    if (sig == SIGINT || sig == SIGTERM) throw Interrupted();
+    if (Stops(sig)) throw Interrupted();
   }
 }
 
@@ -327,16 +361,13 @@ std::string Tail(const fs::path &log, size_t lines) {
 
 // --- Set-up -----------------------------------------------------------------
 
-void Keygen(const fs::path &key, const fs::path &log) {
-  if (fs::exists(key)) return;
-  RunTool({kKeygen, "-q", "-t", "ed25519", "-N", "", "-C", "ipapp-netconfd", "-f", key.string()},
-          log);
-}
-
-void WriteFile(const fs::path &path, const std::string &text) {
-  std::ofstream out(path, std::ios::trunc);
-  out << text;
-  if (!out) throw StartError("cannot write " + path.string());
+// A key pair made for this start: name and name.pub in dir.
+void Keygen(const PrivateDir &dir, const std::string &name, int log) {
+  dir.Remove(name);
+  dir.Remove(name + ".pub");
+  RunTool({kKeygen, "-q", "-t", "ed25519", "-N", "", "-C", "ipapp-netconfd", "-f",
+           (dir / name).string()},
+          log, dir / "keygen.log");
 }
 
 std::string ReadFile(const fs::path &path) {
@@ -346,8 +377,17 @@ std::string ReadFile(const fs::path &path) {
   return text.str();
 }
 
+// What the client key may do: open the NETCONF subsystem and nothing else.
+// Whatever the client asks for (a shell, a command, a subsystem), sshd runs
+// this instead.
+std::string NetconfCommand(const std::string &port, const fs::path &sock) {
+  return std::string(kSubsystem) + " --ncxserver-sockname=" + port + "@" + sock.string();
+}
+
 // A private sshd for one user, key login only, whose netconf subsystem
-// reaches the netconfd listening on sock.
+// reaches the netconfd listening on sock. sshd's own StrictModes would walk
+// every directory up to / and refuse DIR under /tmp; PrivateDir has checked
+// DIR instead, and every file sshd reads in it was made afresh.
 std::string SshdConfig(const fs::path &dir, const std::string &port, const std::string &user,
                        const fs::path &sock) {
   std::ostringstream out;
@@ -357,22 +397,49 @@ std::string SshdConfig(const fs::path &dir, const std::string &port, const std::
       << "HostKey " << (dir / "host_key").string() << "\n"
       << "PidFile none\n"
       << "AuthorizedKeysFile " << (dir / "authorized_keys").string() << "\n"
+      << "AuthorizedPrincipalsFile none\n"
+      << "AuthorizedKeysCommand none\n"
       << "AllowUsers " << user << "\n"
       << "PubkeyAuthentication yes\n"
       << "PasswordAuthentication no\n"
       << "KbdInteractiveAuthentication no\n"
-      << "PermitRootLogin prohibit-password\n"
+      << "HostbasedAuthentication no\n"
+      << "PermitRootLogin forced-commands-only\n"
       << "UsePAM no\n"
       << "StrictModes no\n"
-      << "AllowTcpForwarding no\n"
-      << "AllowAgentForwarding no\n"
-      << "X11Forwarding no\n"
+      << "DisableForwarding yes\n"
       << "PermitTTY no\n"
+      << "PermitUserRC no\n"
+      << "PermitUserEnvironment no\n"
+      << "ForceCommand " << NetconfCommand(port, sock)
+      << "\n"
       // netconf-subsystem reaches netconfd through sock and tells it the port
       // the client came in on; netconfd refuses ports missing from its --port.
-      << "Subsystem netconf " << kSubsystem << " --ncxserver-sockname=" << port << "@"
-      << sock.string() << "\n";
+      << "Subsystem netconf " << NetconfCommand(port, sock) << "\n";
   return out.str();
+}
+
+// Loads and starts the plug-in in a child process and lets it finish, as
+// each check will: a plug-in that cannot be used stops the launcher here,
+// with the plug-in's own story instead of netconfd's.
+void ProbePlugin(const fs::path &plugin, const fs::path &yang, std::chrono::milliseconds timeout) {
+  auto load = [&] {
+    ipapp::check::CommitInput input;
+    input.schema = ipapp::host::Schema::Load(yang.string());
+    input.tx =
+        ipapp::host::Transaction::Create(input.schema, ipapp::host::DataSource::Empty("<running>"),
+                                         ipapp::host::DataSource::Empty("<candidate>"));
+    return input;
+  };
+  try {
+    ipapp::check::RunCommitIsolated(plugin.string(), load, {}, timeout);
+  } catch (const ipapp::check::PluginError &e) {
+    throw StartError(std::string("the plug-in cannot be used: ") + e.what());
+  } catch (const ipapp::host::InputError &e) {
+    throw StartError(std::string("the element's modules cannot be loaded: ") + e.what());
+  } catch (const std::exception &e) {
+    throw StartError(std::string("the plug-in cannot be tried: ") + e.what());
+  }
 }
 
 int Run(const Args &args) {
@@ -382,65 +449,122 @@ int Run(const Args &args) {
               << "\n";
     return kBadUsage;
   }
+  // netconfd's socket lives in a directory of its own that only this user
+  // may enter, whatever DIR's mode lets others do.
+  const fs::path sock = dir / "run" / "netconfd.sock";
+  if (sock.string().size() > kMaxSocketPath) {
+    std::cerr << "ipapp-netconfd: --dir is too long: netconfd's socket " << sock.string()
+              << " would take " << sock.string().size() << " characters, at most " << kMaxSocketPath
+              << " fit in a socket address\n";
+    return kBadUsage;
+  }
   const fs::path plugin = args.plugin.empty() ? DefaultPlugin() : fs::absolute(args.plugin);
   const fs::path yang = args.yang.empty() ? DefaultYangDir() : fs::absolute(args.yang);
   const fs::path sil_dir = SilDir();
   const fs::path sil_yang_dir = SilYangDir();
   const std::string port = std::to_string(args.port);
+  const auto timeout = std::chrono::milliseconds(std::llround(args.timeout * 1000));
   const std::string user = UserName();
-  const fs::path sock = dir / "ncxserver.sock";
-  const fs::path netconfd_log = dir / "netconfd.log";
-  const fs::path sshd_log = dir / "sshd.log";
+
+  std::optional<ipapp::netconfd::PrivateDir> own;
+  std::optional<std::string> seed;
+  try {
+    own.emplace(dir);
+    if (!args.running.empty()) seed = ipapp::netconfd::StartupConfig(args.running, yang.string());
+  } catch (const ipapp::netconfd::DirError &e) {
+    std::cerr << "ipapp-netconfd: cannot use --dir: " << e.what() << "\n";
+    return kBadUsage;
+  } catch (const ipapp::host::InputError &e) {
+    std::cerr << "ipapp-netconfd: --running: " << e.what() << "\n";
+    return kBadUsage;
+  }
+  const ipapp::netconfd::PrivateDir &d = *own;
   if (!PortFree(args.port)) {
     std::cerr << "ipapp-netconfd: cannot start: port " << port << " on 127.0.0.1 is in use\n";
     return kServerFailure;
   }
 
-  fs::create_directories(dir / "home");
-  fs::create_directories(dir / "yuma" / "data");
-  Keygen(dir / "host_key", dir / "keygen.log");
-  Keygen(dir / "client_key", dir / "keygen.log");
-  WriteFile(dir / "authorized_keys", ReadFile(dir / "client_key.pub"));
-  WriteFile(dir / "sshd_config", SshdConfig(dir, port, user, sock));
-  // sshd started by root insists on its privilege separation directory, which
-  // the system's service would otherwise create when it starts.
-  if (geteuid() == 0) mkdir("/run/sshd", 0755);
-  // A socket left by a server that was killed would stop netconfd binding.
-  fs::remove(sock);
-
-  std::vector<std::string> netconfd = {
-      kNetconfd,
-      "--config=/dev/null",
-      "--home=" + (dir / "home").string(),
-      "--yuma-home=" + (dir / "yuma").string(),
-      "--modpath=" + yang.string() + ":" + sil_yang_dir.string() + ":" + kYumaModules,
-      "--runpath=" + sil_dir.string(),
-      "--target=candidate",
-      "--no-startup",
-      "--access-control=off",
-      "--port=" + port,
-      "--ncxserver-sockname=" + sock.string(),
-      "--log-level=info",
-  };
-  for (const std::string &module : ModuleNames(yang)) netconfd.push_back("--module=" + module);
-  netconfd.push_back("--module=ipapp-netconfd");
-
   Processes procs;
   try {
+    if (!args.no_check) ProbePlugin(plugin, yang, timeout);
+
+    // The running configuration netconfd starts from and saves each commit
+    // to: the seed asked for, else what the last run committed, provided
+    // that is a file this user's servers wrote.
+    const std::string running = "running.xml";
+    if (seed) {
+      d.WriteFile(running, *seed, 0600);
+    } else if (!d.IsOwnFile(running)) {
+      std::error_code ec;
+      if (fs::symlink_status(d / running, ec).type() != fs::file_type::not_found) {
+        std::cerr << "ipapp-netconfd: " << (d / running).string()
+                  << " is not a plain file of this user; starting with an empty running "
+                     "configuration\n";
+      }
+      d.WriteFile(running, ipapp::netconfd::EmptyStartupConfig(), 0600);
+    }
+    if (!d.IsOwnFile("startup-cfg-txid.txt")) d.Remove("startup-cfg-txid.txt");
+
+    d.CreateDir("home", 0700);
+    d.CreateDir("yuma", 0700);
+    d.CreateDir("yuma/data", 0700);
+    d.CreateDir("run", 0700);
+    const int keygen_log = d.CreateFile("keygen.log", 0600);
+    try {
+      Keygen(d, "host_key", keygen_log);
+      Keygen(d, "client_key", keygen_log);
+    } catch (...) {
+      close(keygen_log);
+      throw;
+    }
+    close(keygen_log);
+    std::string client_key = ReadFile(d / "client_key.pub");
+    d.WriteFile("authorized_keys",
+                "restrict,command=\"" + NetconfCommand(port, sock) + "\" " + client_key, 0600);
+    d.WriteFile("sshd_config", SshdConfig(dir, port, user, sock), 0600);
+    // sshd started by root insists on its privilege separation directory, which
+    // the system's service would otherwise create when it starts.
+    if (geteuid() == 0) mkdir("/run/sshd", 0755);
+
+    std::vector<std::string> netconfd = {
+        kNetconfd,
+        "--config=/dev/null",
+        "--home=" + (dir / "home").string(),
+        "--yuma-home=" + (dir / "yuma").string(),
+        "--modpath=" + yang.string() + ":" + sil_yang_dir.string() + ":" + kYumaModules,
+        "--runpath=" + sil_dir.string(),
+        "--target=candidate",
+        "--startup=" + (dir / running).string(),
+        "--access-control=off",
+        "--port=" + port,
+        "--ncxserver-sockname=" + sock.string(),
+        "--log-level=info",
+    };
+    for (const std::string &module : ModuleNames(yang)) netconfd.push_back("--module=" + module);
+    if (!args.no_check) netconfd.push_back("--module=ipapp-netconfd");
+
+    const fs::path netconfd_log = dir / "netconfd.log";
+    const fs::path sshd_log = dir / "sshd.log";
+    int log = d.CreateFile("netconfd.log", 0600);
+    char timeout_text[32];
+    std::snprintf(timeout_text, sizeof timeout_text, "%.3f", args.timeout);
     procs.Add("netconfd", Spawn(netconfd,
                                 {{"HOME", (dir / "home").string()},
                                  {"YUMA_HOME", (dir / "yuma").string()},
                                  {"IPAPP_NETCONFD_PLUGIN", plugin.string()},
-                                 {"IPAPP_NETCONFD_YANG", yang.string()}},
-                                netconfd_log));
+                                 {"IPAPP_NETCONFD_YANG", yang.string()},
+                                 {"IPAPP_NETCONFD_TIMEOUT", timeout_text}},
+                                log));
+    close(log);
     try {
       WaitUntil(procs, "netconfd's socket", [&] { return fs::exists(sock); });
     } catch (const StartError &e) {
       throw StartError(std::string(e.what()) + "; the end of " + netconfd_log.string() + ":\n" +
                        Tail(netconfd_log, 8));
     }
-    procs.Add("sshd",
-              Spawn({kSshd, "-D", "-e", "-f", (dir / "sshd_config").string()}, {}, sshd_log));
+    log = d.CreateFile("sshd.log", 0600);
+    procs.Add("sshd", Spawn({kSshd, "-D", "-e", "-f", (dir / "sshd_config").string()}, {}, log));
+    close(log);
     try {
       // Our own sshd says so: a connection could reach another server.
       const std::string listening = "Server listening on 127.0.0.1 port " + port + ".";
@@ -453,6 +577,10 @@ int Run(const Args &args) {
     std::cerr << "ipapp-netconfd: cannot start: " << e.what() << "\n";
     procs.StopAll();
     return kServerFailure;
+  } catch (const ipapp::netconfd::DirError &e) {
+    std::cerr << "ipapp-netconfd: cannot start: " << e.what() << "\n";
+    procs.StopAll();
+    return kServerFailure;
   } catch (const Interrupted &) {
     procs.StopAll();
     return kStopped;
@@ -461,11 +589,11 @@ int Run(const Args &args) {
   std::cout << "ready: NETCONF over SSH on 127.0.0.1:" << port << ", user " << user << ", key "
             << (dir / "client_key").string() << " (try: ssh -p " << port << " -i "
             << (dir / "client_key").string() << " " << user << "@127.0.0.1 -s netconf); log "
-            << netconfd_log.string() << std::endl;
+            << (dir / "netconfd.log").string() << std::endl;
 
   for (;;) {
     int sig = WaitSignal(std::chrono::milliseconds(1000));
-    if (sig == SIGINT || sig == SIGTERM) {
+    if (Stops(sig)) {
       procs.StopAll();
       return kStopped;
     }
@@ -477,31 +605,57 @@ int Run(const Args &args) {
   }
 }
 
+// A port as the user means it: decimal digits only, 1 to 65535.
+bool ParsePort(const std::string &text, int *port) {
+  if (text.empty() || text.size() > 5 ||
+      text.find_first_not_of("0123456789") != std::string::npos) {
+    return false;
+  }
+  *port = std::stoi(text);
+  return *port >= 1 && *port <= 65535;
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
   CLI::App app{"Runs netconfd with the ip_app_validation plug-in checking every commit."};
   Args args;
-  app.add_option("--port", args.port, "SSH port on 127.0.0.1 for NETCONF clients")
-      ->required()
-      ->check(CLI::Range(1, 65535));
-  app.add_option("--dir", args.dir, "directory for everything the servers write")->required();
-  app.add_option("--plugin", args.plugin,
-                 "validation plug-in (default: the one installed or built)");
-  app.add_option("--yang", args.yang, "directory of the element's YANG modules");
+  std::string port;
+  app.add_option("--port", port, "SSH port on 127.0.0.1 for NETCONF clients (1-65535)")->required();
+  app.add_option("--dir", args.dir, "directory of this user's for everything the servers write")
+      ->required();
+  CLI::Option *plugin = app.add_option("--plugin", args.plugin,
+                                       "validation plug-in (default: the one installed or built)");
+  CLI::Option *yang =
+      app.add_option("--yang", args.yang, "directory of the element's YANG modules");
+  CLI::Option *running = app.add_option(
+      "--running", args.running,
+      "running configuration to start with (.xml or .json) instead of the one kept in DIR");
+  app.add_flag("--no-check", args.no_check,
+               "run netconfd without the plug-in's check (to compare, e.g. for speed)");
+  app.add_option("--timeout", args.timeout,
+                 "seconds the plug-in may take for one commit or validate (default 60)")
+      ->check(CLI::Range(0.001, 86400.0));
   try {
     app.parse(argc, argv);
+    if (!ParsePort(port, &args.port)) {
+      throw CLI::ValidationError("--port", "must be a decimal number from 1 to 65535: " + port);
+    }
+    if (args.dir.empty()) throw CLI::ValidationError("--dir", "must not be empty");
+    for (CLI::Option *given : {plugin, yang, running}) {
+      if (given->count() > 0 && given->as<std::string>().empty()) {
+        throw CLI::ValidationError(given->get_name(), "must not be empty");
+      }
+    }
   } catch (const CLI::ParseError &e) {
     int rc = app.exit(e);
     return rc == 0 ? 0 : kBadUsage;
   }
 
-  // Signals are taken with sigtimedwait; children get an empty mask back.
-  sigset_t set;
-  sigemptyset(&set);
-  sigaddset(&set, SIGINT);
-  sigaddset(&set, SIGTERM);
-  sigaddset(&set, SIGCHLD);
+  // A client that goes away must not kill the launcher; signals are taken
+  // with sigtimedwait; children get default dispositions and an empty mask.
+  signal(SIGPIPE, SIG_IGN);
+  const sigset_t set = WaitedSignals();
   sigprocmask(SIG_BLOCK, &set, nullptr);
   prctl(PR_SET_CHILD_SUBREAPER, 1);
   try {

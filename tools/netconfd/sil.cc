@@ -1,16 +1,21 @@
 // Server instrumentation library of the module ipapp-netconfd: netconfd loads
 // it for --module=ipapp-netconfd (as libipapp-netconfd.so from its run path)
-// and calls y_ipapp_netconfd_init once at start-up. It loads the plug-in and
-// the element's modules named by the environment:
-//   IPAPP_NETCONFD_PLUGIN  the validation plug-in (libip_app_validation.so)
-//   IPAPP_NETCONFD_YANG    the directory of the element's YANG modules
-// and checks the commit as the element would, in two places:
+// and calls y_ipapp_netconfd_init once at start-up. The environment names
+// what it checks with:
+//   IPAPP_NETCONFD_PLUGIN   the validation plug-in (libip_app_validation.so)
+//   IPAPP_NETCONFD_YANG     the directory of the element's YANG modules
+//   IPAPP_NETCONFD_TIMEOUT  seconds one check may take (default 60)
+// Each check runs the plug-in in a child process of netconfd (the engine's
+// isolated commit), in two places:
 //   - netconfd's commit-validate callback, made for every <commit> of the
 //     candidate (a refusal fails the commit);
-//   - the invoke step of <validate> with <source><candidate/></source>, which
-//     netconfd offers no hook for: the library takes over that step and runs
-//     netconfd's own first. <validate> of an inline <config> or of running is
-//     left as netconfd answers it, and so are edits of a writable running
+//   - the validate step of <validate>, which netconfd offers no hook for:
+//     the library takes that step over and runs netconfd's own inside it.
+//     netconfd's step spoils the tree it checks (a <commit> after it finds
+//     nothing, or only the later edits, to commit), so for the candidate it
+//     gets a copy, and the candidate with its edits is left as it was. An
+//     inline <config> is checked as if it were the candidate. <validate> of
+//     running is netconfd's alone, and so are edits of a writable running
 //     configuration (the server runs with the candidate as target).
 extern "C" {
 #include <agt.h>
@@ -25,22 +30,30 @@ extern "C" {
 #include <rpc.h>
 #include <val.h>
 #include <val_util.h>
+#include <xml_msg.h>
 #include <xml_wr.h>
 }
 
+#include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "commit_hook.h"
+#include "keypath.h"
 
 namespace {
 
 using ipapp::netconfd::CommitHook;
+using ipapp::netconfd::KeypathStep;
+using ipapp::netconfd::ParseKeypath;
 using ipapp::netconfd::Verdict;
+using ipapp::netconfd::XPathLiteral;
 
 constexpr const char *kModule = "ipapp-netconfd";
 
@@ -85,6 +98,47 @@ std::string ElementData(val_value_t *root) {
   return text;
 }
 
+// --- error-path ---------------------------------------------------------------
+
+// The XPath instance identifier of keypath in the element's modules, each
+// name with its module's prefix; the prefixes are declared on the reply of
+// msghdr. Empty when the keypath names nothing the modules have.
+std::string InstanceIdentifier(xml_msg_hdr_t *msghdr, const std::string &keypath) {
+  std::string xpath;
+  obj_template_t *obj = nullptr;
+  for (const KeypathStep &step : ParseKeypath(keypath)) {
+    if (obj == nullptr) {
+      for (const std::string &module : g_hook->modules()) {
+        ncx_module_t *mod = ncx_find_module(X(module.c_str()), nullptr);
+        obj = mod ? ncx_find_object(mod, X(step.name.c_str())) : nullptr;
+        if (obj != nullptr) break;
+      }
+    } else {
+      obj = obj_find_child(obj, nullptr, X(step.name.c_str()));
+    }
+    if (obj == nullptr) return {};
+    auto qname = [msghdr](obj_template_t *o) -> std::string {
+      const xmlChar *prefix = xml_msg_get_prefix_xpath(msghdr, obj_get_nsid(o));
+      if (prefix == nullptr) return {};
+      return std::string(reinterpret_cast<const char *>(prefix)) + ":" +
+             reinterpret_cast<const char *>(obj_get_name(o));
+    };
+    std::string name = qname(obj);
+    if (name.empty()) return {};
+    xpath += "/" + name;
+    if (!step.entry) continue;
+    obj_key_t *key = obj_first_key(obj);
+    for (const std::string &value : step.keys) {
+      if (key == nullptr || key->keyobj == nullptr) return {};
+      std::string key_name = qname(key->keyobj);
+      if (key_name.empty()) return {};
+      xpath += "[" + key_name + "=" + XPathLiteral(value) + "]";
+      key = obj_next_key(key);
+    }
+  }
+  return xpath;
+}
+
 // The strings of the last <rpc-error>. netconfd keeps pointers to the
 // message and the app tag in its error record and writes them out only after
 // the callback has returned, so they must outlive the callback: they stay
@@ -92,27 +146,31 @@ std::string ElementData(val_value_t *root) {
 struct LastError {
   std::string message;
   std::string app_tag;
-  std::string path;
 };
 LastError g_last_error;
 
-// One <rpc-error>: error-type application, error-tag operation-failed.
+// One <rpc-error>: error-type application, error-tag operation-failed, and
+// the refusing node as error-path.
 void RecordError(ses_cb_t *scb, xml_msg_hdr_t *msghdr, const std::string &message,
                  const std::string &keypath, const std::string &app_tag) {
-  g_last_error = LastError{message, app_tag, keypath};
+  g_last_error = LastError{message, app_tag};
   ncx_errinfo_t errinfo{};
   // netconfd's type lacks const only: nothing writes through these.
   errinfo.error_message = reinterpret_cast<xmlChar *>(g_last_error.message.data());
   errinfo.error_app_tag =
       app_tag.empty() ? nullptr : reinterpret_cast<xmlChar *>(g_last_error.app_tag.data());
-  void *path = keypath.empty() ? nullptr : g_last_error.path.data();
+  // netconfd copies the path text.
+  std::string path = keypath.empty() ? std::string() : InstanceIdentifier(msghdr, keypath);
+  if (path.empty() && !keypath.empty()) {
+    log_warn("\n%s: no instance identifier for the keypath %s", kModule, keypath.c_str());
+  }
   agt_record_error_errinfo(scb, msghdr, NCX_LAYER_CONTENT, ERR_NCX_OPERATION_FAILED, nullptr,
-                           NCX_NT_NONE, nullptr, path ? NCX_NT_STRING : NCX_NT_NONE, path,
-                           &errinfo);
+                           NCX_NT_NONE, nullptr, path.empty() ? NCX_NT_NONE : NCX_NT_STRING,
+                           path.empty() ? nullptr : path.data(), &errinfo);
 }
 
-// The commit that turns running into the candidate at candidate_root: NO_ERR,
-// or one <rpc-error> recorded in msghdr and an error status.
+// The commit that turns running into the configuration at candidate_root:
+// NO_ERR, or one <rpc-error> recorded in msghdr and an error status.
 status_t CheckCandidate(ses_cb_t *scb, xml_msg_hdr_t *msghdr, val_value_t *candidate_root) {
   Verdict verdict;
   try {
@@ -149,40 +207,74 @@ status_t CheckCandidate(ses_cb_t *scb, xml_msg_hdr_t *msghdr, val_value_t *candi
 
 constexpr const char *kValidate = "validate";
 
-// netconfd's own invoke step of <validate>, run before the check, and
-// whether ValidateInvoke has taken its place.
+// netconfd's own validate step of <validate>, and whether ValidateStep has
+// taken its place.
 agt_rpc_method_t g_netconfd_validate = nullptr;
 bool g_validate_taken = false;
 
-bool SourceIsCandidate(rpc_msg_t *msg) {
-  if (msg->rpc_input == nullptr) return false;
+// The copy of the candidate netconfd last validated. Its error records may
+// point into it until the reply is out, so it goes at the next <validate>.
+val_value_t *g_validated_copy = nullptr;
+
+void DropValidatedCopy() {
+  if (g_validated_copy != nullptr) val_free_value(g_validated_copy);
+  g_validated_copy = nullptr;
+}
+
+// The child of <source>: <candidate/>, <config>, <running/>..., or null.
+val_value_t *Source(rpc_msg_t *msg) {
+  if (msg->rpc_input == nullptr) return nullptr;
   val_value_t *source =
       val_find_child(msg->rpc_input, val_get_mod_name(msg->rpc_input), X("source"));
-  if (source == nullptr) return false;
-  val_value_t *which = val_get_first_child(source);
-  return which != nullptr && xml_strcmp(which->name, X("candidate")) == 0;
+  return source ? val_get_first_child(source) : nullptr;
 }
 
-status_t ValidateInvoke(ses_cb_t *scb, rpc_msg_t *msg, xml_node_t *methnode) {
-  status_t res = g_netconfd_validate ? g_netconfd_validate(scb, msg, methnode) : NO_ERR;
-  if (res != NO_ERR || !dlq_empty(&msg->mhdr.errQ) || !SourceIsCandidate(msg)) return res;
+status_t NetconfdValidate(ses_cb_t *scb, rpc_msg_t *msg, xml_node_t *methnode) {
+  return g_netconfd_validate ? g_netconfd_validate(scb, msg, methnode) : NO_ERR;
+}
+
+status_t ValidateStep(ses_cb_t *scb, rpc_msg_t *msg, xml_node_t *methnode) {
+  DropValidatedCopy();
+  val_value_t *source = Source(msg);
   cfg_template_t *candidate = cfg_get_config_id(NCX_CFGID_CANDIDATE);
-  if (candidate == nullptr || candidate->root == nullptr) return NO_ERR;
-  return CheckCandidate(scb, &msg->mhdr, candidate->root);
+  const bool of_candidate = source != nullptr && xml_strcmp(source->name, X("candidate")) == 0 &&
+                            candidate != nullptr && candidate->root != nullptr;
+  const bool inline_config = source != nullptr && xml_strcmp(source->name, X("config")) == 0;
+  if (!of_candidate) {
+    status_t res = NetconfdValidate(scb, msg, methnode);
+    if (res != NO_ERR || !dlq_empty(&msg->mhdr.errQ) || !inline_config) return res;
+    return CheckCandidate(scb, &msg->mhdr, source);
+  }
+
+  val_value_t *copy = val_clone(candidate->root);
+  if (copy == nullptr) {
+    agt_record_error(scb, &msg->mhdr, NCX_LAYER_OPERATION, ERR_INTERNAL_MEM, methnode, NCX_NT_NONE,
+                     nullptr, NCX_NT_NONE, nullptr);
+    return ERR_INTERNAL_MEM;
+  }
+  val_value_t *real = candidate->root;
+  const uint32 flags = candidate->flags;
+  candidate->root = copy;
+  status_t res = NetconfdValidate(scb, msg, methnode);
+  candidate->root = real;
+  candidate->flags = flags;
+  g_validated_copy = copy;
+  if (res != NO_ERR || !dlq_empty(&msg->mhdr.errQ)) return res;
+  return CheckCandidate(scb, &msg->mhdr, real);
 }
 
-// Puts ValidateInvoke in place of netconfd's invoke step of <validate>,
-// keeping netconfd's to run first. netconfd keeps its RPC callbacks in the
-// RPC's schema object.
+// Puts ValidateStep in place of netconfd's validate step of <validate>,
+// keeping netconfd's to run inside it. netconfd keeps its RPC callbacks in
+// the RPC's schema object.
 status_t TakeOverValidate() {
   ncx_module_t *netconf = ncx_find_module(NCXMOD_NETCONF, nullptr);
   obj_template_t *rpc = netconf ? ncx_find_object(netconf, X(kValidate)) : nullptr;
   if (rpc == nullptr) return ERR_NCX_DEF_NOT_FOUND;
   if (auto *cbset = static_cast<agt_rpc_cbset_t *>(rpc->rpc_cbset)) {
-    g_netconfd_validate = cbset->acb[AGT_RPC_PH_INVOKE];
+    g_netconfd_validate = cbset->acb[AGT_RPC_PH_VALIDATE];
   }
   status_t res =
-      agt_rpc_register_method(NCXMOD_NETCONF, X(kValidate), AGT_RPC_PH_INVOKE, ValidateInvoke);
+      agt_rpc_register_method(NCXMOD_NETCONF, X(kValidate), AGT_RPC_PH_VALIDATE, ValidateStep);
   g_validate_taken = res == NO_ERR;
   return res;
 }
@@ -193,13 +285,23 @@ void GiveBackValidate() {
   ncx_module_t *netconf = ncx_find_module(NCXMOD_NETCONF, nullptr);
   obj_template_t *rpc = netconf ? ncx_find_object(netconf, X(kValidate)) : nullptr;
   if (rpc == nullptr || rpc->rpc_cbset == nullptr) return;
-  static_cast<agt_rpc_cbset_t *>(rpc->rpc_cbset)->acb[AGT_RPC_PH_INVOKE] = g_netconfd_validate;
+  static_cast<agt_rpc_cbset_t *>(rpc->rpc_cbset)->acb[AGT_RPC_PH_VALIDATE] = g_netconfd_validate;
   g_netconfd_validate = nullptr;
 }
 
 const char *Env(const char *name) {
   const char *value = std::getenv(name);
   return value != nullptr && *value != '\0' ? value : nullptr;
+}
+
+// IPAPP_NETCONFD_TIMEOUT in milliseconds; 60 s when unset, 0 when malformed.
+std::chrono::milliseconds Timeout() {
+  const char *text = Env("IPAPP_NETCONFD_TIMEOUT");
+  if (text == nullptr) return std::chrono::seconds(60);
+  char *end = nullptr;
+  const double seconds = std::strtod(text, &end);
+  if (*end != '\0' || !(seconds > 0) || seconds > 86400) return {};
+  return std::chrono::milliseconds(std::llround(seconds * 1000));
 }
 
 }  // namespace
@@ -216,20 +318,23 @@ __attribute__((visibility("default"))) status_t y_ipapp_netconfd_init(const xmlC
 
   const char *plugin = Env("IPAPP_NETCONFD_PLUGIN");
   const char *yang = Env("IPAPP_NETCONFD_YANG");
-  if (plugin == nullptr || yang == nullptr) {
+  const std::chrono::milliseconds timeout = Timeout();
+  if (plugin == nullptr || yang == nullptr || timeout.count() == 0) {
     log_error(
         "\n%s: IPAPP_NETCONFD_PLUGIN and IPAPP_NETCONFD_YANG must name the plug-in and "
-        "the directory of the element's modules",
+        "the directory of the element's modules, IPAPP_NETCONFD_TIMEOUT (if set) a number "
+        "of seconds",
         kModule);
     return ERR_NCX_OPERATION_FAILED;
   }
   try {
-    g_hook = std::make_unique<CommitHook>(plugin, yang);
+    g_hook = std::make_unique<CommitHook>(plugin, yang, timeout);
   } catch (const std::exception &e) {
     log_error("\n%s: %s", kModule, e.what());
     return ERR_NCX_OPERATION_FAILED;
   }
-  log_info("\n%s: plug-in %s loaded, modules from %s", kModule, plugin, yang);
+  log_info("\n%s: plug-in %s, modules from %s, %lld ms per check", kModule, plugin, yang,
+           static_cast<long long>(timeout.count()));
   res = agt_commit_validate_register(X(kModule), CheckCandidate);
   if (res == NO_ERR) res = TakeOverValidate();
   return res;
@@ -242,6 +347,7 @@ __attribute__((visibility("default"))) status_t y_ipapp_netconfd_init2(void) {
 __attribute__((visibility("default"))) void y_ipapp_netconfd_cleanup(void) {
   agt_commit_validate_unregister(X(kModule));
   GiveBackValidate();
+  DropValidatedCopy();
   g_hook.reset();
 }
 

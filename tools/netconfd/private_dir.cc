@@ -1,0 +1,134 @@
+#include "private_dir.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <system_error>
+
+namespace fs = std::filesystem;
+
+namespace ipapp::netconfd {
+namespace {
+
+std::string Errno() {
+  return std::strerror(errno);
+}
+
+}  // namespace
+
+PrivateDir::PrivateDir(const fs::path &dir) : path_(dir) {
+  const std::string where = path_.string();
+  std::error_code ec;
+  fs::create_directories(path_.parent_path(), ec);
+  if (mkdir(where.c_str(), 0700) != 0 && errno != EEXIST) {
+    throw DirError("cannot create " + where + ": " + Errno());
+  }
+  struct stat link {};
+  if (lstat(where.c_str(), &link) == 0 && S_ISLNK(link.st_mode)) {
+    throw DirError(where + " is a symbolic link");
+  }
+  fd_ = open(where.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+  if (fd_ < 0) {
+    if (errno == ELOOP) throw DirError(where + " is a symbolic link");
+    if (errno == ENOTDIR) throw DirError(where + " is not a directory");
+    throw DirError("cannot open " + where + ": " + Errno());
+  }
+  struct stat st {};
+  if (fstat(fd_, &st) != 0) throw DirError("cannot examine " + where + ": " + Errno());
+  if (st.st_uid != geteuid()) {
+    close(fd_);
+    throw DirError(where + " belongs to user " + std::to_string(st.st_uid) + ", not to user " +
+                   std::to_string(geteuid()) + " who runs ipapp-netconfd");
+  }
+  if ((st.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+    close(fd_);
+    char mode[8];
+    std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(st.st_mode & 07777));
+    throw DirError(where + " is writable by " + ((st.st_mode & S_IWOTH) ? "others" : "its group") +
+                   " (mode " + mode + "); make it writable by its owner only");
+  }
+
+  // The lock entry is kept across runs (removing it would let a second
+  // launcher lock a new one while the first holds the old); anything but a
+  // plain file of ours there is replaced.
+  if (!IsOwnFile("lock")) Remove("lock");
+  lock_fd_ = openat(fd_, "lock", O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
+  if (lock_fd_ < 0) {
+    close(fd_);
+    throw DirError("cannot open " + (path_ / "lock").string() + ": " + Errno());
+  }
+  if (flock(lock_fd_, LOCK_EX | LOCK_NB) != 0) {
+    const int err = errno;
+    char pid[32] = {};
+    const ssize_t n = pread(lock_fd_, pid, sizeof pid - 1, 0);
+    close(lock_fd_);
+    close(fd_);
+    if (err == EWOULDBLOCK) {
+      std::string holder = n > 0 ? std::string(pid, static_cast<size_t>(n)) : std::string();
+      while (!holder.empty() && (holder.back() == '\n' || holder.back() == ' ')) holder.pop_back();
+      throw DirError(where + " is in use by another ipapp-netconfd" +
+                     (holder.empty() ? std::string() : " (process " + holder + ")"));
+    }
+    throw DirError("cannot lock " + (path_ / "lock").string() + ": " + std::strerror(err));
+  }
+  const std::string pid = std::to_string(getpid()) + "\n";
+  if (ftruncate(lock_fd_, 0) != 0 || pwrite(lock_fd_, pid.data(), pid.size(), 0) < 0) {
+    // Only the message of a second launcher misses the number.
+  }
+}
+
+PrivateDir::~PrivateDir() {
+  if (lock_fd_ >= 0) close(lock_fd_);
+  if (fd_ >= 0) close(fd_);
+}
+
+void PrivateDir::Remove(const std::string &name) const {
+  // remove_all removes a symbolic link itself, never what it points to.
+  std::error_code ec;
+  fs::remove_all(path_ / name, ec);
+  if (ec) throw DirError("cannot remove " + (path_ / name).string() + ": " + ec.message());
+}
+
+int PrivateDir::CreateFile(const std::string &name, mode_t mode) const {
+  Remove(name);
+  int fd = openat(fd_, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode);
+  if (fd < 0) throw DirError("cannot create " + (path_ / name).string() + ": " + Errno());
+  return fd;
+}
+
+void PrivateDir::WriteFile(const std::string &name, const std::string &text, mode_t mode) const {
+  const int fd = CreateFile(name, mode);
+  size_t done = 0;
+  while (done < text.size()) {
+    const ssize_t n = write(fd, text.data() + done, text.size() - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) {
+      const std::string why = Errno();
+      close(fd);
+      throw DirError("cannot write " + (path_ / name).string() + ": " + why);
+    }
+    done += static_cast<size_t>(n);
+  }
+  if (close(fd) != 0) throw DirError("cannot write " + (path_ / name).string() + ": " + Errno());
+}
+
+void PrivateDir::CreateDir(const std::string &name, mode_t mode) const {
+  Remove(name);
+  if (mkdirat(fd_, name.c_str(), mode) != 0) {
+    throw DirError("cannot create " + (path_ / name).string() + ": " + Errno());
+  }
+}
+
+bool PrivateDir::IsOwnFile(const std::string &name) const {
+  struct stat st {};
+  return fstatat(fd_, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(st.st_mode) &&
+         st.st_uid == geteuid() && st.st_nlink == 1;
+}
+
+}  // namespace ipapp::netconfd
