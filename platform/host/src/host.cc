@@ -9,6 +9,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "edit_internal.h"
 #include "kxconfd_host.h"
 #include "locate.h"
 #include "store.h"
@@ -397,6 +398,12 @@ std::unique_ptr<store::DataTree> ParseData(const store::SchemaIndex &index,
       }
       throw InputError(source.name, line, FirstError(log, "cannot be parsed"));
     }
+    try {
+      RefuseEditOperations(source, tree);
+    } catch (...) {
+      lyd_free_all(tree);
+      throw;
+    }
   }
   try {
     return std::make_unique<store::DataTree>(index, tree);
@@ -500,6 +507,12 @@ std::shared_ptr<const Schema> Schema::Load(const std::string &dir) {
     }
     modules.push_back(mod);
   }
+  try {
+    AddEditAnnotations(ctx);
+  } catch (...) {
+    ly_ctx_destroy(ctx);
+    throw;
+  }
   std::shared_ptr<store::SchemaIndex> index;
   try {
     index = std::make_shared<store::SchemaIndex>(ctx, modules);
@@ -509,6 +522,10 @@ std::shared_ptr<const Schema> Schema::Load(const std::string &dir) {
   auto schema = std::make_shared<SchemaImpl>(index);
   schema->CollectBindings(dir);
   return schema;
+}
+
+const ly_ctx *ContextOf(const Schema &schema) {
+  return dynamic_cast<const SchemaImpl &>(schema).index()->ctx();
 }
 
 std::unique_ptr<Transaction> Transaction::Create(std::shared_ptr<const Schema> schema,
