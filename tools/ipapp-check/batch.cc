@@ -299,7 +299,7 @@ void WriteJUnit(std::ostream &out, const std::string &suite, const std::vector<s
                        : o.exit == kBadInput ? "bad input"
                                              : "plug-in failure";
     out << ">\n      <" << element << " message=\"" << EscapeXml(o.message) << "\" type=\"" << type
-        << "\">" << EscapeXml(o.text) << "</" << element << ">\n    </testcase>\n";
+        << "\">" << EscapeXml(o.text, false) << "</" << element << ">\n    </testcase>\n";
   }
   out << "  </testsuite>\n</testsuites>\n";
 }
@@ -378,7 +378,7 @@ std::string EscapeLine(const std::string &text) {
   return out;
 }
 
-std::string EscapeXml(const std::string &text) {
+std::string EscapeXml(const std::string &text, bool attribute) {
   std::string out;
   out.reserve(text.size());
   for (size_t i = 0; i < text.size();) {
@@ -404,17 +404,17 @@ std::string EscapeXml(const std::string &text) {
       case '\'':
         out += "&apos;";
         continue;
-      case '\t':
-        out += "&#9;";
-        continue;
-      case '\n':
-        out += "&#10;";
-        continue;
-      case '\r':
-        out += "&#13;";
-        continue;
       default:
         break;
+    }
+    if (cp == '\t' || cp == '\n' || cp == '\r') {
+      // An attribute value's line breaks would be read as spaces.
+      if (attribute) {
+        out += "&#" + std::to_string(cp) + ";";
+      } else {
+        out += static_cast<char>(cp);
+      }
+      continue;
     }
     const bool allowed = (cp >= 0x20 && cp <= 0xD7FF) || (cp >= 0xE000 && cp <= 0xFFFD) ||
                          (cp >= 0x10000 && cp <= 0x10FFFF);

@@ -43,10 +43,10 @@ int RunBatch(const BatchOptions &options, const ReportPrinter &printer);
 /// escape: a configuration's text cannot start a line of its own.
 std::string EscapeLine(const std::string &text);
 
-/// Text for XML content or an attribute value: markup characters as
-/// references, characters XML cannot carry and bytes that are not UTF-8 as
-/// \xNN escapes.
-std::string EscapeXml(const std::string &text);
+/// Text for an XML attribute value (or, attribute false, element content):
+/// markup characters and an attribute's line breaks and tabs as references,
+/// characters XML cannot carry and bytes that are not UTF-8 as \xNN escapes.
+std::string EscapeXml(const std::string &text, bool attribute = true);
 
 }  // namespace ipapp::check
 
