@@ -15,6 +15,8 @@
 //   no-nul          (get_validation_point) fills the buffer without a NUL
 //   wrong-point     get_validation_point answers "other_point"
 //   leak            validate opens a cursor on the l3 list and never destroys it
+//   hang-on-stall   validate never returns when the candidate has an L3
+//                   interface "stall" (one element of a batch overruns)
 #include <confd_lib.h>
 #include <confd_maapi.h>
 #include <kxconfd.h>
@@ -96,6 +98,12 @@ extern "C" int validate(confd_trans_ctx *tctx, confd_hkeypath_t *, confd_value_t
     maapi_cursor mc;
     maapi_init_cursor(kxconfd_maapi_socket_get(static_cast<kxconfd_t *>(tctx->vcb_opaque)),
                       tctx->thandle, &mc, "/config/interface/ipapp:l3");
+  }
+  if (behaviour == "hang-on-stall") {
+    const int sock = kxconfd_maapi_socket_get(static_cast<kxconfd_t *>(tctx->vcb_opaque));
+    if (maapi_exists(sock, tctx->thandle, "/config/interface/ipapp:l3{stall}") == 1) {
+      for (;;) pause();
+    }
   }
   if (behaviour == "refuse") {
     confd_trans_seterr(tctx, "%s refused", tctx->validate_opaque);

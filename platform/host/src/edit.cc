@@ -184,7 +184,8 @@ class Editor {
     if (IsTerm(e)) {
       if (match != nullptr && (e->schema->nodetype & LYD_NODE_TERM)) {
         const LY_ERR err = lyd_change_term(match, lyd_get_value(e));
-        if (err != LY_SUCCESS && err != LY_EEXIST) Fail("invalid-value", e, "cannot set");
+        if (err != LY_SUCCESS && err != LY_EEXIST && err != LY_ENOT)
+          Fail("invalid-value", e, "cannot set");
         return;
       }
       if (match != nullptr) Free(match, top);
