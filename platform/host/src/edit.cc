@@ -134,14 +134,23 @@ class Editor {
     lyd_free_tree(node);
   }
 
+  // A copy of e without its children (a list entry comes with its keys, a
+  // term with its value), last among its siblings.
   lyd_node *Insert(const lyd_node *e, lyd_node *parent, lyd_node **top) const {
     lyd_node *dup = nullptr;
-    // A list entry comes with its keys.
-    if (lyd_dup_single(e, reinterpret_cast<lyd_node_inner *>(parent), LYD_DUP_NO_META, &dup) !=
-        LY_SUCCESS) {
+    if (lyd_dup_single(e, nullptr, LYD_DUP_NO_META, &dup) != LY_SUCCESS) {
       Fail("operation-failed", e, "cannot create");
     }
-    if (parent == nullptr) lyd_insert_sibling(*top, dup, top);
+    LY_ERR err;
+    if (parent != nullptr) {
+      err = lyd_insert_child(parent, dup);
+    } else {
+      err = lyd_insert_sibling(*top, dup, top);
+    }
+    if (err != LY_SUCCESS) {
+      lyd_free_tree(dup);
+      Fail("operation-failed", e, "cannot create");
+    }
     return dup;
   }
 
@@ -149,10 +158,15 @@ class Editor {
     if (e->schema == nullptr) Fail("unknown-element", e, "no schema node for");
     const Op op = OpOf(e, inherited);
     lyd_node *siblings = parent != nullptr ? lyd_child(parent) : *top;
+    // List entries and leaf-list values are matched by keys and value, every
+    // other node by its schema node alone (a leaf of another value is the
+    // same leaf).
     lyd_node *match = nullptr;
-    if (siblings != nullptr && lyd_find_sibling_first(siblings, e, &match) != LY_SUCCESS) {
-      match = nullptr;
-    }
+    const bool by_value = e->schema->nodetype & (LYS_LIST | LYS_LEAFLIST);
+    const LY_ERR found = siblings == nullptr ? LY_ENOTFOUND
+                         : by_value          ? lyd_find_sibling_first(siblings, e, &match)
+                                    : lyd_find_sibling_val(siblings, e->schema, nullptr, 0, &match);
+    if (found != LY_SUCCESS) match = nullptr;
     // A node that is there only as a default is not there for an edit.
     const bool present = match != nullptr && !(match->flags & LYD_DEFAULT);
     switch (op) {
@@ -173,9 +187,15 @@ class Editor {
         }
         break;
       case Op::kReplace:
-        if (match != nullptr) {
-          Free(match, top);
-          match = nullptr;
+        // What the node holds goes; the node itself keeps its place (the
+        // order of a list's entries is what the element reads).
+        if (match != nullptr && !IsTerm(e)) {
+          for (lyd_node *c = lyd_child(match); c != nullptr;) {
+            lyd_node *next = c->next;
+            if (c->schema == nullptr || !lysc_is_key(c->schema)) lyd_free_tree(c);
+            c = next;
+          }
+          match->flags &= ~LYD_DEFAULT;
         }
         break;
       case Op::kMerge:
