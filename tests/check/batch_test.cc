@@ -279,6 +279,7 @@ TEST(CheckBatch, BadElementsAndAnOverrunningCommitDoNotStopTheOthers) {
   EXPECT_THAT(lines[3], HasSubstr("d-malformed: bad input: " +
                                   (dir / "d-malformed" / "candidate.xml").string() + ":"));
   EXPECT_THAT(lines[4], HasSubstr("e-stall: plug-in failure: the plug-in did not return"));
+  EXPECT_THAT(lines[4], HasSubstr("(stopped after 1 s)"));  // the element's own time limit
   EXPECT_EQ(lines[5], "f-edit: accepted");
   EXPECT_EQ(lines[6], "6 elements: 2 accepted, 0 refused, 3 bad input, 1 failed");
 }
