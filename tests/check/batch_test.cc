@@ -305,6 +305,24 @@ TEST(CheckBatch, AnElementsNameOrTextCannotForgeALine) {
   EXPECT_EQ(std::system(parse.c_str()), 0) << Slurp(junit);
 }
 
+TEST(CheckBatch, ShowsProgressOnlyOnATerminal) {
+  const ToolResult plain = RunTool({"--batch", ExampleFleet().string()});
+  EXPECT_EQ(plain.err, "");
+  // script(1) gives the run a terminal; its transcript is the terminal's output.
+  const fs::path transcript = Scratch() / "terminal";
+  const std::string command = "script -qec \"" + std::string(IPAPP_CHECK_EXE) + " --batch " +
+                              ExampleFleet().string() + " >/dev/null\" /dev/null >" +
+                              transcript.string();
+  if (std::system(command.c_str()) != 0 && Slurp(transcript).empty()) {
+    GTEST_SKIP() << "no script(1) to give the run a terminal";
+  }
+  const std::string shown = Slurp(transcript);
+  const std::string total = std::to_string(SingleRuns().size());
+  EXPECT_THAT(shown, HasSubstr("\r\033[K1/" + total + " checked, "));
+  EXPECT_THAT(shown, HasSubstr(total + "/" + total + " checked, "));
+  EXPECT_THAT(shown, HasSubstr(" elements/s, "));
+}
+
 TEST(CheckBatch, WhatIsNoBatchIsBadUsage) {
   const fs::path empty = Scratch() / "empty-fleet";
   fs::create_directories(empty);
