@@ -19,6 +19,8 @@
 //   leak            validate opens a cursor on the l3 list and never destroys it
 //   fault-then-abort  every callback records the fault "fake fault in <validation>"
 //                   and accepts; the second aborts instead
+//   hang-on-stall   validate never returns when the candidate has an L3
+//                   interface "stall" (one element of a batch overruns)
 #include <confd_lib.h>
 #include <confd_maapi.h>
 #include <kxconfd.h>
@@ -112,6 +114,12 @@ extern "C" int validate(confd_trans_ctx *tctx, confd_hkeypath_t *, confd_value_t
     if (++calls == 2) std::abort();
     const std::string fault = std::string("fake fault in ") + tctx->validate_opaque;
     kxmw_gen_fault(0, "validate", "fake_plugin", 1, fault.c_str());
+  }
+  if (behaviour == "hang-on-stall") {
+    const int sock = kxconfd_maapi_socket_get(static_cast<kxconfd_t *>(tctx->vcb_opaque));
+    if (maapi_exists(sock, tctx->thandle, "/config/interface/ipapp:l3{stall}") == 1) {
+      for (;;) pause();
+    }
   }
   if (behaviour == "refuse") {
     confd_trans_seterr(tctx, "%s refused", tctx->validate_opaque);

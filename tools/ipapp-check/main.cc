@@ -14,6 +14,7 @@
 #include <nlohmann/json.hpp>
 
 #include <ipapp/check_engine.h>
+#include <ipapp/edit.h>
 #include <ipapp/host.h>
 
 #include <fcntl.h>
@@ -31,9 +32,11 @@
 #include <iostream>
 #include <regex>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
+#include "batch.h"
 #include "printable.h"
 
 namespace fs = std::filesystem;
@@ -48,6 +51,10 @@ enum ExitCode { kAccepted = 0, kRefused = 1, kBadInput = 2, kPluginFailure = 3 }
 struct Args {
   std::string running;
   std::string candidate;
+  std::string edit;
+  std::string default_operation = "merge";
+  std::string batch;
+  int jobs = 0;  ///< 0: one per core
   std::string plugin;
   std::string yang;
   std::string format = "text";
@@ -196,10 +203,28 @@ int Run(const Args &args) {
     input.schema = ipapp::host::Schema::Load(yang);
     auto running = args.running.empty() ? ipapp::host::DataSource::Empty("<empty running>")
                                         : ipapp::host::DataSource::File(args.running);
-    auto candidate = ipapp::host::DataSource::File(args.candidate);
+    auto candidate = args.edit.empty()
+                         ? ipapp::host::DataSource::File(args.candidate)
+                         : ipapp::host::ApplyEdit(
+                               input.schema, running, ipapp::host::DataSource::File(args.edit),
+                               *ipapp::host::ParseDefaultOperation(args.default_operation));
     input.tx = ipapp::host::Transaction::Create(input.schema, running, candidate);
     return input;
   };
+  if (!args.batch.empty()) {
+    ipapp::check::BatchOptions batch;
+    batch.dir = args.batch;
+    batch.jobs = args.jobs > 0 ? args.jobs : std::max(1u, std::thread::hardware_concurrency());
+    batch.format = args.format;
+    batch.yang = yang;
+    batch.plugin = plugin_path;
+    batch.options = options;
+    batch.timeout = timeout;
+    batch.default_operation = *ipapp::host::ParseDefaultOperation(args.default_operation);
+    return ipapp::check::RunBatch(
+        batch, {[&](std::ostream &out, const Report &r) { PrintText(out, r, args.trace); },
+                [&](const Report &r) { return ToJson(r, args.trace); }});
+  }
   Report report;
   try {
     report = ipapp::check::RunCommitIsolated(plugin_path, load, options, timeout);
@@ -272,12 +297,27 @@ int main(int argc, char **argv) {
   CLI::App app{"Tells whether the element would accept a candidate configuration."};
   Args args;
   app.add_option("--running", args.running, "running configuration (.xml or .json); default empty");
-  app.add_option("--candidate", args.candidate, "candidate configuration (.xml or .json)")
-      ->required();
+  auto *candidate =
+      app.add_option("--candidate", args.candidate, "candidate configuration (.xml or .json)");
+  auto *edit = app.add_option("--edit", args.edit,
+                              "an <edit-config>'s <config> content (.xml) applied to the running "
+                              "configuration to make the candidate");
+  app.add_option("--default-operation", args.default_operation,
+                 "the edit's default operation (default merge)")
+      ->check(CLI::IsMember({"merge", "replace", "none"}));
+  auto *batch = app.add_option("--batch", args.batch,
+                               "directory of elements, each a directory with running.xml or "
+                               "running.json and candidate.xml, candidate.json or edit.xml");
+  app.add_option("-j,--jobs", args.jobs, "elements checked at a time (default: one per core)")
+      ->check(CLI::Range(1, 1024));
+  candidate->excludes(edit)->excludes(batch);
+  edit->excludes(batch);
+  batch->excludes(app.get_option("--running"));
   app.add_option("--plugin", args.plugin,
                  "validation plug-in (default: the one installed or built)");
   app.add_option("--yang", args.yang, "directory of the element's YANG modules");
-  app.add_option("--format", args.format, "output format")->check(CLI::IsMember({"text", "json"}));
+  app.add_option("--format", args.format, "output format")
+      ->check(CLI::IsMember({"text", "json", "junit"}));
   app.add_flag("--keep-going", args.keep_going, "run every validation instead of stopping");
   app.add_flag("--trace", args.trace, "show every data-store call of each validation");
   app.add_option("--timeout", args.timeout,
@@ -289,6 +329,15 @@ int main(int argc, char **argv) {
   } catch (const CLI::ParseError &e) {
     int rc = app.exit(e);
     return rc == 0 ? 0 : kBadInput;
+  }
+  if (args.candidate.empty() && args.edit.empty() && args.batch.empty()) {
+    std::cerr << "ipapp-check: one of --candidate, --edit and --batch is required\n"
+              << "Run with --help for more information.\n";
+    return kBadInput;
+  }
+  if (args.format == "junit" && args.batch.empty()) {
+    std::cerr << "ipapp-check: --format junit reports a batch (--batch)\n";
+    return kBadInput;
   }
   try {
     return Run(args);

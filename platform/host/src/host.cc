@@ -7,12 +7,29 @@
 
 #include <nlohmann/json.hpp>
 
+#include "edit_internal.h"
 #include "input_text.h"
 #include "kxconfd_host.h"
 #include "locate.h"
 #include "store.h"
 
 namespace ipapp::host {
+// The first line libyang names in its messages, or 0.
+int LineOf(const std::vector<store::LibyangMessage> &messages) {
+  for (const store::LibyangMessage &m : messages) {
+    if (m.line > 0) return m.line;
+  }
+  return 0;
+}
+
+// What the first message says, or fallback.
+std::string FirstError(const std::vector<store::LibyangMessage> &messages,
+                       const std::string &fallback) {
+  if (messages.empty()) return fallback;
+  std::string text = messages.front().Text();
+  return text.substr(0, text.find('\n'));
+}
+
 namespace {
 
 namespace fs = std::filesystem;
@@ -28,22 +45,6 @@ constexpr const char *kExtModule = "ipapp-ext";
 
 std::string Where(const std::string &source, int line) {
   return line > 0 ? source + ":" + std::to_string(line) : source;
-}
-
-// The first line libyang names in its messages, or 0.
-int LineOf(const std::vector<store::LibyangMessage> &messages) {
-  for (const store::LibyangMessage &m : messages) {
-    if (m.line > 0) return m.line;
-  }
-  return 0;
-}
-
-// What the first message says, or fallback.
-std::string FirstError(const std::vector<store::LibyangMessage> &messages,
-                       const std::string &fallback) {
-  if (messages.empty()) return fallback;
-  std::string text = messages.front().Text();
-  return text.substr(0, text.find('\n'));
 }
 
 class SchemaImpl : public Schema {
@@ -319,6 +320,12 @@ std::unique_ptr<store::DataTree> ParseData(const store::SchemaIndex &index,
       }
       throw InputError(source.name, line, FirstError(messages, "cannot be parsed"));
     }
+    try {
+      RefuseEditOperations(source, tree);
+    } catch (...) {
+      lyd_free_all(tree);
+      throw;
+    }
   }
   try {
     return std::make_unique<store::DataTree>(index, tree);
@@ -406,6 +413,12 @@ std::shared_ptr<const Schema> Schema::Load(const std::string &dir) {
     }
     modules.push_back(mod);
   }
+  try {
+    AddEditAnnotations(ctx);
+  } catch (...) {
+    ly_ctx_destroy(ctx);
+    throw;
+  }
   std::shared_ptr<store::SchemaIndex> index;
   try {
     index = std::make_shared<store::SchemaIndex>(ctx, modules);
@@ -415,6 +428,10 @@ std::shared_ptr<const Schema> Schema::Load(const std::string &dir) {
   auto schema = std::make_shared<SchemaImpl>(index);
   schema->CollectBindings(dir);
   return schema;
+}
+
+const ly_ctx *ContextOf(const Schema &schema) {
+  return dynamic_cast<const SchemaImpl &>(schema).index()->ctx();
 }
 
 std::unique_ptr<Transaction> Transaction::Create(std::shared_ptr<const Schema> schema,
