@@ -15,6 +15,8 @@
 
 #include <ipapp/check_engine.h>
 #include <ipapp/host.h>
+#include <ipapp/tools/install_paths.h>
+#include <ipapp/tools/module_names.h>
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -50,6 +52,11 @@
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 using ipapp::netconfd::PrivateDir;
+using ipapp::tools::DefaultPlugin;
+using ipapp::tools::DefaultYangDir;
+using ipapp::tools::FirstExisting;
+using ipapp::tools::InstalledDataDir;
+using ipapp::tools::InstalledLibDir;
 
 namespace {
 
@@ -83,58 +90,21 @@ class StartError : public std::runtime_error {
 
 // --- Where things are -------------------------------------------------------
 
-fs::path ExecutableDir() {
-  std::error_code ec;
-  fs::path self = fs::read_symlink("/proc/self/exe", ec);
-  return ec ? fs::current_path() : self.parent_path();
-}
-
-// The first candidate that exists, or the first one (so that the error that
-// follows names a sensible place).
-fs::path FirstExisting(const std::vector<fs::path> &candidates) {
-  for (const fs::path &p : candidates) {
-    std::error_code ec;
-    if (fs::exists(p, ec)) return p.lexically_normal();
-  }
-  return candidates.front().lexically_normal();
-}
-
-// Installed next to the executable (${bindir}/../${libdir}, ${datadir}), or
-// else where this build tree made them.
-fs::path DefaultPlugin() {
-  const fs::path lib = ExecutableDir() / IPAPP_NETCONFD_BIN_TO_LIB;
-  return FirstExisting({lib / "ip_app_validation" / IPAPP_NETCONFD_PLUGIN_NAME,
-                        lib / IPAPP_NETCONFD_PLUGIN_NAME, IPAPP_NETCONFD_BUILD_PLUGIN});
-}
-
-fs::path DefaultYangDir() {
-  return FirstExisting({ExecutableDir() / IPAPP_NETCONFD_BIN_TO_DATA / "ip_app_validation" / "yang",
-                        IPAPP_NETCONFD_SOURCE_YANG});
-}
-
 // The directory holding libipapp-netconfd.so, and the one holding
 // ipapp-netconfd.yang (the same one in the build tree).
 fs::path SilDir() {
   return FirstExisting(
-      {ExecutableDir() / IPAPP_NETCONFD_BIN_TO_LIB / "ip_app_validation" / "netconfd",
-       IPAPP_NETCONFD_BUILD_SIL_DIR});
+      {InstalledLibDir() / "ip_app_validation" / "netconfd", IPAPP_NETCONFD_BUILD_SIL_DIR});
 }
 
 fs::path SilYangDir() {
-  return FirstExisting(
-      {ExecutableDir() / IPAPP_NETCONFD_BIN_TO_DATA / "ip_app_validation" / "netconfd",
-       IPAPP_NETCONFD_BUILD_SIL_DIR});
+  return FirstExisting({InstalledDataDir() / "netconfd", IPAPP_NETCONFD_BUILD_SIL_DIR});
 }
 
-std::vector<std::string> ModuleNames(const fs::path &dir) {
-  std::vector<std::string> names;
-  std::error_code ec;
-  for (const fs::directory_entry &entry : fs::directory_iterator(dir, ec)) {
-    if (entry.path().extension() != ".yang") continue;
-    std::string stem = entry.path().stem().string();
-    names.push_back(stem.substr(0, stem.find('@')));
-  }
-  if (ec || names.empty()) throw StartError("no YANG modules in " + dir.string());
+// The modules netconfd loads, each once.
+std::vector<std::string> Modules(const fs::path &dir) {
+  std::vector<std::string> names = ipapp::tools::ModuleNames(dir);
+  if (names.empty()) throw StartError("no YANG modules in " + dir.string());
   return names;
 }
 
@@ -540,7 +510,7 @@ int Run(const Args &args) {
         "--ncxserver-sockname=" + sock.string(),
         "--log-level=info",
     };
-    for (const std::string &module : ModuleNames(yang)) netconfd.push_back("--module=" + module);
+    for (const std::string &module : Modules(yang)) netconfd.push_back("--module=" + module);
     if (!args.no_check) netconfd.push_back("--module=ipapp-netconfd");
 
     const fs::path netconfd_log = dir / "netconfd.log";

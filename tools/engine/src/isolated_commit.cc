@@ -18,6 +18,7 @@
 
 #include "commit_process.h"
 #include "ipapp/check_engine.h"
+#include "ipapp/tools/failure_text.h"
 #include "isolation_protocol.h"
 
 namespace ipapp::check {
@@ -255,8 +256,8 @@ Report Conclude(const std::string &plugin_path, int status, Received &in, const 
     in.report.invocations.push_back(std::move(inv));
     return std::move(in.report);
   }
-  const std::string text = "the plug-in " + ending.how + " " + isolation::PlaceText(in.stage) +
-                           " (" + ending.detail + ")";
+  const std::string text =
+      tools::ProcessEndText(ending.how, isolation::PlaceText(in.stage), ending.detail);
   if (in.stage == Stage::kLibFinish || in.stage == Stage::kUnload) {
     in.report.finish_failure = text;
     return std::move(in.report);

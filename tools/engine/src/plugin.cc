@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "ipapp/check_engine.h"
+#include "ipapp/tools/failure_text.h"
 
 namespace ipapp::check {
 namespace {
@@ -79,7 +80,7 @@ Plugin::Plugin(const std::string &path, EntryHook entering)
   } catch (const PluginError &e) {
     failure = e.what();
   } catch (...) {
-    failure = path_ + ": exception from " + entry + ": " + CurrentExceptionText();
+    failure = path_ + ": " + tools::EntryExceptionText(entry, CurrentExceptionText());
   }
   if (!failure.empty()) {
     finish_ = nullptr;
@@ -104,8 +105,7 @@ std::string Plugin::Finish() {
     if (entering_) entering_(Entry::kLibFinish);
     finish();
   } catch (...) {
-    return std::string("exception from ") + EntryName(Entry::kLibFinish) + ": " +
-           CurrentExceptionText();
+    return tools::EntryExceptionText(EntryName(Entry::kLibFinish), CurrentExceptionText());
   }
   return {};
 }

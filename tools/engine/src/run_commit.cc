@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "ipapp/check_engine.h"
+#include "ipapp/tools/failure_text.h"
 
 namespace ipapp::check {
 namespace {
@@ -35,13 +36,11 @@ void CollectLeaks(host::Transaction &tx, uint64_t opened_before, Invocation *inv
 }  // namespace
 
 std::string Invocation::FailureText() const {
-  return process_end.empty() ? error : "the plug-in " + process_end + " (" + error + ")";
+  return tools::FailureTextWithoutPlace(process_end, error);
 }
 
 std::string Invocation::FailureTextWithPlace() const {
-  const std::string place = validation + " on " + keypath;
-  if (process_end.empty()) return "exception from the plug-in in " + place + ": " + error;
-  return "the plug-in " + process_end + " in " + place + " (" + error + ")";
+  return tools::CallbackFailureText(validation, keypath, process_end, error);
 }
 
 bool Report::accepted() const {
