@@ -52,11 +52,7 @@
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 using ipapp::netconfd::PrivateDir;
-using ipapp::tools::DefaultPlugin;
-using ipapp::tools::DefaultYangDir;
-using ipapp::tools::FirstExisting;
-using ipapp::tools::InstalledDataDir;
-using ipapp::tools::InstalledLibDir;
+namespace tools = ipapp::tools;
 
 namespace {
 
@@ -93,17 +89,18 @@ class StartError : public std::runtime_error {
 // The directory holding libipapp-netconfd.so, and the one holding
 // ipapp-netconfd.yang (the same one in the build tree).
 fs::path SilDir() {
-  return FirstExisting(
-      {InstalledLibDir() / "ip_app_validation" / "netconfd", IPAPP_NETCONFD_BUILD_SIL_DIR});
+  return tools::FirstExisting(
+      {tools::InstalledLibDir() / "ip_app_validation" / "netconfd", IPAPP_NETCONFD_BUILD_SIL_DIR});
 }
 
 fs::path SilYangDir() {
-  return FirstExisting({InstalledDataDir() / "netconfd", IPAPP_NETCONFD_BUILD_SIL_DIR});
+  return tools::FirstExisting(
+      {tools::InstalledDataDir() / "netconfd", IPAPP_NETCONFD_BUILD_SIL_DIR});
 }
 
 // The modules netconfd loads, each once.
 std::vector<std::string> Modules(const fs::path &dir) {
-  std::vector<std::string> names = ipapp::tools::ModuleNames(dir);
+  std::vector<std::string> names = tools::ModuleNames(dir);
   if (names.empty()) throw StartError("no YANG modules in " + dir.string());
   return names;
 }
@@ -441,8 +438,8 @@ bool Settle(const Args &args, Layout *layout) {
               << kMaxSocketPath << " fit in a socket address\n";
     return false;
   }
-  l.plugin = args.plugin.empty() ? DefaultPlugin() : fs::absolute(args.plugin);
-  l.yang = args.yang.empty() ? DefaultYangDir() : fs::absolute(args.yang);
+  l.plugin = args.plugin.empty() ? tools::DefaultPlugin() : fs::absolute(args.plugin);
+  l.yang = args.yang.empty() ? tools::DefaultYangDir() : fs::absolute(args.yang);
   l.sil_dir = SilDir();
   l.sil_yang_dir = SilYangDir();
   l.port = std::to_string(args.port);
