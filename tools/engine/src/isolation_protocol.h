@@ -22,10 +22,11 @@
 //   - any other signal: "was killed";
 //   - an exit before kDone, or with a status other than 0: "ended the process";
 //   - bytes on the pipe that are no frame: "garbled its report".
-// Where it was last (its last kEnter) says what becomes of that: in
-// kValidate the callback fails; in kLibFinish or kUnload the report is
-// complete and its finish failure says so; in kEngine the commit could not
-// run; anywhere else the plug-in cannot be used.
+// A kPluginError, kInputError or kError stands for itself, however the
+// process then ends. Otherwise an ending other than the first is placed by
+// the last kEnter: in kValidate the callback fails; in kLibFinish or kUnload
+// the report is complete and its finish failure says so; in kEngine the
+// commit could not run; anywhere else the plug-in cannot be used.
 #ifndef IPAPP_CHECK_ISOLATION_PROTOCOL_H
 #define IPAPP_CHECK_ISOLATION_PROTOCOL_H
 
