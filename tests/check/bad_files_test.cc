@@ -4,12 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <fcntl.h>
-#include <spawn.h>
-
 #include "run_tool.h"
-
-extern char **environ;
 
 namespace check_test {
 namespace {
@@ -145,7 +140,7 @@ TEST(BadFiles, RoutePrefixLengthMustFitTheFamily) {
 TEST(BadOutput, ReportThatCannotBeWrittenIsNoVerdict) {
   const std::vector<std::string> args = {"--running", Example("running.xml"), "--candidate",
                                          Example("vrf-ospf.xml")};
-  const ToolResult full = RunTool(args, "", "/dev/full");
+  const ToolResult full = RunTool(args, {}, "/dev/full");
   EXPECT_EQ(full.status, 2);
   EXPECT_EQ(full.err, "ipapp-check: cannot write the report to stdout: No space left on device\n");
 
@@ -159,19 +154,11 @@ TEST(BadOutput, ReportThatCannotBeWrittenIsNoVerdict) {
   posix_spawn_file_actions_adddup2(&actions, fds[1], STDOUT_FILENO);
   posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, err_path.c_str(),
                                    O_WRONLY | O_CREAT | O_TRUNC, 0644);
-  std::vector<std::string> argv_text = {IPAPP_CHECK_EXE};
-  argv_text.insert(argv_text.end(), args.begin(), args.end());
-  std::vector<char *> argv;
-  for (std::string &a : argv_text) argv.push_back(a.data());
-  argv.push_back(nullptr);
-  pid_t pid = -1;
-  ASSERT_EQ(posix_spawn(&pid, IPAPP_CHECK_EXE, &actions, nullptr, argv.data(), environ), 0);
+  const pid_t pid = SpawnTool(args, {}, &actions);
   posix_spawn_file_actions_destroy(&actions);
   close(fds[1]);
-  int status = 0;
-  ASSERT_EQ(waitpid(pid, &status, 0), pid);
-  ASSERT_TRUE(WIFEXITED(status)) << "ended by signal " << WTERMSIG(status);
-  EXPECT_EQ(WEXITSTATUS(status), 2);
+  ASSERT_GT(pid, 0);
+  EXPECT_EQ(ExitStatus(pid), 2);
   EXPECT_EQ(Slurp(err_path), "ipapp-check: cannot write the report to stdout: Broken pipe\n");
 }
 

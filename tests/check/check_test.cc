@@ -29,7 +29,9 @@ namespace fs = std::filesystem;
 ToolResult Check(const std::string &candidate, std::vector<std::string> more = {},
                  const std::string &fake_mode = "") {
   more.insert(more.begin(), {"--running", Example("running.xml"), "--candidate", candidate});
-  return RunTool(more, fake_mode.empty() ? "" : "IPAPP_FAKE_MODE=" + fake_mode);
+  return RunTool(more, fake_mode.empty()
+                           ? std::vector<std::string>{}
+                           : std::vector<std::string>{"IPAPP_FAKE_MODE=" + fake_mode});
 }
 
 // --- The examples, as the table of examples/README.md documents them -------
@@ -228,7 +230,7 @@ TEST(CheckReport, WhatAValidationLeavesOpenIsReported) {
       "</l3></interface></config>");
   ToolResult r = RunTool({"--running", running, "--candidate", candidate, "--plugin",
                           IPAPP_FAKE_PLUGIN, "--format", "json"},
-                         "IPAPP_FAKE_MODE=leak");
+                         {"IPAPP_FAKE_MODE=leak"});
   ASSERT_EQ(r.status, 0) << r.err;
   const json fake = r.Json();
   ASSERT_GT(fake["invocations"].size(), 1u);

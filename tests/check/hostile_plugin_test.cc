@@ -15,14 +15,14 @@ using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
 // The sanitizers would turn a crash or an exit into a report of their own.
-const std::string kSanitizers = "ASAN_OPTIONS=handle_segv=0:detect_leaks=0";
+const char kSanitizers[] = "ASAN_OPTIONS=handle_segv=0:detect_leaks=0";
 
 ToolResult RunFake(const std::string &mode, std::vector<std::string> more = {}) {
   std::vector<std::string> args = {"--running",   Example("running.xml"),
                                    "--candidate", Example("vrf-ospf.xml"),
                                    "--plugin",    IPAPP_FAKE_PLUGIN};
   args.insert(args.end(), more.begin(), more.end());
-  return RunTool(args, kSanitizers + " IPAPP_FAKE_MODE=" + mode);
+  return RunTool(args, {kSanitizers, "IPAPP_FAKE_MODE=" + mode});
 }
 
 constexpr char kFirstCall[] = "intf_l3_name_validation on /config/interface/ipapp:l3";

@@ -140,7 +140,7 @@ TEST(BoundedInput, LongKeypathsAreReportedWhole) {
   const fs::path file = WriteFile("long-key.xml", xml);
   const ToolResult r = RunTool({"--running", Example("running.xml"), "--candidate", file.string(),
                                 "--plugin", IPAPP_FAKE_PLUGIN, "--keep-going", "--format", "json"},
-                               "IPAPP_FAKE_MODE=refuse");
+                               {"IPAPP_FAKE_MODE=refuse"});
   ASSERT_EQ(r.status, 1) << r.err;
   const std::string whole = "{" + name + "}";
   bool seen = false;

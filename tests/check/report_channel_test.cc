@@ -16,8 +16,6 @@
 
 #include "run_tool.h"
 
-extern char **environ;
-
 namespace check_test {
 namespace {
 
@@ -125,7 +123,7 @@ TEST(ReportChannel, WhatThePluginPrintsStaysOutOfTheReport) {
   const std::vector<std::string> args = {"--running",   Example("running.xml"),
                                          "--candidate", Example("vrf-ospf.xml"),
                                          "--plugin",    IPAPP_UNRULY_PLUGIN};
-  const ToolResult text = RunTool(args, "IPAPP_FAKE_MODE=refuse IPAPP_UNRULY_MODE=print");
+  const ToolResult text = RunTool(args, {"IPAPP_FAKE_MODE=refuse", "IPAPP_UNRULY_MODE=print"});
   EXPECT_EQ(text.status, 1);
   EXPECT_THAT(text.out, StartsWith("refused: intf_l3_name_validation refused\n"));
   EXPECT_THAT(Lines(text.out), Not(::testing::Contains("accepted")));
@@ -134,7 +132,7 @@ TEST(ReportChannel, WhatThePluginPrintsStaysOutOfTheReport) {
 
   std::vector<std::string> json_args = args;
   json_args.insert(json_args.end(), {"--format", "json", "--trace"});
-  const ToolResult json = RunTool(json_args, "IPAPP_FAKE_MODE=refuse IPAPP_UNRULY_MODE=print");
+  const ToolResult json = RunTool(json_args, {"IPAPP_FAKE_MODE=refuse", "IPAPP_UNRULY_MODE=print"});
   EXPECT_EQ(json.status, 1);
   ASSERT_NO_THROW(json.Json()) << json.out;
   EXPECT_EQ(json.Json()["verdict"], "refused");
@@ -150,23 +148,10 @@ int RunWithoutStdinAndStderr(const std::vector<std::string> &args, const std::st
   posix_spawn_file_actions_addclose(&actions, STDERR_FILENO);
   posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, out.c_str(),
                                    O_WRONLY | O_CREAT | O_TRUNC, 0644);
-  std::vector<std::string> argv_text = {IPAPP_CHECK_EXE};
-  argv_text.insert(argv_text.end(), args.begin(), args.end());
-  std::vector<char *> argv;
-  for (std::string &a : argv_text) argv.push_back(a.data());
-  argv.push_back(nullptr);
-  std::vector<std::string> env_text = {"IPAPP_UNRULY_MODE=print", "IPAPP_FAKE_MODE=" + fake_mode};
-  for (char **e = environ; *e != nullptr; ++e) env_text.emplace_back(*e);
-  std::vector<char *> env;
-  for (std::string &e : env_text) env.push_back(e.data());
-  env.push_back(nullptr);
-  pid_t pid = -1;
-  const int rc = posix_spawn(&pid, IPAPP_CHECK_EXE, &actions, nullptr, argv.data(), env.data());
+  const pid_t pid =
+      SpawnTool(args, {"IPAPP_UNRULY_MODE=print", "IPAPP_FAKE_MODE=" + fake_mode}, &actions);
   posix_spawn_file_actions_destroy(&actions);
-  if (rc != 0) return -1;
-  int status = 0;
-  if (waitpid(pid, &status, 0) != pid || !WIFEXITED(status)) return -1;
-  return WEXITSTATUS(status);
+  return pid > 0 ? ExitStatus(pid) : -1;
 }
 
 TEST(ReportChannel, ClosedStandardDescriptorsDoNotCarryTheReport) {

@@ -16,6 +16,7 @@
 #include <ipapp/check_engine.h>
 #include <ipapp/edit.h>
 #include <ipapp/host.h>
+#include <ipapp/tools/install_paths.h>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -62,36 +63,6 @@ struct Args {
   bool trace = false;
   double timeout = 60;  ///< seconds per commit
 };
-
-// The first existing candidate, or the first one when none exists (so the
-// error that follows names a sensible place).
-std::string FirstExisting(const std::vector<fs::path> &candidates) {
-  for (const fs::path &p : candidates) {
-    std::error_code ec;
-    if (!p.empty() && fs::exists(p, ec)) return p.lexically_normal().string();
-  }
-  return candidates.front().lexically_normal().string();
-}
-
-// Where the plug-in and the modules are when nothing is said: installed next
-// to the executable (${bindir}/../${libdir}, ${datadir}/ip_app_validation), or
-// else where this build tree made them.
-fs::path ExecutableDir() {
-  std::error_code ec;
-  fs::path self = fs::read_symlink("/proc/self/exe", ec);
-  return ec ? fs::current_path() : self.parent_path();
-}
-
-std::string DefaultPlugin() {
-  const fs::path lib = ExecutableDir() / IPAPP_CHECK_BIN_TO_LIB;
-  return FirstExisting({lib / "ip_app_validation" / IPAPP_CHECK_PLUGIN_NAME,
-                        lib / IPAPP_CHECK_PLUGIN_NAME, fs::path(IPAPP_CHECK_BUILD_PLUGIN)});
-}
-
-std::string DefaultYangDir() {
-  return FirstExisting({ExecutableDir() / IPAPP_CHECK_BIN_TO_DATA / "ip_app_validation" / "yang",
-                        fs::path(IPAPP_CHECK_SOURCE_YANG)});
-}
 
 void PrintTrace(std::ostream &out, const Invocation &inv) {
   out << "trace: " << Printable(inv.validation) << " " << Printable(inv.keypath) << " -> "
@@ -190,8 +161,9 @@ bool Flushed() {
 }
 
 int Run(const Args &args) {
-  const std::string yang = args.yang.empty() ? DefaultYangDir() : args.yang;
-  const std::string plugin_path = args.plugin.empty() ? DefaultPlugin() : args.plugin;
+  const std::string yang = args.yang.empty() ? ipapp::tools::DefaultYangDir().string() : args.yang;
+  const std::string plugin_path =
+      args.plugin.empty() ? ipapp::tools::DefaultPlugin().string() : args.plugin;
   ipapp::check::Options options;
   options.keep_going = args.keep_going;
   options.trace = args.trace;

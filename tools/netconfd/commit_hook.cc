@@ -1,35 +1,15 @@
 #include "commit_hook.h"
 
-#include <algorithm>
-#include <filesystem>
-#include <system_error>
+#include <ipapp/tools/failure_text.h>
+#include <ipapp/tools/module_names.h>
+
 #include <utility>
 
-namespace fs = std::filesystem;
-
 namespace ipapp::netconfd {
-namespace {
-
-// Module names as the files in dir are named: NAME.yang or NAME@REVISION.yang.
-std::vector<std::string> ModuleNames(const std::string &dir) {
-  std::vector<std::string> names;
-  std::error_code ec;
-  for (const fs::directory_entry &entry : fs::directory_iterator(dir, ec)) {
-    if (entry.path().extension() != ".yang") continue;
-    std::string stem = entry.path().stem().string();
-    names.push_back(stem.substr(0, stem.find('@')));
-  }
-  std::sort(names.begin(), names.end());
-  names.erase(std::unique(names.begin(), names.end()), names.end());
-  return names;
-}
-
-}  // namespace
-
 CommitHook::CommitHook(const std::string &plugin_path, const std::string &yang_dir,
                        std::chrono::milliseconds timeout)
     : plugin_path_(plugin_path),
-      modules_(ModuleNames(yang_dir)),
+      modules_(tools::ModuleNames(yang_dir)),
       schema_(host::Schema::Load(yang_dir)),
       timeout_(timeout) {}
 
@@ -54,7 +34,7 @@ Verdict CommitHook::Check(const std::string &running_xml, const std::string &can
   try {
     report = check::RunCommitIsolated(plugin_path_, load, {}, timeout_);
   } catch (const host::InputError &e) {
-    verdict.message = std::string("the configuration cannot be checked: ") + e.what();
+    verdict.message = tools::UncheckedText(e.what());
     return verdict;
   } catch (const std::exception &e) {
     // The plug-in could not be loaded or started this time, or the commit's

@@ -15,6 +15,8 @@
 
 #include <ipapp/check_engine.h>
 #include <ipapp/host.h>
+#include <ipapp/tools/install_paths.h>
+#include <ipapp/tools/module_names.h>
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -50,6 +52,7 @@
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 using ipapp::netconfd::PrivateDir;
+namespace tools = ipapp::tools;
 
 namespace {
 
@@ -83,58 +86,22 @@ class StartError : public std::runtime_error {
 
 // --- Where things are -------------------------------------------------------
 
-fs::path ExecutableDir() {
-  std::error_code ec;
-  fs::path self = fs::read_symlink("/proc/self/exe", ec);
-  return ec ? fs::current_path() : self.parent_path();
-}
-
-// The first candidate that exists, or the first one (so that the error that
-// follows names a sensible place).
-fs::path FirstExisting(const std::vector<fs::path> &candidates) {
-  for (const fs::path &p : candidates) {
-    std::error_code ec;
-    if (fs::exists(p, ec)) return p.lexically_normal();
-  }
-  return candidates.front().lexically_normal();
-}
-
-// Installed next to the executable (${bindir}/../${libdir}, ${datadir}), or
-// else where this build tree made them.
-fs::path DefaultPlugin() {
-  const fs::path lib = ExecutableDir() / IPAPP_NETCONFD_BIN_TO_LIB;
-  return FirstExisting({lib / "ip_app_validation" / IPAPP_NETCONFD_PLUGIN_NAME,
-                        lib / IPAPP_NETCONFD_PLUGIN_NAME, IPAPP_NETCONFD_BUILD_PLUGIN});
-}
-
-fs::path DefaultYangDir() {
-  return FirstExisting({ExecutableDir() / IPAPP_NETCONFD_BIN_TO_DATA / "ip_app_validation" / "yang",
-                        IPAPP_NETCONFD_SOURCE_YANG});
-}
-
 // The directory holding libipapp-netconfd.so, and the one holding
 // ipapp-netconfd.yang (the same one in the build tree).
 fs::path SilDir() {
-  return FirstExisting(
-      {ExecutableDir() / IPAPP_NETCONFD_BIN_TO_LIB / "ip_app_validation" / "netconfd",
-       IPAPP_NETCONFD_BUILD_SIL_DIR});
+  return tools::FirstExisting(
+      {tools::InstalledLibDir() / "ip_app_validation" / "netconfd", IPAPP_NETCONFD_BUILD_SIL_DIR});
 }
 
 fs::path SilYangDir() {
-  return FirstExisting(
-      {ExecutableDir() / IPAPP_NETCONFD_BIN_TO_DATA / "ip_app_validation" / "netconfd",
-       IPAPP_NETCONFD_BUILD_SIL_DIR});
+  return tools::FirstExisting(
+      {tools::InstalledDataDir() / "netconfd", IPAPP_NETCONFD_BUILD_SIL_DIR});
 }
 
-std::vector<std::string> ModuleNames(const fs::path &dir) {
-  std::vector<std::string> names;
-  std::error_code ec;
-  for (const fs::directory_entry &entry : fs::directory_iterator(dir, ec)) {
-    if (entry.path().extension() != ".yang") continue;
-    std::string stem = entry.path().stem().string();
-    names.push_back(stem.substr(0, stem.find('@')));
-  }
-  if (ec || names.empty()) throw StartError("no YANG modules in " + dir.string());
+// The modules netconfd loads, each once.
+std::vector<std::string> Modules(const fs::path &dir) {
+  std::vector<std::string> names = tools::ModuleNames(dir);
+  if (names.empty()) throw StartError("no YANG modules in " + dir.string());
   return names;
 }
 
@@ -442,137 +409,154 @@ void ProbePlugin(const fs::path &plugin, const fs::path &yang, std::chrono::mill
   }
 }
 
-int Run(const Args &args) {
-  const fs::path dir = fs::absolute(args.dir).lexically_normal();
-  if (dir.string().find_first_of(" \t\n\"'\\$`") != std::string::npos) {
-    std::cerr << "ipapp-netconfd: --dir must not hold spaces, quotes, '\\', '$' or '`': " << dir
+// Where everything of one run goes, settled before anything starts.
+struct Layout {
+  fs::path dir;   // DIR, absolute
+  fs::path sock;  // netconfd's socket
+  fs::path plugin, yang;
+  fs::path sil_dir, sil_yang_dir;
+  std::string port;
+  std::string user;
+  std::chrono::milliseconds timeout{};
+};
+
+// The layout args ask for; a message and false when DIR cannot hold it.
+bool Settle(const Args &args, Layout *layout) {
+  Layout &l = *layout;
+  l.dir = fs::absolute(args.dir).lexically_normal();
+  if (l.dir.string().find_first_of(" \t\n\"'\\$`") != std::string::npos) {
+    std::cerr << "ipapp-netconfd: --dir must not hold spaces, quotes, '\\', '$' or '`': " << l.dir
               << "\n";
-    return kBadUsage;
+    return false;
   }
   // netconfd's socket lives in a directory of its own that only this user
   // may enter, whatever DIR's mode lets others do.
-  const fs::path sock = dir / "run" / "netconfd.sock";
-  if (sock.string().size() > kMaxSocketPath) {
-    std::cerr << "ipapp-netconfd: --dir is too long: netconfd's socket " << sock.string()
-              << " would take " << sock.string().size() << " characters, at most " << kMaxSocketPath
-              << " fit in a socket address\n";
-    return kBadUsage;
+  l.sock = l.dir / "run" / "netconfd.sock";
+  if (l.sock.string().size() > kMaxSocketPath) {
+    std::cerr << "ipapp-netconfd: --dir is too long: netconfd's socket " << l.sock.string()
+              << " would take " << l.sock.string().size() << " characters, at most "
+              << kMaxSocketPath << " fit in a socket address\n";
+    return false;
   }
-  const fs::path plugin = args.plugin.empty() ? DefaultPlugin() : fs::absolute(args.plugin);
-  const fs::path yang = args.yang.empty() ? DefaultYangDir() : fs::absolute(args.yang);
-  const fs::path sil_dir = SilDir();
-  const fs::path sil_yang_dir = SilYangDir();
-  const std::string port = std::to_string(args.port);
-  const auto timeout = std::chrono::milliseconds(std::llround(args.timeout * 1000));
-  const std::string user = UserName();
+  l.plugin = args.plugin.empty() ? tools::DefaultPlugin() : fs::absolute(args.plugin);
+  l.yang = args.yang.empty() ? tools::DefaultYangDir() : fs::absolute(args.yang);
+  l.sil_dir = SilDir();
+  l.sil_yang_dir = SilYangDir();
+  l.port = std::to_string(args.port);
+  l.timeout = std::chrono::milliseconds(std::llround(args.timeout * 1000));
+  l.user = UserName();
+  return true;
+}
 
-  std::optional<ipapp::netconfd::PrivateDir> own;
-  std::optional<std::string> seed;
-  try {
-    own.emplace(dir);
-    if (!args.running.empty()) seed = ipapp::netconfd::StartupConfig(args.running, yang.string());
-  } catch (const ipapp::netconfd::DirError &e) {
-    std::cerr << "ipapp-netconfd: cannot use --dir: " << e.what() << "\n";
-    return kBadUsage;
-  } catch (const ipapp::host::InputError &e) {
-    std::cerr << "ipapp-netconfd: --running: " << e.what() << "\n";
-    return kBadUsage;
-  }
-  const ipapp::netconfd::PrivateDir &d = *own;
-  if (!PortFree(args.port)) {
-    std::cerr << "ipapp-netconfd: cannot start: port " << port << " on 127.0.0.1 is in use\n";
-    return kServerFailure;
-  }
+// The running configuration netconfd starts from and saves each commit to:
+// the seed asked for, else what the last run committed, provided that is a
+// file this user's servers wrote.
+constexpr const char *kRunning = "running.xml";
 
-  Processes procs;
-  try {
-    if (!args.no_check) ProbePlugin(plugin, yang, timeout);
-
-    // The running configuration netconfd starts from and saves each commit
-    // to: the seed asked for, else what the last run committed, provided
-    // that is a file this user's servers wrote.
-    const std::string running = "running.xml";
-    if (seed) {
-      d.WriteFile(running, *seed, 0600);
-    } else if (!d.IsOwnFile(running)) {
-      std::error_code ec;
-      if (fs::symlink_status(d / running, ec).type() != fs::file_type::not_found) {
-        std::cerr << "ipapp-netconfd: " << (d / running).string()
-                  << " is not a plain file of this user; starting with an empty running "
-                     "configuration\n";
-      }
-      d.WriteFile(running, ipapp::netconfd::EmptyStartupConfig(), 0600);
+void PrepareRunning(const PrivateDir &d, const std::optional<std::string> &seed) {
+  if (seed) {
+    d.WriteFile(kRunning, *seed, 0600);
+  } else if (!d.IsOwnFile(kRunning)) {
+    std::error_code ec;
+    if (fs::symlink_status(d / kRunning, ec).type() != fs::file_type::not_found) {
+      std::cerr << "ipapp-netconfd: " << (d / kRunning).string()
+                << " is not a plain file of this user; starting with an empty running "
+                   "configuration\n";
     }
-    if (!d.IsOwnFile("startup-cfg-txid.txt")) d.Remove("startup-cfg-txid.txt");
+    d.WriteFile(kRunning, ipapp::netconfd::EmptyStartupConfig(), 0600);
+  }
+  if (!d.IsOwnFile("startup-cfg-txid.txt")) d.Remove("startup-cfg-txid.txt");
+}
 
-    d.CreateDir("home", 0700);
-    d.CreateDir("yuma", 0700);
-    d.CreateDir("yuma/data", 0700);
-    d.CreateDir("run", 0700);
-    const int keygen_log = d.CreateFile("keygen.log", 0600);
-    try {
-      Keygen(d, "host_key", keygen_log);
-      Keygen(d, "client_key", keygen_log);
-    } catch (...) {
-      close(keygen_log);
-      throw;
-    }
+// The directories the servers write to, fresh keys, and sshd's configuration.
+void PrepareServers(const PrivateDir &d, const Layout &l) {
+  d.CreateDir("home", 0700);
+  d.CreateDir("yuma", 0700);
+  d.CreateDir("yuma/data", 0700);
+  d.CreateDir("run", 0700);
+  const int keygen_log = d.CreateFile("keygen.log", 0600);
+  try {
+    Keygen(d, "host_key", keygen_log);
+    Keygen(d, "client_key", keygen_log);
+  } catch (...) {
     close(keygen_log);
-    std::string client_key = ReadFile(d / "client_key.pub");
-    d.WriteFile("authorized_keys",
-                "restrict,command=\"" + NetconfCommand(port, sock) + "\" " + client_key, 0600);
-    d.WriteFile("sshd_config", SshdConfig(dir, port, user, sock), 0600);
-    // sshd started by root insists on its privilege separation directory, which
-    // the system's service would otherwise create when it starts.
-    if (geteuid() == 0) mkdir("/run/sshd", 0755);
+    throw;
+  }
+  close(keygen_log);
+  std::string client_key = ReadFile(d / "client_key.pub");
+  d.WriteFile("authorized_keys",
+              "restrict,command=\"" + NetconfCommand(l.port, l.sock) + "\" " + client_key, 0600);
+  d.WriteFile("sshd_config", SshdConfig(l.dir, l.port, l.user, l.sock), 0600);
+  // sshd started by root insists on its privilege separation directory, which
+  // the system's service would otherwise create when it starts.
+  if (geteuid() == 0) mkdir("/run/sshd", 0755);
+}
 
-    std::vector<std::string> netconfd = {
-        kNetconfd,
-        "--config=/dev/null",
-        "--home=" + (dir / "home").string(),
-        "--yuma-home=" + (dir / "yuma").string(),
-        "--modpath=" + yang.string() + ":" + sil_yang_dir.string() + ":" + kYumaModules,
-        "--runpath=" + sil_dir.string(),
-        "--target=candidate",
-        "--startup=" + (dir / running).string(),
-        "--access-control=off",
-        "--port=" + port,
-        "--ncxserver-sockname=" + sock.string(),
-        "--log-level=info",
-    };
-    for (const std::string &module : ModuleNames(yang)) netconfd.push_back("--module=" + module);
-    if (!args.no_check) netconfd.push_back("--module=ipapp-netconfd");
+// Starts netconfd and waits until its socket is there.
+void StartNetconfd(const PrivateDir &d, const Layout &l, const Args &args, Processes &procs) {
+  std::vector<std::string> netconfd = {
+      kNetconfd,
+      "--config=/dev/null",
+      "--home=" + (l.dir / "home").string(),
+      "--yuma-home=" + (l.dir / "yuma").string(),
+      "--modpath=" + l.yang.string() + ":" + l.sil_yang_dir.string() + ":" + kYumaModules,
+      "--runpath=" + l.sil_dir.string(),
+      "--target=candidate",
+      "--startup=" + (l.dir / kRunning).string(),
+      "--access-control=off",
+      "--port=" + l.port,
+      "--ncxserver-sockname=" + l.sock.string(),
+      "--log-level=info",
+  };
+  for (const std::string &module : Modules(l.yang)) netconfd.push_back("--module=" + module);
+  if (!args.no_check) netconfd.push_back("--module=ipapp-netconfd");
 
-    const fs::path netconfd_log = dir / "netconfd.log";
-    const fs::path sshd_log = dir / "sshd.log";
-    int log = d.CreateFile("netconfd.log", 0600);
-    char timeout_text[32];
-    std::snprintf(timeout_text, sizeof timeout_text, "%.3f", args.timeout);
-    procs.Add("netconfd", Spawn(netconfd,
-                                {{"HOME", (dir / "home").string()},
-                                 {"YUMA_HOME", (dir / "yuma").string()},
-                                 {"IPAPP_NETCONFD_PLUGIN", plugin.string()},
-                                 {"IPAPP_NETCONFD_YANG", yang.string()},
-                                 {"IPAPP_NETCONFD_TIMEOUT", timeout_text}},
-                                log));
-    close(log);
-    try {
-      WaitUntil(procs, "netconfd's socket", [&] { return fs::exists(sock); });
-    } catch (const StartError &e) {
-      throw StartError(std::string(e.what()) + "; the end of " + netconfd_log.string() + ":\n" +
-                       Tail(netconfd_log, 8));
-    }
-    log = d.CreateFile("sshd.log", 0600);
-    procs.Add("sshd", Spawn({kSshd, "-D", "-e", "-f", (dir / "sshd_config").string()}, {}, log));
-    close(log);
-    try {
-      // Our own sshd says so: a connection could reach another server.
-      const std::string listening = "Server listening on 127.0.0.1 port " + port + ".";
-      WaitUntil(procs, "sshd on 127.0.0.1:" + port, [&] { return Contains(sshd_log, listening); });
-    } catch (const StartError &e) {
-      throw StartError(std::string(e.what()) + "; the end of " + sshd_log.string() + ":\n" +
-                       Tail(sshd_log, 4));
-    }
+  const fs::path netconfd_log = l.dir / "netconfd.log";
+  const int log = d.CreateFile("netconfd.log", 0600);
+  char timeout_text[32];
+  std::snprintf(timeout_text, sizeof timeout_text, "%.3f", args.timeout);
+  procs.Add("netconfd", Spawn(netconfd,
+                              {{"HOME", (l.dir / "home").string()},
+                               {"YUMA_HOME", (l.dir / "yuma").string()},
+                               {"IPAPP_NETCONFD_PLUGIN", l.plugin.string()},
+                               {"IPAPP_NETCONFD_YANG", l.yang.string()},
+                               {"IPAPP_NETCONFD_TIMEOUT", timeout_text}},
+                              log));
+  close(log);
+  try {
+    WaitUntil(procs, "netconfd's socket", [&] { return fs::exists(l.sock); });
+  } catch (const StartError &e) {
+    throw StartError(std::string(e.what()) + "; the end of " + netconfd_log.string() + ":\n" +
+                     Tail(netconfd_log, 8));
+  }
+}
+
+// Starts sshd and waits until it listens.
+void StartSshd(const PrivateDir &d, const Layout &l, Processes &procs) {
+  const fs::path sshd_log = l.dir / "sshd.log";
+  const int log = d.CreateFile("sshd.log", 0600);
+  procs.Add("sshd", Spawn({kSshd, "-D", "-e", "-f", (l.dir / "sshd_config").string()}, {}, log));
+  close(log);
+  try {
+    // Our own sshd says so: a connection could reach another server.
+    const std::string listening = "Server listening on 127.0.0.1 port " + l.port + ".";
+    WaitUntil(procs, "sshd on 127.0.0.1:" + l.port, [&] { return Contains(sshd_log, listening); });
+  } catch (const StartError &e) {
+    throw StartError(std::string(e.what()) + "; the end of " + sshd_log.string() + ":\n" +
+                     Tail(sshd_log, 4));
+  }
+}
+
+// Everything up to a server a client can reach. The exit status when the
+// launcher must stop, or nothing.
+std::optional<int> Start(const PrivateDir &d, const Layout &l, const Args &args,
+                         const std::optional<std::string> &seed, Processes &procs) {
+  try {
+    if (!args.no_check) ProbePlugin(l.plugin, l.yang, l.timeout);
+    PrepareRunning(d, seed);
+    PrepareServers(d, l);
+    StartNetconfd(d, l, args, procs);
+    StartSshd(d, l, procs);
   } catch (const StartError &e) {
     std::cerr << "ipapp-netconfd: cannot start: " << e.what() << "\n";
     procs.StopAll();
@@ -585,12 +569,15 @@ int Run(const Args &args) {
     procs.StopAll();
     return kStopped;
   }
+  return std::nullopt;
+}
 
-  std::cout << "ready: NETCONF over SSH on 127.0.0.1:" << port << ", user " << user << ", key "
-            << (dir / "client_key").string() << " (try: ssh -p " << port << " -i "
-            << (dir / "client_key").string() << " " << user << "@127.0.0.1 -s netconf); log "
-            << (dir / "netconfd.log").string() << std::endl;
-
+// Runs until a signal stops the launcher or a server ends.
+int Serve(const Layout &l, Processes &procs) {
+  std::cout << "ready: NETCONF over SSH on 127.0.0.1:" << l.port << ", user " << l.user << ", key "
+            << (l.dir / "client_key").string() << " (try: ssh -p " << l.port << " -i "
+            << (l.dir / "client_key").string() << " " << l.user << "@127.0.0.1 -s netconf); log "
+            << (l.dir / "netconfd.log").string() << std::endl;
   for (;;) {
     int sig = WaitSignal(std::chrono::milliseconds(1000));
     if (Stops(sig)) {
@@ -598,11 +585,38 @@ int Run(const Args &args) {
       return kStopped;
     }
     if (std::optional<std::string> ended = procs.Reap()) {
-      std::cerr << "ipapp-netconfd: " << *ended << "; stopping (see " << dir.string() << ")\n";
+      std::cerr << "ipapp-netconfd: " << *ended << "; stopping (see " << l.dir.string() << ")\n";
       procs.StopAll();
       return kServerFailure;
     }
   }
+}
+
+int Run(const Args &args) {
+  Layout layout;
+  if (!Settle(args, &layout)) return kBadUsage;
+  std::optional<PrivateDir> own;
+  std::optional<std::string> seed;
+  try {
+    own.emplace(layout.dir);
+    if (!args.running.empty()) {
+      seed = ipapp::netconfd::StartupConfig(args.running, layout.yang.string());
+    }
+  } catch (const ipapp::netconfd::DirError &e) {
+    std::cerr << "ipapp-netconfd: cannot use --dir: " << e.what() << "\n";
+    return kBadUsage;
+  } catch (const ipapp::host::InputError &e) {
+    std::cerr << "ipapp-netconfd: --running: " << e.what() << "\n";
+    return kBadUsage;
+  }
+  if (!PortFree(args.port)) {
+    std::cerr << "ipapp-netconfd: cannot start: port " << layout.port
+              << " on 127.0.0.1 is in use\n";
+    return kServerFailure;
+  }
+  Processes procs;
+  if (std::optional<int> stopped = Start(*own, layout, args, seed, procs)) return *stopped;
+  return Serve(layout, procs);
 }
 
 // A port as the user means it: decimal digits only, 1 to 65535.

@@ -44,6 +44,8 @@ extern "C" {
 #include <string>
 #include <vector>
 
+#include <ipapp/tools/failure_text.h>
+
 #include "commit_hook.h"
 #include "keypath.h"
 
@@ -181,7 +183,7 @@ status_t CheckCandidate(ses_cb_t *scb, xml_msg_hdr_t *msghdr, val_value_t *candi
     verdict = g_hook->Check(ElementData(running->root), ElementData(candidate_root));
   } catch (const std::exception &e) {
     verdict = Verdict{};
-    verdict.message = std::string("the configuration could not be checked: ") + e.what();
+    verdict.message = ipapp::tools::UncheckedText(e.what());
   }
 
   for (const std::string &fault : verdict.faults) {

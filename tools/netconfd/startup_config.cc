@@ -1,12 +1,12 @@
 #include "startup_config.h"
 
 #include <ipapp/host.h>
+#include <ipapp/tools/module_names.h>
 #include <libyang/libyang.h>
 
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
-#include <set>
 #include <string>
 
 namespace fs = std::filesystem;
@@ -36,14 +36,7 @@ std::string StartupConfig(const std::string &file, const std::string &yang_dir) 
     throw host::InputError(yang_dir, 0, "cannot create a YANG context");
   }
   std::unique_ptr<ly_ctx, void (*)(ly_ctx *)> ctx(raw, [](ly_ctx *c) { ly_ctx_destroy(c); });
-  std::set<std::string> modules;
-  std::error_code ec;
-  for (const fs::directory_entry &entry : fs::directory_iterator(yang_dir, ec)) {
-    if (entry.path().extension() != ".yang") continue;
-    const std::string stem = entry.path().stem().string();
-    modules.insert(stem.substr(0, stem.find('@')));
-  }
-  for (const std::string &module : modules) {
+  for (const std::string &module : tools::ModuleNames(yang_dir)) {
     if (ly_ctx_load_module(ctx.get(), module.c_str(), nullptr, nullptr) == nullptr) {
       throw host::InputError(yang_dir, 0,
                              "cannot load module " + module + ": " + LibyangError(ctx.get()));

@@ -28,15 +28,21 @@ class PluginError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+/// The plug-in's entry points around the commit, in the order they run
+/// (kLoad: the library's own initialisation while it loads).
+enum class Entry { kLoad, kGetValidationPoint, kLibInit, kLibFinish };
+
+/// The entry point's name: "load", "get_validation_point", ...
+const char *EntryName(Entry entry);
+
 /// A validation plug-in, loaded and started: lib_init has been called once.
 /// Destruction calls lib_finish once (unless Finish did) and unloads the
 /// library. Whatever an entry point throws is turned into text while the
 /// library is still loaded: exception types defined in the plug-in die with it.
 class Plugin {
  public:
-  /// Called with the name of each entry point just before it runs ("load"
-  /// for the library's own initialisation while it loads).
-  using EntryHook = std::function<void(const char *entry)>;
+  /// Called with each entry point just before it runs.
+  using EntryHook = std::function<void(Entry entry)>;
 
   /// Loads the library at path, checks that get_validation_point answers
   /// kValidationPoint and calls lib_init. Throws PluginError, naming the
@@ -89,9 +95,9 @@ struct Invocation {
   std::string error;    ///< the transaction's error text, or the exception's text
   bool failed = false;  ///< an exception left validate, or its process ended
   /// Isolated runs: how the process running validate ended instead of
-  /// returning ("crashed", "aborted", "ended the process", "did not return");
-  /// error then says why ("signal SIGSEGV, Segmentation fault"). Empty when
-  /// an exception left validate.
+  /// returning ("crashed", "aborted", "was killed", "ended the process",
+  /// "did not return", "garbled its report"); error then says why ("signal
+  /// SIGSEGV, Segmentation fault"). Empty when an exception left validate.
   std::string process_end;
   std::vector<host::TraceEntry> trace;  ///< data-store calls, when asked for
   /// What the callback opened and left open (a cursor not destroyed, a value
@@ -146,12 +152,16 @@ Report RunCommit(const Plugin &plugin, const host::Schema &schema, host::Transac
 /// plugin_path, runs the commit as RunCommit does, calls lib_finish and sends
 /// the report back; tx itself is left as it was. Whatever the plug-in does
 /// cannot take the caller with it:
-/// - an exception, a crash, a call that ends the process or no result within
-///   timeout while loading, in get_validation_point or in lib_init: throws
-///   PluginError naming the entry point and, for a signal, the signal;
+/// - an exception, a crash, an abort, another deadly signal, a call that ends
+///   the process, no result within timeout or bytes on the report pipe that
+///   are no report, while loading, in get_validation_point or in lib_init:
+///   throws PluginError naming the entry point and, for a signal, the signal;
 /// - the same in validate: the report ends with that callback, failed, with
 ///   process_end saying how (an exception: as RunCommit reports it);
-/// - the same in lib_finish: the report is complete, finish_failure says it.
+/// - the same in lib_finish or while unloading: the report is complete,
+///   finish_failure says it;
+/// - the same in the engine's own work between entry points: throws
+///   std::runtime_error saying how the commit's process ended.
 /// The timeout counts from loading the plug-in to the complete report.
 /// The child runs in a process group of its own, ended with it: whatever the
 /// plug-in starts does not outlive the call, and a process it leaves running

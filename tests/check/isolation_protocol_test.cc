@@ -1,0 +1,111 @@
+// The report pipe's messages: whatever the commit process sends arrives as
+// sent, however the reads split it, and bytes that are no message are told
+// apart from a report.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "isolation_protocol.h"
+
+namespace {
+
+using ipapp::check::isolation::Frame;
+using ipapp::check::isolation::FrameReader;
+using ipapp::check::isolation::Garbled;
+using ipapp::check::isolation::Kind;
+using ipapp::check::isolation::Message;
+using ipapp::check::isolation::Stage;
+
+// Every field of a message, in JSON, to compare what went in and came out.
+nlohmann::json Fields(const Message &m) {
+  const ipapp::check::Invocation &inv = m.invocation;
+  return {{"kind", static_cast<int>(m.kind)},
+          {"stage", static_cast<int>(m.stage)},
+          {"validation", m.validation},
+          {"keypath", m.keypath},
+          {"invocation",
+           {inv.validation, inv.keypath, inv.result, inv.error, inv.failed, inv.trace, inv.leaks}},
+          {"fault", m.fault},
+          {"text", m.text},
+          {"source", m.source},
+          {"line", m.line}};
+}
+
+std::vector<Message> EveryKind() {
+  std::vector<Message> all;
+  for (Stage s : {Stage::kEngine, Stage::kLoad, Stage::kGetValidationPoint, Stage::kLibInit,
+                  Stage::kLibFinish, Stage::kUnload}) {
+    all.push_back(Message::Enter(s));
+  }
+  all.push_back(Message::EnterValidate("intf_l3_name_validation", "/config/interface/l3{\"x\"}"));
+  ipapp::check::Invocation inv;
+  inv.validation = "route_validation";
+  inv.keypath = "/config/route";
+  inv.result = -1;
+  inv.error = std::string("not UTF-8: \xff\xfe and a NUL \0 inside", 32);
+  inv.failed = true;
+  inv.trace = {{"maapi_exists", "/config/route", 1, "yes"}, {"cdb_get", "", -2, ""}};
+  inv.leaks = {{7, "cursor", "maapi_init_cursor", "/config/interface/l3"}};
+  all.push_back(Message::Of(inv));
+  all.push_back(Message::Of(ipapp::host::Fault{3, "f", "a.cc", 12, "bad item"}));
+  all.push_back(Message::Of(ipapp::host::InputError("cand.xml", 4, "unknown element")));
+  all.push_back(Message::Text(Kind::kPluginError, "p.so: lib_init returned 1"));
+  all.push_back(Message::Text(Kind::kError, "out of memory"));
+  all.push_back(Message::Text(Kind::kFinishFailure, "exception from lib_finish: x"));
+  all.push_back(Message::Done());
+  return all;
+}
+
+TEST(IsolationProtocol, EveryMessageArrivesAsSentHoweverTheReadsSplitIt) {
+  const std::vector<Message> sent = EveryKind();
+  std::string wire;
+  for (const Message &m : sent) {
+    const std::vector<std::uint8_t> frame = Frame(m);
+    wire.append(frame.begin(), frame.end());
+  }
+  for (size_t chunk : {size_t{1}, size_t{3}, size_t{64}, wire.size()}) {
+    SCOPED_TRACE("reads of " + std::to_string(chunk) + " bytes");
+    FrameReader reader;
+    std::vector<Message> got;
+    for (size_t at = 0; at < wire.size(); at += chunk) {
+      reader.Append(wire.data() + at, std::min(chunk, wire.size() - at));
+      while (std::optional<Message> m = reader.Next()) got.push_back(std::move(*m));
+    }
+    ASSERT_EQ(got.size(), sent.size());
+    for (size_t i = 0; i < sent.size(); ++i) EXPECT_EQ(Fields(got[i]), Fields(sent[i])) << i;
+  }
+}
+
+TEST(IsolationProtocol, BytesThatAreNoMessageAreGarbled) {
+  auto framed = [](const std::string &body) {
+    const auto size = static_cast<std::uint32_t>(body.size());
+    std::string frame(sizeof size, '\0');
+    std::memcpy(frame.data(), &size, sizeof size);
+    return frame + body;
+  };
+  auto cbor = [](const nlohmann::json &j) {
+    const std::vector<std::uint8_t> bytes = nlohmann::json::to_cbor(j);
+    return std::string(bytes.begin(), bytes.end());
+  };
+  const std::vector<std::pair<std::string, std::string>> cases = {
+      {"text a plug-in printed", framed("accepted\n")},
+      {"unknown kind", framed(cbor({{"kind", "verdict"}}))},
+      {"unknown stage", framed(cbor({{"kind", "enter"}, {"stage", "main"}}))},
+      {"field missing", framed(cbor({{"kind", "plugin_error"}}))},
+      {"field of another type",
+       framed(cbor({{"kind", "input_error"}, {"source", "a"}, {"line", "four"}, {"text", "t"}}))},
+  };
+  for (const auto &[what, bytes] : cases) {
+    SCOPED_TRACE(what);
+    FrameReader reader;
+    reader.Append(bytes.data(), bytes.size());
+    EXPECT_THROW(reader.Next(), Garbled);
+  }
+}
+
+}  // namespace
