@@ -199,7 +199,7 @@ TEST(CheckBatch, GivesEachExampleItsSingleRunsVerdictAndTextInEveryFormat) {
   // The JUnit report, read back by an XML parser.
   const fs::path junit = Scratch() / "junit.xml";
   const ToolResult r =
-      RunTool({"--batch", ExampleFleet().string(), "--format", "junit"}, "", junit.string());
+      RunTool({"--batch", ExampleFleet().string(), "--format", "junit"}, {}, junit.string());
   EXPECT_EQ(r.status, worst);
   const fs::path parsed = Scratch() / "junit.json";
   const std::string read_back =
@@ -266,7 +266,7 @@ TEST(CheckBatch, BadElementsAndAnOverrunningCommitDoNotStopTheOthers) {
 
   const ToolResult r =
       RunTool({"--batch", dir.string(), "--plugin", IPAPP_FAKE_PLUGIN, "--timeout", "1", "-j", "2"},
-              "IPAPP_FAKE_MODE=hang-on-stall");
+              {"IPAPP_FAKE_MODE=hang-on-stall"});
   EXPECT_EQ(r.status, 3) << r.err;
   const std::vector<std::string> lines = Lines(r.out);
   ASSERT_EQ(lines.size(), 7u) << r.out;
@@ -297,7 +297,7 @@ TEST(CheckBatch, AnElementsNameOrTextCannotForgeALine) {
   EXPECT_THAT(lines[0], HasSubstr("x\\nforged: accepted\\x1b[2K: refused: "));
 
   const fs::path junit = Scratch() / "forging.xml";
-  RunTool({"--batch", dir.string(), "--format", "junit"}, "", junit.string());
+  RunTool({"--batch", dir.string(), "--format", "junit"}, {}, junit.string());
   const std::string parse =
       "/usr/bin/python3 -c 'import sys, xml.etree.ElementTree as ET; "
       "ET.parse(sys.argv[1])' " +
