@@ -3,9 +3,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <ipapp/host.h>
 #include <ipapp/tools/failure_text.h>
 #include <ipapp/tools/install_paths.h>
-#include <ipapp/tools/module_names.h>
 
 #include <unistd.h>
 
@@ -36,8 +36,8 @@ TEST(ModuleNames, EachModuleOnceInOrderWhateverItsRevisions) {
                            "alpha.yang", "beta@2019-02-03.yang", "notes.txt", "gamma.yin"}) {
     dir.Touch(name);
   }
-  EXPECT_THAT(ipapp::tools::ModuleNames(dir.path), ElementsAre("alpha", "beta", "zeta"));
-  EXPECT_THAT(ipapp::tools::ModuleNames(dir.path / "missing"), IsEmpty());
+  EXPECT_THAT(ipapp::host::ModuleNames(dir.path.string()), ElementsAre("alpha", "beta", "zeta"));
+  EXPECT_THAT(ipapp::host::ModuleNames((dir.path / "missing").string()), IsEmpty());
 }
 
 TEST(FirstExisting, TakesTheFirstThatExistsElseTheFirstNamedNeverAnEmptyOne) {

@@ -1,7 +1,7 @@
 #include "commit_hook.h"
 
+#include <ipapp/host.h>
 #include <ipapp/tools/failure_text.h>
-#include <ipapp/tools/module_names.h>
 
 #include <utility>
 
@@ -9,7 +9,7 @@ namespace ipapp::netconfd {
 CommitHook::CommitHook(const std::string &plugin_path, const std::string &yang_dir,
                        std::chrono::milliseconds timeout)
     : plugin_path_(plugin_path),
-      modules_(tools::ModuleNames(yang_dir)),
+      modules_(host::ModuleNames(yang_dir)),
       schema_(host::Schema::Load(yang_dir)),
       timeout_(timeout) {}
 

@@ -16,7 +16,6 @@
 #include <ipapp/check_engine.h>
 #include <ipapp/host.h>
 #include <ipapp/tools/install_paths.h>
-#include <ipapp/tools/module_names.h>
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -100,7 +99,7 @@ fs::path SilYangDir() {
 
 // The modules netconfd loads, each once.
 std::vector<std::string> Modules(const fs::path &dir) {
-  std::vector<std::string> names = tools::ModuleNames(dir);
+  std::vector<std::string> names = ipapp::host::ModuleNames(dir.string());
   if (names.empty()) throw StartError("no YANG modules in " + dir.string());
   return names;
 }

@@ -1,7 +1,6 @@
 #include "startup_config.h"
 
 #include <ipapp/host.h>
-#include <ipapp/tools/module_names.h>
 #include <libyang/libyang.h>
 
 #include <cstdlib>
@@ -36,7 +35,7 @@ std::string StartupConfig(const std::string &file, const std::string &yang_dir) 
     throw host::InputError(yang_dir, 0, "cannot create a YANG context");
   }
   std::unique_ptr<ly_ctx, void (*)(ly_ctx *)> ctx(raw, [](ly_ctx *c) { ly_ctx_destroy(c); });
-  for (const std::string &module : tools::ModuleNames(yang_dir)) {
+  for (const std::string &module : host::ModuleNames(yang_dir)) {
     if (ly_ctx_load_module(ctx.get(), module.c_str(), nullptr, nullptr) == nullptr) {
       throw host::InputError(yang_dir, 0,
                              "cannot load module " + module + ": " + LibyangError(ctx.get()));

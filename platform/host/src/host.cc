@@ -372,6 +372,19 @@ DataSource DataSource::File(const std::string &path) {
   return {format, std::move(text), path};
 }
 
+std::vector<std::string> ModuleNames(const std::string &dir) {
+  std::vector<std::string> names;
+  std::error_code ec;
+  for (fs::directory_iterator it(dir, ec), end; !ec && it != end; it.increment(ec)) {
+    if (it->path().extension() != ".yang") continue;
+    const std::string stem = it->path().stem().string();
+    names.push_back(stem.substr(0, stem.find('@')));
+  }
+  std::sort(names.begin(), names.end());
+  names.erase(std::unique(names.begin(), names.end()), names.end());
+  return names;
+}
+
 std::string Schema::DefaultDir() {
   return IPAPP_DEFAULT_YANG_DIR;
 }
@@ -380,12 +393,7 @@ std::shared_ptr<const Schema> Schema::Load(const std::string &dir) {
   store::CaptureLibyangLog();
   std::error_code ec;
   if (!fs::is_directory(dir, ec)) throw InputError(dir, 0, "not a directory");
-  std::vector<std::string> names;
-  for (const auto &entry : fs::directory_iterator(dir, ec)) {
-    if (entry.path().extension() != ".yang") continue;
-    std::string stem = entry.path().stem().string();
-    names.push_back(stem.substr(0, stem.find('@')));
-  }
+  std::vector<std::string> names = ModuleNames(dir);
   if (names.empty()) throw InputError(dir, 0, "holds no YANG modules");
   auto rank = [](const std::string &name) {
     auto it = std::find(std::begin(kModuleOrder), std::end(kModuleOrder), name);

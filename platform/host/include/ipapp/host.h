@@ -63,6 +63,11 @@ struct BoundNode {
   std::vector<std::string> dependencies;  ///< absolute schema paths
 };
 
+/// The names of the modules in dir, as its files NAME.yang and
+/// NAME@REVISION.yang name them: sorted, each once however many revisions the
+/// directory holds. Empty when dir holds none or cannot be read.
+std::vector<std::string> ModuleNames(const std::string &dir);
+
 /// The element's modules, loaded from a directory of .yang files.
 class Schema {
  public:
