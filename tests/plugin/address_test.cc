@@ -376,7 +376,7 @@ TEST_F(AddressTest, RandomOverlapsAreFoundAsThePairwiseRulesFindThem) {
   std::mt19937 rng(20240611);
   int refused = 0;
   int checked = 0;
-  for (int round = 0; round < 300; ++round) {
+  for (int round = 0; round < 3000; ++round) {
     const bool edge = round % 2 == 1;
     const std::vector<RandomIntf> intfs = edge ? EdgeInterfaces(&rng) : DenseInterfaces(&rng);
     const std::string config = RandomConfig(intfs);
