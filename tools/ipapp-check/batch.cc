@@ -312,36 +312,21 @@ bool Flushed() {
   return std::fflush(stdout) == 0 && !std::ferror(stdout) && std::cout.good();
 }
 
-// Appends the UTF-8 sequence at text[i], if one is valid there, and
-// advances i past it; false for a byte that starts none.
+// The character at text[i] as a code point, i moved past it; false for a
+// byte that starts no well-formed UTF-8 character.
 bool TakeUtf8(const std::string &text, size_t *i, uint32_t *cp) {
-  const auto b = [&](size_t k) { return static_cast<unsigned char>(text[k]); };
-  const unsigned char c = b(*i);
-  int n = 0;
-  uint32_t v = 0;
-  uint32_t min = 0;
+  const auto c = static_cast<unsigned char>(text[*i]);
   if (c < 0x80) {
     *cp = c;
     ++*i;
     return true;
   }
-  if ((c & 0xE0) == 0xC0) {
-    n = 1, v = c & 0x1F, min = 0x80;
-  } else if ((c & 0xF0) == 0xE0) {
-    n = 2, v = c & 0x0F, min = 0x800;
-  } else if ((c & 0xF8) == 0xF0) {
-    n = 3, v = c & 0x07, min = 0x10000;
-  } else {
-    return false;
-  }
-  if (*i + n >= text.size()) return false;
-  for (int k = 1; k <= n; ++k) {
-    if ((b(*i + k) & 0xC0) != 0x80) return false;
-    v = (v << 6) | (b(*i + k) & 0x3F);
-  }
-  if (v < min || v > 0x10FFFF || (v >= 0xD800 && v <= 0xDFFF)) return false;
+  const size_t n = Utf8CharLength(std::string_view(text).substr(*i));
+  if (n == 0) return false;
+  uint32_t v = c & (0x7f >> n);
+  for (size_t k = 1; k < n; ++k) v = (v << 6) | (static_cast<unsigned char>(text[*i + k]) & 0x3f);
   *cp = v;
-  *i += n + 1;
+  *i += n;
   return true;
 }
 

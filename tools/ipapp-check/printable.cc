@@ -5,9 +5,15 @@
 namespace ipapp::check {
 namespace {
 
-// The length of the well-formed UTF-8 character at the start of s (s not
-// empty, s[0] not ASCII), or 0.
-size_t CharLength(std::string_view s) {
+void Hex(std::string *out, const char *format, unsigned value) {
+  char buf[8];
+  std::snprintf(buf, sizeof buf, format, value);
+  *out += buf;
+}
+
+}  // namespace
+
+size_t Utf8CharLength(std::string_view s) {
   const auto byte = [&](size_t i) { return static_cast<unsigned char>(s[i]); };
   const unsigned char lead = byte(0);
   size_t n = 0;
@@ -34,14 +40,6 @@ size_t CharLength(std::string_view s) {
   return n;
 }
 
-void Hex(std::string *out, const char *format, unsigned value) {
-  char buf[8];
-  std::snprintf(buf, sizeof buf, format, value);
-  *out += buf;
-}
-
-}  // namespace
-
 std::string Printable(std::string_view text) {
   std::string out;
   out.reserve(text.size());
@@ -62,7 +60,7 @@ std::string Printable(std::string_view text) {
     } else if (c < 0x80) {
       Hex(&out, "\\x%02x", c);
       ++i;
-    } else if (const size_t n = CharLength(text.substr(i)); n == 0) {
+    } else if (const size_t n = Utf8CharLength(text.substr(i)); n == 0) {
       Hex(&out, "\\x%02x", c);
       ++i;
     } else if (n == 2 && c == 0xc2 && static_cast<unsigned char>(text[i + 1]) < 0xa0) {

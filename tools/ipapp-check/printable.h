@@ -5,6 +5,7 @@
 #ifndef IPAPP_CHECK_PRINTABLE_H
 #define IPAPP_CHECK_PRINTABLE_H
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 
@@ -16,6 +17,11 @@ namespace ipapp::check {
 /// included, stays as it is, so that text without control characters prints
 /// unchanged.
 std::string Printable(std::string_view text);
+
+/// The length of the well-formed UTF-8 character at the start of s (s not
+/// empty, s[0] not ASCII), or 0: overlong forms, surrogates, code points past
+/// U+10FFFF and a character cut short are not well formed.
+size_t Utf8CharLength(std::string_view s);
 
 }  // namespace ipapp::check
 
