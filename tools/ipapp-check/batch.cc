@@ -31,6 +31,7 @@
 #include <vector>
 
 #include "printable.h"
+#include "report.h"
 
 namespace ipapp::check {
 namespace {
@@ -38,8 +39,6 @@ namespace {
 namespace fs = std::filesystem;
 using nlohmann::json;
 using Clock = std::chrono::steady_clock;
-
-enum ExitCode { kAccepted = 0, kRefused = 1, kBadInput = 2, kPluginFailure = 3 };
 
 // One element's outcome: what its single run would have said.
 struct Outcome {
@@ -77,11 +76,7 @@ struct Outcome {
 
 // The files of one element: its running configuration and either a whole
 // candidate or an edit.
-struct ElementFiles {
-  std::string running, candidate, edit;
-};
-
-ElementFiles FindFiles(const fs::path &dir) {
+CommitFiles FindFiles(const fs::path &dir, host::DefaultOperation default_operation) {
   auto present = [&](std::initializer_list<const char *> names) {
     std::vector<std::string> found;
     for (const char *name : names) {
@@ -93,7 +88,8 @@ ElementFiles FindFiles(const fs::path &dir) {
     }
     return found.empty() ? std::string() : found[0];
   };
-  ElementFiles files;
+  CommitFiles files;
+  files.default_operation = default_operation;
   const std::string running = present({"running.xml", "running.json"});
   if (running.empty()) throw host::InputError(dir.string(), 0, "no running.xml or running.json");
   files.running = (dir / running).string();
@@ -107,49 +103,33 @@ ElementFiles FindFiles(const fs::path &dir) {
 
 // One element, checked as a single run checks it.
 Outcome CheckElement(const fs::path &dir, const std::shared_ptr<const host::Schema> &schema,
-                     const BatchOptions &options, const ReportPrinter &printer) {
+                     const BatchOptions &options) {
   const Clock::time_point start = Clock::now();
   Outcome out;
   try {
-    const ElementFiles files = FindFiles(dir);
+    const CommitFiles files = FindFiles(dir, options.default_operation);
     // Files are read in the commit's process, as in a single run; the
     // modules come with it from this one.
-    auto load = [&] {
-      CommitInput input;
-      input.schema = schema;
-      const auto running = host::DataSource::File(files.running);
-      const auto candidate =
-          files.edit.empty() ? host::DataSource::File(files.candidate)
-                             : host::ApplyEdit(schema, running, host::DataSource::File(files.edit),
-                                               options.default_operation);
-      input.tx = host::Transaction::Create(schema, running, candidate);
-      return input;
-    };
-    const Report report = RunCommitIsolated(options.plugin, load, options.options, options.timeout);
+    const Report report = RunCommitIsolated(
+        options.plugin, [&] { return LoadCommit(schema, files); }, options.options,
+        options.timeout);
     std::ostringstream text;
-    printer.text(text, report);
-    out.object = printer.json(report);
-    if (const Invocation *failure = report.failure()) {
-      out.exit = kPluginFailure;
-      out.message = failure->FailureTextWithPlace();
-    } else if (!report.finish_failure.empty()) {
-      out.exit = kPluginFailure;
-      out.message = report.finish_failure;
-    } else if (report.accepted()) {
-      out.exit = kAccepted;
+    PrintText(text, report, options.options.trace);
+    out.object = ToJson(report, options.options.trace);
+    out.exit = ExitOf(report);
+    if (out.exit == kPluginFailure) {
+      out.message = FailureMessage(report);
+      out.line = "plug-in failure: " + out.message;
+      text << "ipapp-check: " << out.message << "\n";
+    } else if (out.exit == kAccepted) {
       out.line = "accepted";
     } else {
       const std::vector<const Invocation *> refusals = report.refusals();
-      out.exit = kRefused;
       out.message = refusals.front()->error;
       out.line = "refused: " + out.message;
       if (refusals.size() > 1) {
         out.line += " (and " + std::to_string(refusals.size() - 1) + " more refusals)";
       }
-    }
-    if (out.exit == kPluginFailure) {
-      out.line = "plug-in failure: " + out.message;
-      text << "ipapp-check: " << out.message << "\n";
     }
     out.text = text.str();
   } catch (const host::InputError &e) {
@@ -197,7 +177,7 @@ struct Worker {
 [[noreturn]] void WorkerMain(int job_fd, int result_fd, pid_t parent,
                              const std::vector<fs::path> &elements,
                              const std::shared_ptr<const host::Schema> &schema,
-                             const BatchOptions &options, const ReportPrinter &printer) {
+                             const BatchOptions &options) {
   prctl(PR_SET_PDEATHSIG, SIGKILL);
   if (getppid() != parent) _exit(0);
   // What a plug-in prints must not end up inside the batch's report.
@@ -208,7 +188,7 @@ struct Worker {
         static_cast<size_t>(index) >= elements.size()) {
       _exit(0);
     }
-    const Outcome out = CheckElement(elements[index], schema, options, printer);
+    const Outcome out = CheckElement(elements[index], schema, options);
     const std::vector<std::uint8_t> body = json::to_cbor(out.ToFrame());
     const auto size = static_cast<std::uint32_t>(body.size());
     if (!WriteAll(result_fd, &size, sizeof size) || !WriteAll(result_fd, body.data(), size)) {
@@ -306,12 +286,6 @@ void WriteJUnit(std::ostream &out, const std::string &suite, const std::vector<s
   out << "  </testsuite>\n</testsuites>\n";
 }
 
-bool Flushed() {
-  errno = 0;
-  std::cout.flush();
-  return std::fflush(stdout) == 0 && !std::ferror(stdout) && std::cout.good();
-}
-
 // The character at text[i] as a code point, i moved past it; false for a
 // byte that starts no well-formed UTF-8 character.
 bool TakeUtf8(const std::string &text, size_t *i, uint32_t *cp) {
@@ -387,7 +361,7 @@ std::string EscapeXml(const std::string &text, bool attribute) {
   return out;
 }
 
-int RunBatch(const BatchOptions &options, const ReportPrinter &printer) {
+int RunBatch(const BatchOptions &options) {
   std::error_code ec;
   if (!fs::is_directory(options.dir, ec)) {
     std::cerr << "ipapp-check: " << options.dir << ": not a directory\n";
@@ -444,7 +418,7 @@ int RunBatch(const BatchOptions &options, const ReportPrinter &printer) {
         CloseFd(&other.job_fd);
         CloseFd(&other.result_fd);
       }
-      WorkerMain(jobs[0], results[1], self, elements, schema, options, printer);
+      WorkerMain(jobs[0], results[1], self, elements, schema, options);
     }
     close(jobs[0]);
     close(results[1]);

@@ -6,11 +6,7 @@
 #include <ipapp/check_engine.h>
 #include <ipapp/edit.h>
 
-#include <nlohmann/json.hpp>
-
 #include <chrono>
-#include <functional>
-#include <ostream>
 #include <string>
 
 namespace ipapp::check {
@@ -26,18 +22,11 @@ struct BatchOptions {
   host::DefaultOperation default_operation = host::DefaultOperation::kMerge;
 };
 
-/// How a single run prints a report; each element's report is printed the
-/// same way.
-struct ReportPrinter {
-  std::function<void(std::ostream &, const Report &)> text;
-  std::function<nlohmann::json(const Report &)> json;
-};
-
 /// Checks every element of options.dir and writes the batch's report to
 /// standard output; returns the worst of the elements' exit statuses (or 2
 /// when the batch itself cannot run: no elements, modules that do not load,
 /// a report that cannot be written).
-int RunBatch(const BatchOptions &options, const ReportPrinter &printer);
+int RunBatch(const BatchOptions &options);
 
 /// Text for an XML attribute value (or, attribute false, element content):
 /// markup characters and an attribute's line breaks and tabs as references,

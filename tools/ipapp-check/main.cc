@@ -39,15 +39,15 @@
 
 #include "batch.h"
 #include "printable.h"
+#include "report.h"
 
 namespace fs = std::filesystem;
-using ipapp::check::Invocation;
+using ipapp::check::kBadInput;
+using ipapp::check::kPluginFailure;
 using ipapp::check::Printable;
 using ipapp::check::Report;
 
 namespace {
-
-enum ExitCode { kAccepted = 0, kRefused = 1, kBadInput = 2, kPluginFailure = 3 };
 
 struct Args {
   std::string running;
@@ -64,102 +64,6 @@ struct Args {
   double timeout = 60;  ///< seconds per commit
 };
 
-void PrintTrace(std::ostream &out, const Invocation &inv) {
-  out << "trace: " << Printable(inv.validation) << " " << Printable(inv.keypath) << " -> "
-      << (inv.failed ? "exception" : std::to_string(inv.result)) << "\n";
-  for (const ipapp::host::TraceEntry &e : inv.trace) {
-    out << "  " << Printable(e.call);
-    if (!e.path.empty()) out << " " << Printable(e.path);
-    out << " = " << e.result;
-    if (!e.detail.empty()) out << " (" << Printable(e.detail) << ")";
-    out << "\n";
-  }
-}
-
-void PrintText(std::ostream &out, const Report &report, bool trace) {
-  if (const Invocation *failure = report.failure()) {
-    out << "plug-in failure: " << Printable(failure->FailureText()) << "\n"
-        << "  validation: " << Printable(failure->validation) << "\n"
-        << "  keypath: " << Printable(failure->keypath) << "\n";
-  } else if (report.accepted()) {
-    out << "accepted\n";
-  }
-  for (const Invocation *r : report.refusals()) {
-    out << "refused: " << Printable(r->error) << "\n"
-        << "  validation: " << Printable(r->validation) << "\n"
-        << "  keypath: " << Printable(r->keypath) << "\n";
-  }
-  for (const std::string &line : ipapp::check::FaultLines(report.faults)) {
-    out << "fault: " << Printable(line) << "\n";
-  }
-  // What a validation left open, one line per validation: on the element
-  // each of these leaks on every commit.
-  for (const Invocation &inv : report.invocations) {
-    if (inv.leaks.empty()) continue;
-    out << "warning: " << Printable(inv.validation) << " " << Printable(inv.keypath)
-        << " left open:";
-    for (size_t i = 0; i < inv.leaks.size(); ++i) {
-      const ipapp::host::OpenItem &leak = inv.leaks[i];
-      out << (i ? "; " : " ") << Printable(leak.kind) << " of " << Printable(leak.call) << " "
-          << Printable(leak.path);
-    }
-    out << "\n";
-  }
-  if (trace) {
-    for (const Invocation &inv : report.invocations) PrintTrace(out, inv);
-  }
-  if (!report.finish_failure.empty()) {
-    out << "plug-in failure: " << Printable(report.finish_failure) << "\n";
-  }
-}
-
-nlohmann::json ToJson(const Report &report, bool trace) {
-  nlohmann::json doc;
-  const Invocation *failure = report.failure();
-  doc["verdict"] = failure ? "failed" : report.accepted() ? "accepted" : "refused";
-  doc["refusals"] = nlohmann::json::array();
-  for (const Invocation *r : report.refusals()) {
-    doc["refusals"].push_back(
-        {{"validation", r->validation}, {"keypath", r->keypath}, {"error", r->error}});
-  }
-  if (failure) {
-    doc["failure"] = {{"validation", failure->validation},
-                      {"keypath", failure->keypath},
-                      {"error", failure->FailureText()}};
-  }
-  if (!report.finish_failure.empty()) doc["finish_failure"] = report.finish_failure;
-  doc["faults"] = nlohmann::json::array();
-  // The report leaves out what only the commit process needs: a fault's
-  // kind and an open item's id.
-  for (const ipapp::host::Fault &f : report.faults) {
-    nlohmann::json fault = f;
-    fault.erase("kind");
-    doc["faults"].push_back(std::move(fault));
-  }
-  doc["invocations"] = nlohmann::json::array();
-  for (const Invocation &inv : report.invocations) {
-    nlohmann::json item = {
-        {"validation", inv.validation}, {"keypath", inv.keypath}, {"result", inv.result}};
-    item["leaks"] = nlohmann::json::array();
-    for (const ipapp::host::OpenItem &leak : inv.leaks) {
-      nlohmann::json open = leak;
-      open.erase("id");
-      item["leaks"].push_back(std::move(open));
-    }
-    if (trace) item["trace"] = inv.trace;
-    doc["invocations"].push_back(std::move(item));
-  }
-  return doc;
-}
-
-// Flushes stdout; false (errno set) when the report did not get out: a full
-// disk or a reader that has gone must not pass for a verdict.
-bool Flushed() {
-  errno = 0;
-  std::cout.flush();
-  return std::fflush(stdout) == 0 && !std::ferror(stdout) && std::cout.good();
-}
-
 int Run(const Args &args) {
   const std::string yang = args.yang.empty() ? ipapp::tools::DefaultYangDir().string() : args.yang;
   const std::string plugin_path =
@@ -168,21 +72,11 @@ int Run(const Args &args) {
   options.keep_going = args.keep_going;
   options.trace = args.trace;
   const auto timeout = std::chrono::milliseconds(std::llround(args.timeout * 1000));
+  ipapp::check::CommitFiles files{args.running, args.candidate, args.edit,
+                                  *ipapp::host::ParseDefaultOperation(args.default_operation)};
   // The modules and both configurations are read in the process that runs
   // the commit: this one keeps none of them.
-  auto load = [&] {
-    ipapp::check::CommitInput input;
-    input.schema = ipapp::host::Schema::Load(yang);
-    auto running = args.running.empty() ? ipapp::host::DataSource::Empty("<empty running>")
-                                        : ipapp::host::DataSource::File(args.running);
-    auto candidate = args.edit.empty()
-                         ? ipapp::host::DataSource::File(args.candidate)
-                         : ipapp::host::ApplyEdit(
-                               input.schema, running, ipapp::host::DataSource::File(args.edit),
-                               *ipapp::host::ParseDefaultOperation(args.default_operation));
-    input.tx = ipapp::host::Transaction::Create(input.schema, running, candidate);
-    return input;
-  };
+  auto load = [&] { return ipapp::check::LoadCommit(ipapp::host::Schema::Load(yang), files); };
   if (!args.batch.empty()) {
     ipapp::check::BatchOptions batch;
     batch.dir = args.batch;
@@ -192,10 +86,8 @@ int Run(const Args &args) {
     batch.plugin = plugin_path;
     batch.options = options;
     batch.timeout = timeout;
-    batch.default_operation = *ipapp::host::ParseDefaultOperation(args.default_operation);
-    return ipapp::check::RunBatch(
-        batch, {[&](std::ostream &out, const Report &r) { PrintText(out, r, args.trace); },
-                [&](const Report &r) { return ToJson(r, args.trace); }});
+    batch.default_operation = files.default_operation;
+    return ipapp::check::RunBatch(batch);
   }
   Report report;
   try {
@@ -213,27 +105,23 @@ int Run(const Args &args) {
   if (args.format == "json") {
     // A text the plug-in set need not be UTF-8: such bytes become U+FFFD
     // rather than costing the report.
-    std::cout
-        << ToJson(report, args.trace).dump(2, ' ', false, nlohmann::json::error_handler_t::replace)
-        << "\n";
+    std::cout << ipapp::check::ToJson(report, args.trace)
+                     .dump(2, ' ', false, nlohmann::json::error_handler_t::replace)
+              << "\n";
   } else {
-    PrintText(std::cout, report, args.trace);
+    ipapp::check::PrintText(std::cout, report, args.trace);
   }
-  if (!Flushed()) {
+  if (!ipapp::check::Flushed()) {
     const int err = errno;
     std::cerr << "ipapp-check: cannot write the report to stdout"
               << (err ? std::string(": ") + std::strerror(err) : std::string()) << "\n";
     return kBadInput;
   }
-  if (const Invocation *failure = report.failure()) {
-    std::cerr << "ipapp-check: " << Printable(failure->FailureTextWithPlace()) << "\n";
-    return kPluginFailure;
+  const int exit = ipapp::check::ExitOf(report);
+  if (exit == kPluginFailure) {
+    std::cerr << "ipapp-check: " << Printable(ipapp::check::FailureMessage(report)) << "\n";
   }
-  if (!report.finish_failure.empty()) {
-    std::cerr << "ipapp-check: " << Printable(report.finish_failure) << "\n";
-    return kPluginFailure;
-  }
-  return report.accepted() ? kAccepted : kRefused;
+  return exit;
 }
 
 // Descriptors 0, 1 and 2 closed at the start would be handed out by the next
