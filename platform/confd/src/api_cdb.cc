@@ -42,6 +42,7 @@ int cdb_start_session(int sock, enum cdb_db_type db) {
         info.session = true;
         info.tree = &txn->running();
         info.serial = txn->NextSerialLocked();
+        ipapp::store::CdbSocketsChangedLocked();
       }
     }
   }
@@ -62,6 +63,7 @@ int cdb_end_session(int sock) {
       ended = info.session;
       info.session = false;
       info.tree = nullptr;
+      ipapp::store::CdbSocketsChangedLocked();
     }
   }
   if (!txn) {
@@ -77,24 +79,24 @@ int cdb_end_session(int sock) {
 
 int cdb_num_instances(int sock, const char *fmt, ...) {
   Call call("cdb_num_instances");
-  IPAPP_FORMAT_PATH(call, fmt);
+  IPAPP_CDB_PATH(call, sock, fmt);
   Target t;
-  if (!call.Cdb(sock) || !call.List(&t)) return CONFD_ERR;
+  if (!call.ok() || !call.List(&t)) return CONFD_ERR;
   return call.Done(t.list ? static_cast<int>(t.list->entries.size()) : 0);
 }
 
 int cdb_exists(int sock, const char *fmt, ...) {
   Call call("cdb_exists");
-  IPAPP_FORMAT_PATH(call, fmt);
-  if (!call.Cdb(sock) || !call.Parse()) return CONFD_ERR;
+  IPAPP_CDB_PATH(call, sock, fmt);
+  if (!call.ok() || !call.Parse()) return CONFD_ERR;
   Target t = Resolve(call.tree(), call.parsed());
   return call.Done(t.present ? 1 : 0);
 }
 
 int cdb_get(int sock, confd_value_t *v, const char *fmt, ...) {
   Call call("cdb_get");
-  IPAPP_FORMAT_PATH(call, fmt);
-  if (!call.Cdb(sock)) return CONFD_ERR;
+  IPAPP_CDB_PATH(call, sock, fmt);
+  if (!call.ok()) return CONFD_ERR;
   const DNode *leaf = call.Leaf();
   if (leaf == nullptr) return CONFD_ERR;
   if (v == nullptr) return call.Fail(CONFD_ERR_PROTOUSAGE, "null value pointer");
@@ -105,23 +107,23 @@ int cdb_get(int sock, confd_value_t *v, const char *fmt, ...) {
 
 int cdb_get_int32(int sock, int32_t *rval, const char *fmt, ...) {
   Call call("cdb_get_int32");
-  IPAPP_FORMAT_PATH(call, fmt);
-  if (!call.Cdb(sock)) return CONFD_ERR;
+  IPAPP_CDB_PATH(call, sock, fmt);
+  if (!call.ok()) return CONFD_ERR;
   return call.ReadTyped<int32_t>(C_INT32, rval, [](const confd_value_t &v) { return v.val.i32; });
 }
 
 int cdb_get_u_int32(int sock, u_int32_t *rval, const char *fmt, ...) {
   Call call("cdb_get_u_int32");
-  IPAPP_FORMAT_PATH(call, fmt);
-  if (!call.Cdb(sock)) return CONFD_ERR;
+  IPAPP_CDB_PATH(call, sock, fmt);
+  if (!call.ok()) return CONFD_ERR;
   return call.ReadTyped<u_int32_t>(C_UINT32, rval,
                                    [](const confd_value_t &v) { return v.val.u32; });
 }
 
 int cdb_get_str(int sock, char *rval, int n, const char *fmt, ...) {
   Call call("cdb_get_str");
-  IPAPP_FORMAT_PATH(call, fmt);
-  if (!call.Cdb(sock)) return CONFD_ERR;
+  IPAPP_CDB_PATH(call, sock, fmt);
+  if (!call.ok()) return CONFD_ERR;
   const DNode *leaf = call.Leaf();
   if (leaf == nullptr) return CONFD_ERR;
   if (leaf->value.type != C_BUF) return call.WrongType(*leaf, C_BUF);
@@ -139,8 +141,8 @@ int cdb_get_str(int sock, char *rval, int n, const char *fmt, ...) {
 
 int cdb_get_ipv4_and_plen(int sock, struct confd_ipv4_prefix *rval, const char *fmt, ...) {
   Call call("cdb_get_ipv4_and_plen");
-  IPAPP_FORMAT_PATH(call, fmt);
-  if (!call.Cdb(sock)) return CONFD_ERR;
+  IPAPP_CDB_PATH(call, sock, fmt);
+  if (!call.ok()) return CONFD_ERR;
   return call.ReadTyped<confd_ipv4_prefix>(C_IPV4_AND_PLEN, rval,
                                            [](const confd_value_t &v) { return v.val.ipv4prefix; });
 }

@@ -18,24 +18,24 @@ using ipapp::store::Target;
 
 int maapi_exists(int sock, int thandle, const char *fmt, ...) {
   Call call("maapi_exists");
-  IPAPP_FORMAT_PATH(call, fmt);
-  if (!call.Maapi(sock, thandle) || !call.Parse()) return CONFD_ERR;
+  IPAPP_MAAPI_PATH(call, sock, thandle, fmt);
+  if (!call.ok() || !call.Parse()) return CONFD_ERR;
   Target t = Resolve(call.tree(), call.parsed());
   return call.Done(t.present ? 1 : 0);
 }
 
 int maapi_num_instances(int sock, int thandle, const char *fmt, ...) {
   Call call("maapi_num_instances");
-  IPAPP_FORMAT_PATH(call, fmt);
+  IPAPP_MAAPI_PATH(call, sock, thandle, fmt);
   Target t;
-  if (!call.Maapi(sock, thandle) || !call.List(&t)) return CONFD_ERR;
+  if (!call.ok() || !call.List(&t)) return CONFD_ERR;
   return call.Done(t.list ? static_cast<int>(t.list->entries.size()) : 0);
 }
 
 int maapi_get_elem(int sock, int thandle, confd_value_t *v, const char *fmt, ...) {
   Call call("maapi_get_elem");
-  IPAPP_FORMAT_PATH(call, fmt);
-  if (!call.Maapi(sock, thandle)) return CONFD_ERR;
+  IPAPP_MAAPI_PATH(call, sock, thandle, fmt);
+  if (!call.ok()) return CONFD_ERR;
   const DNode *leaf = call.Leaf();
   if (leaf == nullptr) return CONFD_ERR;
   if (v == nullptr) return call.Fail(CONFD_ERR_PROTOUSAGE, "null value pointer");
@@ -46,15 +46,15 @@ int maapi_get_elem(int sock, int thandle, confd_value_t *v, const char *fmt, ...
 
 int maapi_get_int32_elem(int sock, int thandle, int32_t *rval, const char *fmt, ...) {
   Call call("maapi_get_int32_elem");
-  IPAPP_FORMAT_PATH(call, fmt);
-  if (!call.Maapi(sock, thandle)) return CONFD_ERR;
+  IPAPP_MAAPI_PATH(call, sock, thandle, fmt);
+  if (!call.ok()) return CONFD_ERR;
   return call.ReadTyped<int32_t>(C_INT32, rval, [](const confd_value_t &v) { return v.val.i32; });
 }
 
 int maapi_get_u_int32_elem(int sock, int thandle, u_int32_t *rval, const char *fmt, ...) {
   Call call("maapi_get_u_int32_elem");
-  IPAPP_FORMAT_PATH(call, fmt);
-  if (!call.Maapi(sock, thandle)) return CONFD_ERR;
+  IPAPP_MAAPI_PATH(call, sock, thandle, fmt);
+  if (!call.ok()) return CONFD_ERR;
   return call.ReadTyped<u_int32_t>(C_UINT32, rval,
                                    [](const confd_value_t &v) { return v.val.u32; });
 }
@@ -62,8 +62,8 @@ int maapi_get_u_int32_elem(int sock, int thandle, u_int32_t *rval, const char *f
 int maapi_get_ipv4_and_plen_elem(int sock, int thandle, struct confd_ipv4_prefix *rval,
                                  const char *fmt, ...) {
   Call call("maapi_get_ipv4_and_plen_elem");
-  IPAPP_FORMAT_PATH(call, fmt);
-  if (!call.Maapi(sock, thandle)) return CONFD_ERR;
+  IPAPP_MAAPI_PATH(call, sock, thandle, fmt);
+  if (!call.ok()) return CONFD_ERR;
   return call.ReadTyped<confd_ipv4_prefix>(C_IPV4_AND_PLEN, rval,
                                            [](const confd_value_t &v) { return v.val.ipv4prefix; });
 }
@@ -71,17 +71,17 @@ int maapi_get_ipv4_and_plen_elem(int sock, int thandle, struct confd_ipv4_prefix
 int maapi_get_ipv6_and_plen_elem(int sock, int thandle, struct confd_ipv6_prefix *rval,
                                  const char *fmt, ...) {
   Call call("maapi_get_ipv6_and_plen_elem");
-  IPAPP_FORMAT_PATH(call, fmt);
-  if (!call.Maapi(sock, thandle)) return CONFD_ERR;
+  IPAPP_MAAPI_PATH(call, sock, thandle, fmt);
+  if (!call.ok()) return CONFD_ERR;
   return call.ReadTyped<confd_ipv6_prefix>(C_IPV6_AND_PLEN, rval,
                                            [](const confd_value_t &v) { return v.val.ipv6prefix; });
 }
 
 int maapi_init_cursor(int sock, int thandle, struct maapi_cursor *mc, const char *fmt, ...) {
   Call call("maapi_init_cursor");
-  IPAPP_FORMAT_PATH(call, fmt);
+  IPAPP_MAAPI_PATH(call, sock, thandle, fmt);
   Target t;
-  if (!call.Maapi(sock, thandle) || !call.List(&t)) return CONFD_ERR;
+  if (!call.ok() || !call.List(&t)) return CONFD_ERR;
   if (mc == nullptr) return call.Fail(CONFD_ERR_PROTOUSAGE, "null cursor");
   std::memset(mc, 0, sizeof *mc);
   mc->path = strdup(std::string(call.path()).c_str());

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <new>
 
+#include "path_format.h"
 #include "values.h"
 
 namespace ipapp::store {
@@ -35,9 +36,10 @@ void AppendPathValue(const confd_value_t *v, bool in_keys, std::string *out) {
 
 // Appends the argument of the modifier at m (after its '%' and '*', if
 // star) to out; returns where the format goes on, or null for a modifier
-// the store does not know (nothing taken from args).
-const char *AppendArgument(const char *m, bool star, bool in_keys, va_list *args,
-                           std::string *out) {
+// the store does not know (nothing taken from args). *number receives the
+// argument of %d, %i and %u.
+const char *AppendArgument(const char *m, bool star, bool in_keys, va_list *args, std::string *out,
+                           int64_t *number) {
   if (*m == 'i' && m[1] == 'p' && (m[2] == '4' || m[2] == '6') && !star) {
     char buf[INET6_ADDRSTRLEN];
     const void *addr = m[2] == '4' ? static_cast<const void *>(va_arg(*args, const in_addr *))
@@ -51,9 +53,13 @@ const char *AppendArgument(const char *m, bool star, bool in_keys, va_list *args
     const char *s = va_arg(*args, const char *);
     out->append(s ? s : "(null)");
   } else if ((*m == 'd' || *m == 'i') && !star) {
-    AppendNumber(va_arg(*args, int), out);
+    const int v = va_arg(*args, int);
+    *number = v;
+    AppendNumber(v, out);
   } else if (*m == 'u' && !star) {
-    AppendNumber(va_arg(*args, unsigned int), out);
+    const unsigned int v = va_arg(*args, unsigned int);
+    *number = v;
+    AppendNumber(v, out);
   } else if (*m == '%' && !star) {
     out->push_back('%');
   } else if (*m == 'x') {
@@ -73,30 +79,22 @@ const char *AppendArgument(const char *m, bool star, bool in_keys, va_list *args
   return m + 1;
 }
 
-}  // namespace
-
-void Call::FormatPath(const char *fmt, va_list ap) {
-  format_error_.clear();
-  if (fmt == nullptr) {
-    path_ = {};
-    return;
-  }
-  // The two common shapes: a literal path and "%s".
-  const char *pct = std::strchr(fmt, '%');
-  if (pct == nullptr) {
-    path_ = fmt;
-    return;
-  }
-  if (pct == fmt && fmt[1] == 's' && fmt[2] == '\0') {
-    const char *s = va_arg(ap, const char *);
-    path_ = s ? s : "(null)";
-    return;
-  }
+// Formats fmt, whose first '%' is at pct, into *out (cleared first); false
+// with *error for a modifier the store does not know. With record, also
+// records the format and its arguments there when it holds plain modifiers
+// only (record->valid stays false: the path has yet to parse).
+bool FormatInto(const char *fmt, const char *pct, va_list ap, std::string *out, std::string *error,
+                PathFormat *record) {
   // ap is a parameter: only a copy of it can be handed on by address.
   va_list args;
   va_copy(args, ap);
-  std::string &out = formatted_;
-  out.clear();
+  out->clear();
+  bool plain = record != nullptr;
+  if (plain) {
+    record->valid = false;
+    record->nargs = 0;
+    record->strs.clear();
+  }
   bool in_keys = false;  // between a literal '{' and '}'
   const char *p = fmt;
   while (pct != nullptr) {
@@ -104,32 +102,174 @@ void Call::FormatPath(const char *fmt, va_list ap) {
       if (*c == '{') in_keys = true;
       if (*c == '}') in_keys = false;
     }
-    out.append(p, pct);
+    out->append(p, pct);
     const bool star = pct[1] == '*';
     const char *m = pct + (star ? 2 : 1);
-    p = AppendArgument(m, star, in_keys, &args, &out);
+    const size_t at = out->size();
+    int64_t number = 0;
+    p = AppendArgument(m, star, in_keys, &args, out, &number);
     if (p == nullptr) {
       // Nothing after the unknown modifier can be trusted to line up with
       // the arguments: the path is the format itself.
-      format_error_ = "unsupported modifier \"" + std::string(pct, *m ? m + 1 : m) +
-                      "\" in format \"" + fmt + "\"";
-      path_ = fmt;
+      *error = "unsupported modifier \"" + std::string(pct, *m ? m + 1 : m) + "\" in format \"" +
+               fmt + "\"";
       va_end(args);
-      return;
+      return false;
+    }
+    if (plain && !star && (*m == 's' || *m == 'd' || *m == 'i' || *m == 'u')) {
+      if (record->nargs == PathFormat::kMaxArgs) {
+        plain = false;
+      } else {
+        PathFormat::Arg &arg = record->args[record->nargs++];
+        arg.kind = *m == 'i' ? 'd' : *m;
+        arg.number = number;
+        arg.at = static_cast<uint32_t>(at);
+        arg.len = static_cast<uint32_t>(out->size() - at);
+        if (*m == 's') {
+          arg.str_at = static_cast<uint32_t>(record->strs.size());
+          arg.str_len = arg.len;
+          record->strs.append(*out, at, arg.len);
+        }
+      }
+    } else if (star || *m != '%') {
+      plain = false;
     }
     pct = std::strchr(p, '%');
   }
   va_end(args);
-  out.append(p);
-  path_ = out;
+  out->append(p);
+  if (plain) {
+    record->fmt.assign(fmt);
+  } else if (record != nullptr) {
+    record->nargs = -1;
+  }
+  return true;
+}
+
+// The two common shapes: a literal path and "%s", taken as they stand;
+// false for any other format (pct: its first '%').
+bool TakePathAsIs(const char *fmt, va_list ap, const char **pct, std::string_view *path) {
+  if (fmt == nullptr) {
+    *path = {};
+    return true;
+  }
+  *pct = std::strchr(fmt, '%');
+  if (*pct == nullptr) {
+    *path = fmt;
+    return true;
+  }
+  if (*pct == fmt && fmt[1] == 's' && fmt[2] == '\0') {
+    va_list args;
+    va_copy(args, ap);
+    const char *s = va_arg(args, const char *);
+    va_end(args);
+    *path = s ? s : "(null)";
+    return true;
+  }
+  return false;
+}
+
+}  // namespace
+
+void Call::FormatPath(const char *fmt, va_list ap) {
+  format_error_.clear();
+  const char *pct = nullptr;
+  if (TakePathAsIs(fmt, ap, &pct, &path_)) return;
+  path_ = FormatInto(fmt, pct, ap, &formatted_, &format_error_, nullptr)
+              ? std::string_view(formatted_)
+              : std::string_view(fmt);
+}
+
+void Call::FormatWithMemo(const char *fmt, va_list ap) {
+  const char *pct = nullptr;
+  if (TakePathAsIs(fmt, ap, &pct, &path_)) return;
+  Txn::PathMemo &memo = txn_->path_memo(cdb_);
+  PathFormat &f = memo.format;
+  // The same format text with the same "%s" texts as the memo's: its path
+  // again, or with one number changed.
+  if (f.valid && memo.parsed.memo_schema == txn_->schema().serial() &&
+      memo.parsed.unescaped.empty() && std::strlen(fmt) == f.fmt.size() &&
+      std::memcmp(fmt, f.fmt.data(), f.fmt.size()) == 0) {
+    va_list args;
+    va_copy(args, ap);
+    bool same = true;
+    int changed = -1;
+    int64_t number = 0;
+    for (int i = 0; i < f.nargs && same; ++i) {
+      const PathFormat::Arg &arg = f.args[i];
+      if (arg.kind == 's') {
+        const char *s = va_arg(args, const char *);
+        same = s != nullptr && std::strlen(s) == arg.str_len &&
+               std::memcmp(s, f.strs.data() + arg.str_at, arg.str_len) == 0;
+        continue;
+      }
+      const int64_t v =
+          arg.kind == 'u' ? int64_t{va_arg(args, unsigned int)} : int64_t{va_arg(args, int)};
+      if (v == arg.number) continue;
+      if (changed >= 0) same = false;  // two numbers changed: formatted afresh
+      changed = i;
+      number = v;
+    }
+    va_end(args);
+    const Applied applied = !same         ? Applied::kNo
+                            : changed < 0 ? Applied::kYes
+                                          : ApplyNumber(memo, changed, number);
+    if (applied != Applied::kNo) {
+      path_ = memo.text;
+      // kTextOnly: the text changed in place, its parse did not follow.
+      parsed_already_ = applied == Applied::kYes;
+      return;
+    }
+  }
+  if (!FormatInto(fmt, pct, ap, &memo.scratch, &format_error_, &f)) {
+    path_ = fmt;
+    return;
+  }
+  path_ = memo.scratch;
+  recorded_format_ = f.nargs >= 0;
+}
+
+Call::Applied Call::ApplyNumber(Txn::PathMemo &memo, int arg, int64_t number) {
+  PathFormat &f = memo.format;
+  PathFormat::Arg &a = f.args[arg];
+  ParsedPath &p = memo.parsed;
+  // The element whose keys or index hold the number; those after it must
+  // hold no key texts (they would point into the old text).
+  int k = 0;
+  while (k < p.n && p.e[k].end <= a.at) ++k;
+  if (k == p.n || p.e[k].sel == PathElem::kNone || p.e[k].sel_at >= a.at ||
+      a.at + a.len >= p.e[k].end) {
+    return Applied::kNo;
+  }
+  for (int j = k + 1; j < p.n; ++j) {
+    if (p.e[j].sel == PathElem::kKeys) return Applied::kNo;
+  }
+  char digits[24];
+  const char *end =
+      a.kind == 'u'
+          ? std::to_chars(digits, digits + sizeof digits, static_cast<unsigned int>(number)).ptr
+          : std::to_chars(digits, digits + sizeof digits, static_cast<int>(number)).ptr;
+  const size_t len = static_cast<size_t>(end - digits);
+  // Key texts before the number point into the text: it must not move.
+  if (memo.text.size() - a.len + len > memo.text.capacity()) return Applied::kNo;
+  memo.text.replace(a.at, a.len, digits, len);
+  const std::ptrdiff_t delta =
+      static_cast<std::ptrdiff_t>(len) - static_cast<std::ptrdiff_t>(a.len);
+  a.number = number;
+  a.len = static_cast<uint32_t>(len);
+  for (int j = arg + 1; j < f.nargs; ++j)
+    f.args[j].at = static_cast<uint32_t>(f.args[j].at + delta);
+  if (!ReparseSelector(memo.text, k, delta, &p, cdb_)) {
+    f.valid = false;
+    return Applied::kTextOnly;
+  }
+  return Applied::kYes;
 }
 
 bool Call::Maapi(int sock, int thandle) {
-  {
-    std::lock_guard<std::mutex> lock(StoreMutex());
-    txn_ = FindTxnLocked(thandle);
-  }
-  if (!txn_) {
+  hold_ = LookUpTxn(thandle);
+  txn_ = hold_.get();
+  if (txn_ == nullptr) {
     SetLastError(CONFD_ERR_NOSESSION,
                  std::string(name_) + ": no transaction with handle " + std::to_string(thandle));
     return false;
@@ -145,33 +285,49 @@ bool Call::Maapi(int sock, int thandle) {
   return true;
 }
 
-bool Call::Cdb(int sock) {
-  bool session = false;
-  {
-    std::lock_guard<std::mutex> lock(StoreMutex());
-    txn_ = FindCdbSocketLocked(sock);
-    if (txn_) {
-      const CdbSocket &info = txn_->cdb_sockets.at(sock);
-      session = info.session;
-      tree_ = info.tree;
-    }
+void Call::Maapi(int sock, int thandle, const char *fmt, va_list ap) {
+  txn_ = LookUpTxn(thandle).get();
+  if (txn_ == nullptr) {
+    SetLastError(CONFD_ERR_NOSESSION,
+                 std::string(name_) + ": no transaction with handle " + std::to_string(thandle));
+    return;
   }
-  if (!txn_) {
+  SetCurrentTxn(thandle);
+  if (txn_->maapi_socket() != sock) {
+    FormatPath(fmt, ap);
+    Fail(CONFD_ERR_NOSESSION, "socket " + std::to_string(sock) +
+                                  " is not the MAAPI socket of transaction " +
+                                  std::to_string(thandle));
+    return;
+  }
+  tree_ = &txn_->candidate();
+  FormatWithMemo(fmt, ap);
+  ok_ = true;
+}
+
+void Call::Cdb(int sock, const char *fmt, va_list ap) {
+  const DataTree *tree = nullptr;
+  txn_ = LookUpCdbSocket(sock, &tree).get();
+  if (txn_ == nullptr) {
     SetLastError(CONFD_ERR_NOSESSION,
                  std::string(name_) + ": socket " + std::to_string(sock) + " is not a CDB socket");
-    return false;
+    return;
   }
   SetCurrentTxn(txn_->thandle());
-  if (!session) {
+  if (tree == nullptr) {
+    FormatPath(fmt, ap);
     Fail(CONFD_ERR_PROTOUSAGE, "no CDB session started on socket " + std::to_string(sock));
-    return false;
+    return;
   }
+  tree_ = tree;
   cdb_ = true;
-  return true;
+  FormatWithMemo(fmt, ap);
+  ok_ = true;
 }
 
 void Call::Use(std::shared_ptr<Txn> txn) {
-  txn_ = std::move(txn);
+  hold_ = std::move(txn);
+  txn_ = hold_.get();
   tree_ = &txn_->candidate();
   SetCurrentTxn(txn_->thandle());
 }
@@ -179,15 +335,21 @@ void Call::Use(std::shared_ptr<Txn> txn) {
 bool Call::Parse() {
   Txn::PathMemo &mine = txn_->path_memo(cdb_);
   parsed_ = &mine.parsed;
+  if (parsed_already_) return true;
   if (!format_error_.empty()) {
     Fail(CONFD_ERR_BADPATH, "bad path: " + format_error_);
     return false;
   }
   std::string why;
-  if (!ParsePathAgain(txn_->schema(), path_, parsed_, &mine.text, &why, cdb_)) {
+  const bool ok = ParsePathAgain(txn_->schema(), path_, parsed_, &mine.text, &why, cdb_);
+  // The memo's format describes the memo's text only when this call
+  // formatted it.
+  mine.format.valid = ok && recorded_format_;
+  if (!ok) {
     Fail(CONFD_ERR_BADPATH, "bad path: " + why);
     return false;
   }
+  parsed_already_ = true;
   return true;
 }
 
@@ -228,7 +390,7 @@ int Call::Done(int result, std::string_view detail) {
 }
 
 int Call::DoneWithDup(int result, void *dup, std::string_view detail) {
-  if (!txn_) return result;
+  if (txn_ == nullptr) return result;
   const bool record = txn_->recording_trace();
   if (dup == nullptr && !record) return result;
   std::lock_guard<std::mutex> lock(StoreMutex());

@@ -19,7 +19,8 @@ class Call {
 
   /// Formats the path with the modifiers confd_lib_cdb(3) lists under PATHS:
   /// %s %d %i %u %x %*x %h %*h %ip4 %ip6 and %%. Any other modifier makes
-  /// the call fail with CONFD_ERR_BADPATH when it parses the path.
+  /// the call fail with CONFD_ERR_BADPATH when it parses the path. The path
+  /// is the call's own: for calls that call back into their caller.
   void FormatPath(const char *fmt, va_list ap);
   /// The path, valid while the call lasts: "%s" and literal paths are the
   /// caller's own text, not copied.
@@ -27,10 +28,18 @@ class Call {
   /// Why the path could not be formatted; empty when it was.
   const std::string &format_error() const { return format_error_; }
 
-  /// Finds the transaction of a MAAPI socket and transaction handle.
+  /// Finds the transaction of a MAAPI socket and transaction handle and
+  /// holds a reference to it while the call lasts (path formatted before).
   bool Maapi(int sock, int thandle);
-  /// Finds the transaction of a CDB socket with a session started.
-  bool Cdb(int sock);
+  /// The same for a call that calls nothing outside the store: finds the
+  /// transaction, then formats the path (with the transaction's memo of
+  /// the last format, see PathFormat). Sets ok().
+  void Maapi(int sock, int thandle, const char *fmt, va_list ap);
+  /// Finds the transaction of a CDB socket with a session started, then
+  /// formats the path as Maapi does. Sets ok().
+  void Cdb(int sock, const char *fmt, va_list ap);
+  /// Whether Maapi or Cdb found the transaction (false: the error is set).
+  bool ok() const { return ok_; }
   /// Uses a transaction found otherwise.
   void Use(std::shared_ptr<Txn> txn);
   Txn &txn() { return *txn_; }
@@ -60,7 +69,7 @@ class Call {
 
   /// Whether the transaction records this call: callers that build a
   /// detail text of their own build it only then.
-  bool tracing() const { return txn_ && txn_->recording_trace(); }
+  bool tracing() const { return txn_ != nullptr && txn_->recording_trace(); }
   /// Records the call (when the transaction records calls) and returns
   /// result. Never throws once detail exists: whatever a call registered
   /// before stays registered and handed out.
@@ -73,14 +82,27 @@ class Call {
   int Fail(int err, const std::string &why);
 
  private:
+  /// Formats the path into the transaction's memo, or takes it from the
+  /// memo when only one number of the last format changed.
+  void FormatWithMemo(const char *fmt, va_list ap);
+  /// Applies a changed %d or %u argument to the memo's text and parse:
+  /// kNo when it cannot (nothing changed), kTextOnly when the text changed
+  /// and its parse must be made afresh.
+  enum class Applied { kNo, kYes, kTextOnly };
+  Applied ApplyNumber(Txn::PathMemo &memo, int arg, int64_t number);
+
   const char *name_;
-  std::string formatted_;  ///< the text of a formatted path
+  std::string formatted_;  ///< the text of a path formatted by FormatPath
   std::string_view path_;
   std::string format_error_;
-  std::shared_ptr<Txn> txn_;
+  std::shared_ptr<Txn> hold_;  ///< a reference of the call's own, if it needs one
+  Txn *txn_ = nullptr;
   const DataTree *tree_ = nullptr;
   ParsedPath *parsed_ = nullptr;
   bool cdb_ = false;
+  bool ok_ = false;
+  bool parsed_already_ = false;   ///< the memo's parse is path()'s
+  bool recorded_format_ = false;  ///< the memo's format describes path()
 };
 
 /// Formats the printf-style path of a variadic API function into call.
@@ -90,6 +112,25 @@ class Call {
     va_start(ap_, fmt);              \
     (call).FormatPath(fmt, ap_);     \
     va_end(ap_);                     \
+  } while (0)
+
+/// Finds the transaction of a variadic MAAPI function and formats its path
+/// into call; call.ok() tells whether it was found.
+#define IPAPP_MAAPI_PATH(call, sock, thandle, fmt) \
+  do {                                             \
+    va_list ap_;                                   \
+    va_start(ap_, fmt);                            \
+    (call).Maapi(sock, thandle, fmt, ap_);         \
+    va_end(ap_);                                   \
+  } while (0)
+
+/// The same for a variadic CDB function.
+#define IPAPP_CDB_PATH(call, sock, fmt) \
+  do {                                  \
+    va_list ap_;                        \
+    va_start(ap_, fmt);                 \
+    (call).Cdb(sock, fmt, ap_);         \
+    va_end(ap_);                        \
   } while (0)
 
 /// Copies a read value for the caller: buffers (C_BUF, C_BINARY, C_HEXSTR,

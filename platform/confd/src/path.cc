@@ -422,6 +422,26 @@ bool ParsePathAgain(const SchemaIndex &schema, std::string_view path, ParsedPath
   return true;
 }
 
+bool ReparseSelector(std::string_view path, int k, std::ptrdiff_t delta, ParsedPath *out,
+                     bool allow_index) {
+  const int n = out->n;
+  const size_t new_end = out->e[k].end + delta;
+  size_t i = out->e[k].sel_at;
+  std::string error;
+  out->n = k;
+  out->res_n = std::min(out->res_n, k);
+  if (!ParseSelector(path, out->e[k].s, &i, out, &error, allow_index) || i != new_end) {
+    out->memo_schema = 0;
+    return false;
+  }
+  for (int j = k + 1; j < n; ++j) {
+    out->e[j].sel_at += delta;
+    out->e[j].end += delta;
+  }
+  out->n = n;
+  return true;
+}
+
 Target Resolve(const DataTree &tree, const ParsedPath &path) {
   Target t;
   const DNode *cur = &tree.root();

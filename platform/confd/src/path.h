@@ -6,6 +6,7 @@
 
 #include <confd_lib.h>
 
+#include <cstddef>
 #include <deque>
 #include <string>
 #include <string_view>
@@ -78,6 +79,15 @@ bool ParsePath(const SchemaIndex &schema, std::string_view path, bool schema_pat
 /// *out must have been parsed with the same allow_index each time.
 bool ParsePathAgain(const SchemaIndex &schema, std::string_view path, ParsedPath *out,
                     std::string *text, std::string *error, bool allow_index);
+
+/// Element k's keys or index, whose text in path changed in place (the
+/// text before them is the same, the text after them the same but moved by
+/// delta), parsed again; the later elements' offsets move with them, and
+/// Resolve's memo keeps the elements before k only. The later elements
+/// must hold no key texts (those point into the old text). False, with out
+/// to be parsed afresh, when they no longer parse or end elsewhere.
+bool ReparseSelector(std::string_view path, int k, std::ptrdiff_t delta, ParsedPath *out,
+                     bool allow_index);
 
 /// Where a data path leads in one tree.
 struct Target {

@@ -1,6 +1,7 @@
 #include "store.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 
@@ -35,6 +36,28 @@ Registry &Reg() {
 // failure, are all that can answer them.
 thread_local int current_thandle = 0;
 thread_local std::string last_error;
+
+// Bumped (with the store lock held) when a lookup a thread cached may have
+// gone stale: a transaction ended (both), a CDB socket closed or a session
+// on it started or ended (sockets). Handles and sockets are never reused,
+// so a new one needs no bump: it is simply not cached yet.
+std::atomic<uint64_t> txns_changed{1};
+std::atomic<uint64_t> sockets_changed{1};
+
+// The last transaction each kind of lookup found on this thread. The
+// references keep the transactions alive while a call of the thread uses
+// them, whatever other threads end meanwhile.
+struct LookUpCache {
+  uint64_t txns_seen = 0;  // 0: nothing cached
+  int thandle = 0;
+  std::shared_ptr<Txn> txn;
+  uint64_t sockets_seen = 0;
+  int sock = -1;
+  std::shared_ptr<Txn> sock_txn;
+  const DataTree *tree = nullptr;
+};
+thread_local LookUpCache lookups;
+const std::shared_ptr<Txn> kNoTxn;
 
 }  // namespace
 
@@ -213,6 +236,12 @@ std::shared_ptr<Txn> CreateTxn(std::shared_ptr<const SchemaIndex> schema,
 
 void EndTxn(int thandle) {
   std::shared_ptr<Txn> txn;
+  // This thread's cached references go before the last one is dropped, so
+  // that the transaction ends here, as with no cache.
+  std::shared_ptr<Txn> cached = std::move(lookups.txn);
+  std::shared_ptr<Txn> cached_sock = std::move(lookups.sock_txn);
+  lookups.txns_seen = 0;
+  lookups.sockets_seen = 0;
   {
     std::lock_guard<std::mutex> lock(StoreMutex());
     Registry &reg = Reg();
@@ -228,6 +257,8 @@ void EndTxn(int thandle) {
     for (const auto &[p, item] : txn->dups) reg.dup_owner.erase(p);
     txn->cdb_sockets.clear();
     txn->cursors.clear();
+    txns_changed.fetch_add(1, std::memory_order_release);
+    sockets_changed.fetch_add(1, std::memory_order_release);
   }
   // The last reference frees the trees and the duplicated buffers.
 }
@@ -247,6 +278,48 @@ std::shared_ptr<Txn> FindCdbSocketLocked(int sock) {
   Registry &reg = Reg();
   auto it = reg.cdb_socket_owner.find(sock);
   return it == reg.cdb_socket_owner.end() ? nullptr : FindTxnLocked(it->second);
+}
+
+const std::shared_ptr<Txn> &LookUpTxn(int thandle) {
+  LookUpCache &c = lookups;
+  if (c.txns_seen == txns_changed.load(std::memory_order_acquire) && c.thandle == thandle) {
+    return c.txn;
+  }
+  // Dropped once the lock is released: it may be an ended transaction's
+  // last reference.
+  std::shared_ptr<Txn> stale = std::move(c.txn);
+  c.txns_seen = 0;
+  std::lock_guard<std::mutex> lock(StoreMutex());
+  std::shared_ptr<Txn> txn = FindTxnLocked(thandle);
+  if (!txn) return kNoTxn;
+  c.txns_seen = txns_changed.load(std::memory_order_relaxed);
+  c.thandle = thandle;
+  c.txn = std::move(txn);
+  return c.txn;
+}
+
+const std::shared_ptr<Txn> &LookUpCdbSocket(int sock, const DataTree **tree) {
+  LookUpCache &c = lookups;
+  if (c.sockets_seen == sockets_changed.load(std::memory_order_acquire) && c.sock == sock) {
+    *tree = c.tree;
+    return c.sock_txn;
+  }
+  std::shared_ptr<Txn> stale = std::move(c.sock_txn);
+  c.sockets_seen = 0;
+  std::lock_guard<std::mutex> lock(StoreMutex());
+  std::shared_ptr<Txn> txn = FindCdbSocketLocked(sock);
+  if (!txn) return kNoTxn;
+  const CdbSocket &info = txn->cdb_sockets.at(sock);
+  c.sockets_seen = sockets_changed.load(std::memory_order_relaxed);
+  c.sock = sock;
+  c.tree = info.session ? info.tree : nullptr;
+  c.sock_txn = std::move(txn);
+  *tree = c.tree;
+  return c.sock_txn;
+}
+
+void CdbSocketsChangedLocked() {
+  sockets_changed.fetch_add(1, std::memory_order_release);
 }
 
 std::shared_ptr<Txn> FindCursorLocked(uint64_t id) {
@@ -309,6 +382,7 @@ void CloseCdbSocket(int sock) noexcept {
   std::shared_ptr<Txn> txn = FindCdbSocketLocked(sock);
   Reg().cdb_socket_owner.erase(sock);
   if (txn) txn->cdb_sockets.erase(sock);
+  CdbSocketsChangedLocked();
 }
 
 void SetCurrentTxn(int thandle) {

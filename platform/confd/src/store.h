@@ -24,6 +24,7 @@
 
 #include "data_tree.h"
 #include "path.h"
+#include "path_format.h"
 #include "schema_index.h"
 
 namespace ipapp::store {
@@ -127,9 +128,16 @@ class Txn {
   /// after entry of one list). MAAPI and CDB paths parse apart ("[N]" is
   /// CDB's). Like the transaction, a memo serves one caller at a time.
   struct PathMemo {
-    PathMemo() { text.reserve(256); }
+    PathMemo() {
+      text.reserve(256);
+      scratch.reserve(256);
+    }
     ParsedPath parsed;
     std::string text;
+    /// How text was formatted, when it was, from a format of plain
+    /// modifiers and parsed without fault (see Call::FormatPath).
+    PathFormat format;
+    std::string scratch;  ///< a path being formatted
   };
   PathMemo &path_memo(bool cdb) { return path_memo_[cdb ? 1 : 0]; }
 
@@ -178,6 +186,18 @@ std::shared_ptr<Txn> FindTxn(int thandle);
 std::shared_ptr<Txn> FindTxnLocked(int thandle);
 std::shared_ptr<Txn> FindCdbSocketLocked(int sock);
 std::shared_ptr<Txn> FindCursorLocked(uint64_t id);
+
+/// The transaction of a MAAPI transaction handle, or of a CDB socket with
+/// its session's tree (null without a session), for one call of this
+/// thread: the pointer stays valid until the thread's next lookup (the
+/// thread keeps a reference to the last transaction it found, so that
+/// repeated calls take neither the store lock nor a reference of their
+/// own). Null for an unknown handle or socket.
+const std::shared_ptr<Txn> &LookUpTxn(int thandle);
+const std::shared_ptr<Txn> &LookUpCdbSocket(int sock, const DataTree **tree);
+/// Marks every CDB socket lookup cached by a thread as stale; with the
+/// store lock held, whenever a session starts or ends or a socket closes.
+void CdbSocketsChangedLocked();
 uint64_t NewCursorIdLocked(int thandle);
 void ForgetCursorLocked(uint64_t id);
 /// Registers what a read allocated for its caller (call and path, interned
