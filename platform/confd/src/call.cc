@@ -252,14 +252,19 @@ Call::Applied Call::ApplyNumber(Txn::PathMemo &memo, int arg, int64_t number) {
   const size_t len = static_cast<size_t>(end - digits);
   // Key texts before the number point into the text: it must not move.
   if (memo.text.size() - a.len + len > memo.text.capacity()) return Applied::kNo;
-  memo.text.replace(a.at, a.len, digits, len);
+  if (len == a.len) {
+    std::memcpy(memo.text.data() + a.at, digits, len);
+  } else {
+    memo.text.replace(a.at, a.len, digits, len);
+  }
   const std::ptrdiff_t delta =
       static_cast<std::ptrdiff_t>(len) - static_cast<std::ptrdiff_t>(a.len);
   a.number = number;
   a.len = static_cast<uint32_t>(len);
   for (int j = arg + 1; j < f.nargs; ++j)
     f.args[j].at = static_cast<uint32_t>(f.args[j].at + delta);
-  if (!ReparseSelector(memo.text, k, delta, &p, cdb_)) {
+  if (!ReplaceNumber(memo.text, k, a.at, std::string_view(digits, len), delta, &p) &&
+      !ReparseSelector(memo.text, k, delta, &p, cdb_)) {
     f.valid = false;
     return Applied::kTextOnly;
   }
@@ -292,7 +297,6 @@ void Call::Maapi(int sock, int thandle, const char *fmt, va_list ap) {
                  std::string(name_) + ": no transaction with handle " + std::to_string(thandle));
     return;
   }
-  SetCurrentTxn(thandle);
   if (txn_->maapi_socket() != sock) {
     FormatPath(fmt, ap);
     Fail(CONFD_ERR_NOSESSION, "socket " + std::to_string(sock) +
@@ -313,7 +317,6 @@ void Call::Cdb(int sock, const char *fmt, va_list ap) {
                  std::string(name_) + ": socket " + std::to_string(sock) + " is not a CDB socket");
     return;
   }
-  SetCurrentTxn(txn_->thandle());
   if (tree == nullptr) {
     FormatPath(fmt, ap);
     Fail(CONFD_ERR_PROTOUSAGE, "no CDB session started on socket " + std::to_string(sock));
@@ -383,10 +386,6 @@ bool Call::List(Target *t) {
 int Call::WrongType(const DNode &leaf, int vtype) {
   return Fail(CONFD_ERR_BADTYPE, std::string("is of type ") + leaf.s->type.name + " (" +
                                      VtypeName(leaf.value.type) + "), not " + VtypeName(vtype));
-}
-
-int Call::Done(int result, std::string_view detail) {
-  return DoneWithDup(result, nullptr, detail);
 }
 
 int Call::DoneWithDup(int result, void *dup, std::string_view detail) {

@@ -73,7 +73,10 @@ class Call {
   /// Records the call (when the transaction records calls) and returns
   /// result. Never throws once detail exists: whatever a call registered
   /// before stays registered and handed out.
-  int Done(int result, std::string_view detail = {});
+  int Done(int result, std::string_view detail = {}) {
+    if (txn_ == nullptr || !txn_->recording_trace()) return result;
+    return DoneWithDup(result, nullptr, detail);
+  }
   /// Also records dup (what a read allocated for its caller) as open on the
   /// transaction until the caller frees it; if that throws, dup is freed and
   /// nothing is registered.

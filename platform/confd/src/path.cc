@@ -141,28 +141,88 @@ void PathElem::TakeKeys(const DNode &entry) {
   }
 }
 
+namespace {
+
+// Byte order of two buffers as CompareValues orders C_BUF values: bytes
+// first, then length. Keys are short: a plain loop beats a call of memcmp.
+inline int CompareBytes(const unsigned char *a, size_t an, const unsigned char *b, size_t bn) {
+  const size_t n = an < bn ? an : bn;
+  for (size_t i = 0; i < n; ++i) {
+    if (a[i] != b[i]) return a[i] < b[i] ? -1 : 1;
+  }
+  return an < bn ? -1 : (an > bn ? 1 : 0);
+}
+
+// The entry of list with the C_BUF key want (key: its leaf), or null; false
+// when an entry's key is not a C_BUF after all. Between two entries that
+// share a beginning with want, every entry shares it: the comparison
+// starts after it.
+bool FindBufKey(const ListInst &list, const SNode *key, const confd_value_t &want,
+                const DNode **found) {
+  *found = nullptr;
+  const unsigned char *w = want.val.buf.ptr;
+  const size_t wn = want.val.buf.size;
+  size_t lo = 0;
+  size_t hi = list.entries.size();
+  size_t lo_common = 0;  // with the entry before lo
+  size_t hi_common = 0;  // with the entry at hi
+  while (lo < hi) {
+    const size_t mid = lo + (hi - lo) / 2;
+    const DNode *entry = list.entries[mid];
+    const confd_value_t &have = entry->Child(key)->value;
+    if (have.type != C_BUF) return false;
+    const unsigned char *h = have.val.buf.ptr;
+    const size_t hn = have.val.buf.size;
+    const size_t n = hn < wn ? hn : wn;
+    size_t i = lo_common < hi_common ? lo_common : hi_common;
+    while (i < n && h[i] == w[i]) ++i;
+    int c;
+    if (i < n) {
+      c = h[i] < w[i] ? -1 : 1;
+    } else {
+      c = hn < wn ? -1 : (hn > wn ? 1 : 0);
+    }
+    if (c == 0) {
+      *found = entry;
+      return true;
+    }
+    if (c < 0) {
+      lo = mid + 1;
+      lo_common = i;
+    } else {
+      hi = mid;
+      hi_common = i;
+    }
+  }
+  return true;
+}
+
+}  // namespace
+
 const DNode *FindEntry(const ListInst &list, const PathElem &elem) {
   // Entries are sorted by their key values (EntryLess); no two are equal.
+  const size_t size = list.entries.size();
+  if (elem.nkeys == 1 && size > 0) {  // most lists: one key, mostly a string
+    const confd_value_t want = elem.KeyValue(0);
+    const SNode *key = elem.s->keys[0];
+    const DNode *found;
+    if (want.type == C_BUF && FindBufKey(list, key, want, &found)) return found;
+  }
   confd_value_t want[MAXKEYLEN];
   for (int k = 0; k < elem.nkeys; ++k) want[k] = elem.KeyValue(k);
   auto compare = [&](const DNode *entry) {
     for (int k = 0; k < elem.nkeys; ++k) {
       const confd_value_t &have = entry->Key(k);
-      int c;
-      if (have.type == C_BUF && want[k].type == C_BUF) {  // most keys: as CompareValues
-        const size_t a = have.val.buf.size;
-        const size_t b = want[k].val.buf.size;
-        c = std::memcmp(have.val.buf.ptr, want[k].val.buf.ptr, a < b ? a : b);
-        if (c == 0) c = a < b ? -1 : (a > b ? 1 : 0);
-      } else {
-        c = CompareValues(have, want[k]);
-      }
+      const int c = have.type == C_BUF && want[k].type == C_BUF
+                        ? CompareBytes(have.val.buf.ptr, have.val.buf.size, want[k].val.buf.ptr,
+                                       want[k].val.buf.size)
+                        : CompareValues(have, want[k]);
       if (c != 0) return c;
     }
     return 0;
   };
   size_t lo = 0;
-  size_t hi = list.entries.size();
+  size_t hi = size;
   while (lo < hi) {
     size_t mid = lo + (hi - lo) / 2;
     int c = compare(list.entries[mid]);
@@ -439,6 +499,43 @@ bool ReparseSelector(std::string_view path, int k, std::ptrdiff_t delta, ParsedP
     out->e[j].end += delta;
   }
   out->n = n;
+  return true;
+}
+
+bool ReplaceNumber(std::string_view path, int k, size_t at, std::string_view digits,
+                   std::ptrdiff_t delta, ParsedPath *out) {
+  PathElem &elem = out->e[k];
+  const size_t inside = elem.sel_at + 1;          // after '{' or '['
+  const size_t old_size = elem.end - inside - 1;  // before '}' or ']'
+  if (elem.sel == PathElem::kIndex) {
+    // A number of 1 to 9 digits without a sign, as ParseSelector takes it.
+    if (at != inside || digits.size() != old_size + delta || digits.empty() ||
+        digits.size() >= 10 || digits[0] == '-') {
+      return false;
+    }
+    long index = 0;
+    for (char d : digits) index = index * 10 + (d - '0');
+    elem.index = index;
+  } else if (elem.sel == PathElem::kKeys && elem.nkeys == 1) {
+    const std::string_view key = elem.keys[0];
+    if (key.data() != path.data() + inside || key.size() != old_size) return false;
+    // The new key text: no blank, quote or brace came in with the digits.
+    const std::string_view text = path.substr(inside, old_size + delta);
+    std::string error;
+    elem.keys[0] = text;
+    if (!elem.ParseKey(0, elem.s->keys[0]->type, &out->scratch, &error)) {
+      elem.keys[0] = key;  // left for the full parse to report
+      return false;
+    }
+  } else {
+    return false;
+  }
+  elem.end += delta;
+  for (int j = k + 1; j < out->n; ++j) {
+    out->e[j].sel_at += delta;
+    out->e[j].end += delta;
+  }
+  out->res_n = std::min(out->res_n, k);
   return true;
 }
 

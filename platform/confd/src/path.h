@@ -88,6 +88,13 @@ bool ParsePathAgain(const SchemaIndex &schema, std::string_view path, ParsedPath
 /// to be parsed afresh, when they no longer parse or end elsewhere.
 bool ReparseSelector(std::string_view path, int k, std::ptrdiff_t delta, ParsedPath *out,
                      bool allow_index);
+/// ReparseSelector of a number that changed inside element k's keys or
+/// index, from offset at on (its new text is digits), when the element's
+/// index or single unquoted key is all its brackets hold: applied without
+/// parsing the text again (false when it is not such an element; then
+/// nothing changed).
+bool ReplaceNumber(std::string_view path, int k, size_t at, std::string_view digits,
+                   std::ptrdiff_t delta, ParsedPath *out);
 
 /// Where a data path leads in one tree.
 struct Target {

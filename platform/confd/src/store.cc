@@ -34,7 +34,6 @@ Registry &Reg() {
 // The element's fault service and confd_lasterr() take no transaction or
 // socket: the transaction a thread last worked on, and the text of its last
 // failure, are all that can answer them.
-thread_local int current_thandle = 0;
 thread_local std::string last_error;
 
 // Bumped (with the store lock held) when a lookup a thread cached may have
@@ -48,7 +47,8 @@ std::atomic<uint64_t> sockets_changed{1};
 // references keep the transactions alive while a call of the thread uses
 // them, whatever other threads end meanwhile.
 struct LookUpCache {
-  uint64_t txns_seen = 0;  // 0: nothing cached
+  int current_thandle = 0;  // see SetCurrentTxn
+  uint64_t txns_seen = 0;   // 0: nothing cached
   int thandle = 0;
   std::shared_ptr<Txn> txn;
   uint64_t sockets_seen = 0;
@@ -283,6 +283,7 @@ std::shared_ptr<Txn> FindCdbSocketLocked(int sock) {
 const std::shared_ptr<Txn> &LookUpTxn(int thandle) {
   LookUpCache &c = lookups;
   if (c.txns_seen == txns_changed.load(std::memory_order_acquire) && c.thandle == thandle) {
+    c.current_thandle = thandle;
     return c.txn;
   }
   // Dropped once the lock is released: it may be an ended transaction's
@@ -295,6 +296,7 @@ const std::shared_ptr<Txn> &LookUpTxn(int thandle) {
   c.txns_seen = txns_changed.load(std::memory_order_relaxed);
   c.thandle = thandle;
   c.txn = std::move(txn);
+  c.current_thandle = thandle;
   return c.txn;
 }
 
@@ -302,6 +304,7 @@ const std::shared_ptr<Txn> &LookUpCdbSocket(int sock, const DataTree **tree) {
   LookUpCache &c = lookups;
   if (c.sockets_seen == sockets_changed.load(std::memory_order_acquire) && c.sock == sock) {
     *tree = c.tree;
+    c.current_thandle = c.sock_txn->thandle();
     return c.sock_txn;
   }
   std::shared_ptr<Txn> stale = std::move(c.sock_txn);
@@ -315,6 +318,7 @@ const std::shared_ptr<Txn> &LookUpCdbSocket(int sock, const DataTree **tree) {
   c.tree = info.session ? info.tree : nullptr;
   c.sock_txn = std::move(txn);
   *tree = c.tree;
+  c.current_thandle = c.sock_txn->thandle();
   return c.sock_txn;
 }
 
@@ -386,10 +390,10 @@ void CloseCdbSocket(int sock) noexcept {
 }
 
 void SetCurrentTxn(int thandle) {
-  current_thandle = thandle;
+  lookups.current_thandle = thandle;
 }
 int CurrentTxn() {
-  return current_thandle;
+  return lookups.current_thandle;
 }
 
 bool KeypathBuilder::PushTag(const SNode &s) {

@@ -192,7 +192,8 @@ std::shared_ptr<Txn> FindCursorLocked(uint64_t id);
 /// thread: the pointer stays valid until the thread's next lookup (the
 /// thread keeps a reference to the last transaction it found, so that
 /// repeated calls take neither the store lock nor a reference of their
-/// own). Null for an unknown handle or socket.
+/// own). Null for an unknown handle or socket. A transaction found becomes
+/// the thread's current one (SetCurrentTxn).
 const std::shared_ptr<Txn> &LookUpTxn(int thandle);
 const std::shared_ptr<Txn> &LookUpCdbSocket(int sock, const DataTree **tree);
 /// Marks every CDB socket lookup cached by a thread as stale; with the
