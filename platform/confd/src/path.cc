@@ -322,11 +322,45 @@ bool ParseSelector(std::string_view path, const SNode *s, size_t *pos, ParsedPat
   return true;
 }
 
+// The keys of elem, a single unquoted key that filled its braces, taken
+// from path whose element now ends at new_end, when they are again a single
+// unquoted key filling them (as ParseKeys would find it) of a valid value;
+// false (elem's keys to be parsed afresh) otherwise.
+bool SwapSingleKey(std::string_view path, size_t new_end, PathElem *elem, std::string *scratch) {
+  const size_t inside = elem->sel_at + 1;
+  if (elem->sel != PathElem::kKeys || elem->nkeys != 1 || new_end <= inside + 1 ||
+      elem->keys[0].data() != path.data() + inside ||
+      elem->keys[0].size() != elem->end - inside - 1 || path[new_end - 1] != '}' ||
+      path[inside] == '"') {
+    return false;
+  }
+  const std::string_view key = path.substr(inside, new_end - 1 - inside);
+  for (char c : key) {
+    if (IsBlank(c) || c == '{' || c == '}') return false;
+  }
+  std::string error;
+  elem->keys[0] = key;
+  if (!elem->ParseKey(0, elem->s->keys[0]->type, scratch, &error)) return false;
+  elem->end = new_end;
+  return true;
+}
+
 // Length of the common end of a and b.
 size_t CommonSuffix(std::string_view a, std::string_view b) {
   const size_t n = std::min(a.size(), b.size());
+  const char *ae = a.data() + a.size();
+  const char *be = b.data() + b.size();
   size_t i = 0;
-  while (i < n && a[a.size() - 1 - i] == b[b.size() - 1 - i]) ++i;
+  for (; i + sizeof(uint64_t) <= n; i += sizeof(uint64_t)) {
+    uint64_t x;
+    uint64_t y;
+    std::memcpy(&x, ae - i - sizeof x, sizeof x);
+    std::memcpy(&y, be - i - sizeof y, sizeof y);
+    if (x != y) break;
+  }
+  while (i < n &&
+         ae[-1 - static_cast<std::ptrdiff_t>(i)] == be[-1 - static_cast<std::ptrdiff_t>(i)])
+    ++i;
   return i;
 }
 
@@ -461,8 +495,12 @@ bool ParsePathAgain(const SchemaIndex &schema, std::string_view path, ParsedPath
     const size_t old_end = out->e[keep].end;
     const size_t new_end = text->size() - (old_size - old_end);
     size_t i = out->e[keep].sel_at;
-    out->n = keep;
-    if (ParseSelector(*text, out->e[keep].s, &i, out, error, allow_index) && i == new_end) {
+    bool ok = SwapSingleKey(*text, new_end, &out->e[keep], &out->scratch);
+    if (!ok) {
+      out->n = keep;
+      ok = ParseSelector(*text, out->e[keep].s, &i, out, error, allow_index) && i == new_end;
+    }
+    if (ok) {
       for (int j = keep + 1; j < n; ++j) {
         out->e[j].sel_at = out->e[j].sel_at - old_end + new_end;
         out->e[j].end = out->e[j].end - old_end + new_end;
