@@ -153,64 +153,71 @@ inline int CompareBytes(const unsigned char *a, size_t an, const unsigned char *
   return an < bn ? -1 : (an > bn ? 1 : 0);
 }
 
-// The entry of list with the C_BUF key want (key: its leaf), or null; false
-// when an entry's key is not a C_BUF after all. Between two entries that
-// share a beginning with want, every entry shares it: the comparison
-// starts after it.
-bool FindBufKey(const ListInst &list, const SNode *key, const confd_value_t &want,
-                const DNode **found) {
-  *found = nullptr;
-  const unsigned char *w = want.val.buf.ptr;
-  const size_t wn = want.val.buf.size;
+constexpr size_t kNone = static_cast<size_t>(-1);
+
+// Binary search of the entries for the one compare(index) finds equal (0;
+// below 0: the entry is before the one sought); kNone when there is none.
+// The entry after near is tried first: reads often go through a list in its
+// order. compare also receives how many leading bytes the entries at lo - 1
+// and hi share with what is sought (buffer keys skip them) and returns how
+// many the entry shares.
+template <typename Compare>
+size_t Search(size_t size, size_t near, Compare compare) {
   size_t lo = 0;
-  size_t hi = list.entries.size();
-  size_t lo_common = 0;  // with the entry before lo
-  size_t hi_common = 0;  // with the entry at hi
+  size_t hi = size;
+  size_t lo_common = 0;
+  size_t hi_common = 0;
+  size_t mid = near != kNone && near + 1 < size ? near + 1 : lo + (hi - lo) / 2;
   while (lo < hi) {
-    const size_t mid = lo + (hi - lo) / 2;
-    const DNode *entry = list.entries[mid];
-    const confd_value_t &have = entry->Child(key)->value;
-    if (have.type != C_BUF) return false;
-    const unsigned char *h = have.val.buf.ptr;
-    const size_t hn = have.val.buf.size;
-    const size_t n = hn < wn ? hn : wn;
-    size_t i = lo_common < hi_common ? lo_common : hi_common;
-    while (i < n && h[i] == w[i]) ++i;
-    int c;
-    if (i < n) {
-      c = h[i] < w[i] ? -1 : 1;
-    } else {
-      c = hn < wn ? -1 : (hn > wn ? 1 : 0);
-    }
-    if (c == 0) {
-      *found = entry;
-      return true;
-    }
+    size_t common = lo_common < hi_common ? lo_common : hi_common;
+    const int c = compare(mid, &common);
+    if (c == 0) return mid;
     if (c < 0) {
       lo = mid + 1;
-      lo_common = i;
+      lo_common = common;
     } else {
       hi = mid;
-      hi_common = i;
+      hi_common = common;
     }
+    mid = lo + (hi - lo) / 2;
   }
-  return true;
+  return kNone;
 }
 
-}  // namespace
-
-const DNode *FindEntry(const ListInst &list, const PathElem &elem) {
-  // Entries are sorted by their key values (EntryLess); no two are equal.
+// The index of the entry of list whose keys are elem's, or kNone; near as
+// FindEntry's. A key leaf of type C_BUF holds C_BUF values (checked all the
+// same: anything else takes the general comparison).
+size_t FindIndex(const ListInst &list, const PathElem &elem, size_t near) {
   const size_t size = list.entries.size();
   if (elem.nkeys == 1 && size > 0) {  // most lists: one key, mostly a string
     const confd_value_t want = elem.KeyValue(0);
     const SNode *key = elem.s->keys[0];
-    const DNode *found;
-    if (want.type == C_BUF && FindBufKey(list, key, want, &found)) return found;
+    if (want.type == C_BUF && key->type.vtype == C_BUF) {
+      const unsigned char *w = want.val.buf.ptr;
+      const size_t wn = want.val.buf.size;
+      bool bufs = true;
+      const size_t found = Search(size, near, [&](size_t at, size_t *common) {
+        const confd_value_t &have = list.entries[at]->Child(key)->value;
+        if (have.type != C_BUF) {
+          bufs = false;
+          return 0;
+        }
+        const unsigned char *h = have.val.buf.ptr;
+        const size_t hn = have.val.buf.size;
+        const size_t n = hn < wn ? hn : wn;
+        size_t i = *common < n ? *common : n;
+        while (i < n && h[i] == w[i]) ++i;
+        *common = i;
+        if (i < n) return h[i] < w[i] ? -1 : 1;
+        return hn < wn ? -1 : (hn > wn ? 1 : 0);
+      });
+      if (bufs) return found;
+    }
   }
   confd_value_t want[MAXKEYLEN];
   for (int k = 0; k < elem.nkeys; ++k) want[k] = elem.KeyValue(k);
-  auto compare = [&](const DNode *entry) {
+  return Search(size, near, [&](size_t at, size_t *) {
+    const DNode *entry = list.entries[at];
     for (int k = 0; k < elem.nkeys; ++k) {
       const confd_value_t &have = entry->Key(k);
       const int c = have.type == C_BUF && want[k].type == C_BUF
@@ -220,20 +227,17 @@ const DNode *FindEntry(const ListInst &list, const PathElem &elem) {
       if (c != 0) return c;
     }
     return 0;
-  };
-  size_t lo = 0;
-  size_t hi = size;
-  while (lo < hi) {
-    size_t mid = lo + (hi - lo) / 2;
-    int c = compare(list.entries[mid]);
-    if (c == 0) return list.entries[mid];
-    if (c < 0) {
-      lo = mid + 1;
-    } else {
-      hi = mid;
-    }
-  }
-  return nullptr;
+  });
+}
+
+}  // namespace
+
+const DNode *FindEntry(const ListInst &list, const PathElem &elem, size_t *near) {
+  // Entries are sorted by their key values (EntryLess); no two are equal.
+  const size_t at = FindIndex(list, elem, near ? *near : kNone);
+  if (at == kNone) return nullptr;
+  if (near != nullptr) *near = at;
+  return list.entries[at];
 }
 
 namespace {
@@ -611,7 +615,7 @@ Target Resolve(const DataTree &tree, const ParsedPath &path) {
         const DNode *entry = nullptr;
         if (list != nullptr) {
           if (elem.sel == PathElem::kKeys) {
-            entry = FindEntry(*list, elem);
+            entry = FindEntry(*list, elem, &path.res_near[i]);
           } else if (static_cast<size_t>(elem.index) < list->entries.size()) {
             entry = list->entries[elem.index];
           }

@@ -56,12 +56,17 @@ struct ParsedPath {
   mutable int res_n = 0;
   mutable const DNode *res_node[MAXDEPTH];
   mutable bool res_present[MAXDEPTH];
+  /// Per element: the index of the entry its keys found last (a hint only,
+  /// checked before use; in whatever list the element named then).
+  mutable size_t res_near[MAXDEPTH] = {};
 
   const SNode *last() const { return n ? e[n - 1].s : nullptr; }
 };
 
-/// The entry of list whose keys are elem's; null when there is none.
-const DNode *FindEntry(const ListInst &list, const PathElem &elem);
+/// The entry of list whose keys are elem's; null when there is none. With
+/// near (the index an earlier search of the same element found, in any
+/// list), the entry after it is tried first; *near receives the index found.
+const DNode *FindEntry(const ListInst &list, const PathElem &elem, size_t *near = nullptr);
 
 /// Parses path against schema into *out. A schema path may name lists
 /// without keys anywhere; a data path only at its end. "[N]" entry indexes
