@@ -4,6 +4,8 @@
 // each answers exactly as the first call of a new transaction does: result,
 // value, error code, error text and trace record. Calls that are not
 // recorded answer the same.
+#include <arpa/inet.h>
+
 #include <cstring>
 #include <vector>
 
@@ -13,8 +15,9 @@
 namespace ipapp::test {
 namespace {
 
-// What a format takes: "%s" then "%d", "%d" alone, two "%d", "%s" alone, "%u".
-enum Args { kStrInt, kInt, kIntInt, kStr, kUint };
+// What a format takes: "%s" then "%d", "%d" alone, two "%d", "%s" alone,
+// "%u", "%ip4" (the address in s).
+enum Args { kStrInt, kInt, kIntInt, kStr, kUint, kIp4 };
 
 struct Step {
   Args args;
@@ -96,6 +99,13 @@ class Caller {
         out.rc = cdb ? cdb_get_str(sock, buf, sizeof buf, fmt, u)
                      : maapi_get_elem(sock_, th_, &v, fmt, u);
         break;
+      case kIp4: {
+        in_addr addr{};
+        EXPECT_EQ(inet_pton(AF_INET, s, &addr), 1);
+        out.rc = cdb ? cdb_get_str(sock, buf, sizeof buf, fmt, &addr)
+                     : maapi_get_elem(sock_, th_, &v, fmt, &addr);
+        break;
+      }
     }
     out.err = out.rc == CONFD_OK ? 0 : confd_errno;
     out.lasterr = out.rc == CONFD_OK ? "" : confd_lasterr();
@@ -234,6 +244,10 @@ TEST(StoreFormatTest, MaapiReadsByKeyAnswerAsTheFirstCall) {
                  {kIntInt, "/internal/ospf-interface-l3{%d 0.0.0.%d l3-if2}/area", nullptr, 1, 0},
                  {kIntInt, "/internal/ospf-interface-l3{%d 0.0.0.%d l3-if2}/area", nullptr, 1, 300},
                  {kIntInt, "/internal/ospf-interface-l3{%d 0.0.0.%d l3-if2}/area", nullptr, 1, 1},
+                 // An address argument changes, the format stays.
+                 {kIp4, "/internal/ospf-interface-l3{1 %ip4 l3-if2}/if-name", "0.0.0.1", 0, 0},
+                 {kIp4, "/internal/ospf-interface-l3{1 %ip4 l3-if2}/if-name", "0.0.0.0", 0, 0},
+                 {kIp4, "/internal/ospf-interface-l3{1 %ip4 l3-if2}/if-name", "0.0.0.1", 0, 0},
              });
 }
 

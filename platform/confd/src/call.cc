@@ -116,7 +116,8 @@ bool FormatInto(const char *fmt, const char *pct, va_list ap, std::string *out, 
       va_end(args);
       return false;
     }
-    if (plain && !star && (*m == 's' || *m == 'd' || *m == 'i' || *m == 'u')) {
+    const bool address = *m == 'i' && m[1] == 'p';  // %ip4, %ip6: not plain
+    if (plain && !star && !address && (*m == 's' || *m == 'd' || *m == 'i' || *m == 'u')) {
       if (record->nargs == PathFormat::kMaxArgs) {
         plain = false;
       } else {
