@@ -87,5 +87,27 @@ TEST(ValueTypesTest, TypesWithoutALeafPrintAsDocumented) {
   }
 }
 
+// The store prints IPv4 addresses and prefixes itself: as inet_ntop does.
+TEST(ValueTypesTest, Ipv4AddressesAndPrefixesPrintAsInetNtop) {
+  for (const char *text :
+       {"0.0.0.0", "255.255.255.255", "10.0.0.1", "192.168.100.9", "1.20.3.40"}) {
+    SCOPED_TRACE(text);
+    in_addr addr{};
+    ASSERT_EQ(inet_pton(AF_INET, text, &addr), 1);
+    char expected[INET_ADDRSTRLEN];
+    ASSERT_NE(inet_ntop(AF_INET, &addr, expected, sizeof expected), nullptr);
+    confd_value_t v;
+    CONFD_SET_IPV4(&v, addr);
+    EXPECT_EQ(Text(v), expected);
+    for (int len : {0, 8, 32}) {
+      confd_ipv4_prefix prefix{addr, static_cast<u_int8_t>(len)};
+      CONFD_SET_IPV4_AND_PLEN(&v, prefix);
+      EXPECT_EQ(Text(v), std::string(expected) + "/" + std::to_string(len));
+      CONFD_SET_IPV4PREFIX(&v, prefix);
+      EXPECT_EQ(Text(v), std::string(expected) + "/" + std::to_string(len));
+    }
+  }
+}
+
 }  // namespace
 }  // namespace ipapp::test

@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 
 #include <array>
+#include <charconv>
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
@@ -665,8 +666,25 @@ const void *AddressBytes(const confd_value_t &v) {
   }
 }
 
+// The dotted quad of an IPv4 address (network order), as inet_ntop writes
+// it, without its detour through sprintf.
+void AppendIpv4(const void *addr, std::string *out) {
+  const auto *b = static_cast<const unsigned char *>(addr);
+  char buf[16];
+  char *p = buf;
+  for (int i = 0; i < 4; ++i) {
+    if (i) *p++ = '.';
+    p = std::to_chars(p, buf + sizeof buf, b[i]).ptr;
+  }
+  out->append(buf, p);
+}
+
 template <int kFamily>
 bool FormatAddress(const confd_value_t &v, const LeafType *, std::string *out) {
+  if (kFamily == AF_INET) {
+    AppendIpv4(AddressBytes<kFamily>(v), out);
+    return true;
+  }
   char buf[INET6_ADDRSTRLEN + 8];
   inet_ntop(kFamily, AddressBytes<kFamily>(v), buf, sizeof buf);
   *out += buf;
@@ -698,11 +716,11 @@ bool ParsePrefix6(const LeafType &type, std::string_view text, confd_value_t *v,
 }
 
 bool FormatPrefix4(const confd_value_t &v, const LeafType *, std::string *out) {
-  char buf[INET6_ADDRSTRLEN + 8];
-  inet_ntop(AF_INET, &v.val.ipv4prefix.ip, buf, sizeof buf);
-  *out += buf;
-  *out += '/';
-  *out += std::to_string(v.val.ipv4prefix.len);
+  AppendIpv4(&v.val.ipv4prefix.ip, out);
+  char len[4];
+  char *end = std::to_chars(len, len + sizeof len, v.val.ipv4prefix.len).ptr;
+  out->push_back('/');
+  out->append(len, end);
   return true;
 }
 
@@ -710,8 +728,10 @@ bool FormatPrefix6(const confd_value_t &v, const LeafType *, std::string *out) {
   char buf[INET6_ADDRSTRLEN + 8];
   inet_ntop(AF_INET6, &v.val.ipv6prefix.ip6, buf, sizeof buf);
   *out += buf;
-  *out += '/';
-  *out += std::to_string(v.val.ipv6prefix.len);
+  char len[4];
+  char *end = std::to_chars(len, len + sizeof len, v.val.ipv6prefix.len).ptr;
+  out->push_back('/');
+  out->append(len, end);
   return true;
 }
 
