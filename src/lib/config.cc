@@ -67,13 +67,26 @@ void AppendHex(std::string *out, const confd_value_t &v) {
   }
 }
 
-// *out becomes base followed by parts.
-template <typename... Parts>
-const std::string &Join(std::string *out, std::string_view base, const Parts &...parts) {
-  out->assign(base);
-  (out->append(parts), ...);
-  return *out;
-}
+// The path of one list entry, then a tail that changes: the entry's part
+// is written once per entry.
+class EntryPath {
+ public:
+  void Enter(std::string_view list, const std::string &key) {
+    text_.assign(list);
+    text_ += '{';
+    text_ += key;
+    entry_ = text_.size();
+  }
+  const std::string &At(const char *tail) {
+    text_.resize(entry_);
+    text_.append(tail);
+    return text_;
+  }
+
+ private:
+  std::string text_;
+  size_t entry_ = 0;
+};
 
 }  // namespace
 
@@ -259,9 +272,10 @@ std::list<std::vector<std::string>> GenericConfig::get_key_list(const std::strin
 std::list<addrkit::IPv4AddrMask> GenericConfig::get_intf_ipv4_addr_mask_list(
     const std::string &path) const {
   std::list<addrkit::IPv4AddrMask> masks;
-  std::string entry;
+  EntryPath entry;
   for (const std::string &key : get_key_list(path)) {
-    addrkit::IPv4AddrMask mask = get_ipv4_addr_mask(Join(&entry, path, "{", key, "}/ip"));
+    entry.Enter(path, key);
+    addrkit::IPv4AddrMask mask = get_ipv4_addr_mask(entry.At("}/ip"));
     if (mask.IsUnspecified()) {
       char buf[kFaultBufSize] = {0};
       snprintf(buf, sizeof buf, "Unspecified IPv4 address for key '%s'", key.c_str());
@@ -276,9 +290,10 @@ std::list<addrkit::IPv4AddrMask> GenericConfig::get_intf_ipv4_addr_mask_list(
 std::list<addrkit::IPv6AddrMask> GenericConfig::get_intf_ipv6_addr_mask_list(
     const std::string &path) const {
   std::list<addrkit::IPv6AddrMask> masks;
-  std::string entry;
+  EntryPath entry;
   for (const std::string &key : get_key_list(path)) {
-    addrkit::IPv6AddrMask mask = get_ipv6_addr_mask(Join(&entry, path, "{", key, "}/ip"));
+    entry.Enter(path, key);
+    addrkit::IPv6AddrMask mask = get_ipv6_addr_mask(entry.At("}/ip"));
     if (mask.IsUnspecified()) {
       char buf[kFaultBufSize] = {0};
       snprintf(buf, sizeof buf, "Unspecified IPv6 address for key '%s'", key.c_str());
@@ -344,20 +359,20 @@ std::string GenericConfig::get_intf_name_from_route(maapi_cursor &cursor) const 
 void L3Config::ReadConfig() {
   const std::list<std::string> keys = get_key_list(kL3List);
   interfaces.reserve(keys.size());
-  std::string path;
+  EntryPath path;
   for (const std::string &key : keys) {
+    path.Enter(kL3List, key);
     Interface intf;
     if (ip_version == 4) {
-      addrkit::IPv4AddrMask primary =
-          get_ipv4_addr_mask(Join(&path, kL3List, "{", key, "}/ipv4/address/ip"));
+      addrkit::IPv4AddrMask primary = get_ipv4_addr_mask(path.At("}/ipv4/address/ip"));
       if (!primary.IsUnspecified()) intf.ipv4.push_back(primary);
-      intf.ipv4.splice(intf.ipv4.end(), get_intf_ipv4_addr_mask_list(Join(
-                                            &path, kL3List, "{", key, "}/ipv4/address/secondary")));
+      intf.ipv4.splice(intf.ipv4.end(),
+                       get_intf_ipv4_addr_mask_list(path.At("}/ipv4/address/secondary")));
     } else if (ip_version == 6) {
-      intf.ipv6 = get_intf_ipv6_addr_mask_list(Join(&path, kL3List, "{", key, "}/ipv6/address"));
+      intf.ipv6 = get_intf_ipv6_addr_mask_list(path.At("}/ipv6/address"));
     }
-    intf.ifu_id = get_intf_ifu_id(Join(&path, kL3List, "{", key, "}/lower-layer-if/vlan"));
-    intf.vrf = get_vrf_name(Join(&path, kL3List, "{", key, "}/vrf"));
+    intf.ifu_id = get_intf_ifu_id(path.At("}/lower-layer-if/vlan"));
+    intf.vrf = get_vrf_name(path.At("}/vrf"));
     intf.name = "l3 " + key;
     interfaces.push_back(std::move(intf));
   }
@@ -366,17 +381,16 @@ void L3Config::ReadConfig() {
 void LoConfig::ReadConfig() {
   const std::list<std::string> keys = get_key_list(kLoopbackList);
   interfaces.reserve(keys.size());
-  std::string path;
+  EntryPath path;
   for (const std::string &key : keys) {
+    path.Enter(kLoopbackList, key);
     Interface intf;
     if (ip_version == 4) {
-      intf.ipv4 =
-          get_intf_ipv4_addr_mask_list(Join(&path, kLoopbackList, "{", key, "}/ipv4/address"));
+      intf.ipv4 = get_intf_ipv4_addr_mask_list(path.At("}/ipv4/address"));
     } else if (ip_version == 6) {
-      intf.ipv6 =
-          get_intf_ipv6_addr_mask_list(Join(&path, kLoopbackList, "{", key, "}/ipv6/address"));
+      intf.ipv6 = get_intf_ipv6_addr_mask_list(path.At("}/ipv6/address"));
     }
-    intf.vrf = get_vrf_name(Join(&path, kLoopbackList, "{", key, "}/vrf"));
+    intf.vrf = get_vrf_name(path.At("}/vrf"));
     intf.name = "loopback " + key;
     interfaces.push_back(std::move(intf));
   }
@@ -385,12 +399,12 @@ void LoConfig::ReadConfig() {
 void MgmtConfig::ReadConfig() {
   const std::list<std::string> keys = get_key_list(kMgmtList);
   interfaces.reserve(keys.size());
-  std::string path;
+  EntryPath path;
   for (const std::string &key : keys) {
+    path.Enter(kMgmtList, key);
     Interface intf;
     if (ip_version == 4) {
-      addrkit::IPv4AddrMask primary =
-          get_ipv4_addr_mask(Join(&path, kMgmtList, "{", key, "}/ipv4/address/ip"));
+      addrkit::IPv4AddrMask primary = get_ipv4_addr_mask(path.At("}/ipv4/address/ip"));
       if (primary.IsUnspecified()) {
         // Unlike L3, a management interface without a usable address is a
         // fault worth logging.
@@ -401,9 +415,9 @@ void MgmtConfig::ReadConfig() {
         intf.ipv4.push_back(primary);
       }
     } else if (ip_version == 6) {
-      intf.ipv6 = get_intf_ipv6_addr_mask_list(Join(&path, kMgmtList, "{", key, "}/ipv6/address"));
+      intf.ipv6 = get_intf_ipv6_addr_mask_list(path.At("}/ipv6/address"));
     }
-    intf.vrf = get_vrf_name(Join(&path, kMgmtList, "{", key, "}/vrf"));
+    intf.vrf = get_vrf_name(path.At("}/vrf"));
     intf.name = "mgmt " + key;
     interfaces.push_back(std::move(intf));
   }
