@@ -60,10 +60,16 @@ void AppendHex(std::string *out, const confd_value_t &v) {
   static constexpr char kDigits[] = "0123456789abcdef";
   const unsigned char *bytes = CONFD_GET_BINARY_PTR(&v);
   const unsigned int size = CONFD_GET_BINARY_SIZE(&v);
-  for (unsigned int i = 0; i < size; ++i) {
-    if (i != 0) out->push_back(':');
-    out->push_back(kDigits[bytes[i] >> 4]);
-    out->push_back(kDigits[bytes[i] & 0xF]);
+  char text[16 * 3];
+  unsigned int i = 0;
+  while (i < size) {
+    size_t n = 0;
+    for (; i < size && n + 3 <= sizeof text; ++i) {
+      if (i != 0) text[n++] = ':';
+      text[n++] = kDigits[bytes[i] >> 4];
+      text[n++] = kDigits[bytes[i] & 0xF];
+    }
+    out->append(text, n);
   }
 }
 
