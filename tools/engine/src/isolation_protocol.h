@@ -97,7 +97,7 @@ struct Message {
   host::InputError AsInputError() const;
 };
 
-/// The frame of a message: length, then the CBOR body.
+/// The frame of a message: length, then the body.
 std::vector<std::uint8_t> Frame(const Message &message);
 
 /// Bytes that are no frame of a message.
