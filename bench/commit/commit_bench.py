@@ -166,11 +166,11 @@ def verdicts(rows):
         ):
             ok = ratio <= target
             lines.append(
-                "%-22s %s ratio %.2f (target <= %.1f) %s"
+                "%-22s %s ratio %.3f (target <= %.1f) %s"
                 % (shape(m) + ":", what, ratio, target, "ok" if ok else "MISSED")
             )
             if not ok:
-                missed.append("%s %s %.2f > %.1f" % (shape(m), what, ratio, target))
+                missed.append("%s %s %.3f > %.1f" % (shape(m), what, ratio, target))
     if missed:
         lines.append("targets missed: " + "; ".join(missed))
     else:
