@@ -14,6 +14,12 @@ so the commit is accepted and every validation of the commit runs to its end:
 the OSPF cross check walks every OSPF row. The LDP rows name interfaces of
 their own (an LDP interface must have exactly one IPv4 address); which names
 they hold does not change what the plug-in reads.
+
+ospf_areas > 1 puts every OSPF interface in that many areas of its instance,
+one row per area (the rows of the second area follow those of the first, and
+so on): the same element with that many times the OSPF rows per interface.
+The commit is still accepted, and the OSPF cross check walks every row and
+re-reads the whole running table for each.
 """
 
 VRFS = 8
@@ -89,7 +95,12 @@ def _routes(n):
     return routes
 
 
-def configuration(n, candidate=False):
+def ospf_rows(n, ospf_areas=1):
+    """OSPF rows of the element: every other L3 interface and every loopback, per area."""
+    return ospf_areas * (n // 2 + n)
+
+
+def configuration(n, candidate=False, ospf_areas=1):
     """The element's configuration as XML text, n L3 interfaces (a multiple of 4)."""
     changed = n - 3  # i % 4 == 1: OSPFv3, no OSPF, no VRF
     out = ['<config xmlns="urn:ipapp:shellcfg"><interface>\n']
@@ -106,11 +117,13 @@ def configuration(n, candidate=False):
         % (VRFS + 1)
     )
     ospf = ["l3-%s" % _l3_name(i) for i in range(0, n, 2)] + ["loopback-%d" % i for i in range(n)]
-    for k, name in enumerate(ospf):
-        out.append(
-            "<ospf-interface-l3><instance>1</instance><area>0.0.0.%d</area><if-name>%s</if-name>"
-            "<ospf-pm-if-name>%s</ospf-pm-if-name></ospf-interface-l3>\n" % (k % 4, name, name)
-        )
+    for a in range(ospf_areas):
+        for k, name in enumerate(ospf):
+            out.append(
+                "<ospf-interface-l3><instance>1</instance><area>0.0.0.%d</area><if-name>%s</if-name>"
+                "<ospf-pm-if-name>%s</ospf-pm-if-name></ospf-interface-l3>\n"
+                % (4 * a + k % 4, name, name)
+            )
     v3 = [("l3-%s" % _l3_name(i), 1000 + i + 1) for i in range(1, n, 4)]
     v3 += [("loopback-%d" % i, 10000 + i) for i in range(n // 4)]
     for k, (name, ifindex) in enumerate(v3):
@@ -153,8 +166,8 @@ def configuration(n, candidate=False):
     return "".join(out)
 
 
-def write(n, running_path, candidate_path):
+def write(n, running_path, candidate_path, ospf_areas=1):
     with open(running_path, "w") as f:
-        f.write(configuration(n))
+        f.write(configuration(n, ospf_areas=ospf_areas))
     with open(candidate_path, "w") as f:
-        f.write(configuration(n, candidate=True))
+        f.write(configuration(n, candidate=True, ospf_areas=ospf_areas))

@@ -6,9 +6,11 @@
 #include <ifuid.h>
 #include <kxmw_fault.h>
 
+#include <charconv>
 #include <cstdio>
 #include <cstring>
 #include <stdexcept>
+#include <string_view>
 
 #include "confd_assert.h"
 #include "ipapp_ns.h"
@@ -40,6 +42,57 @@ std::string PrintValue(const confd_value_t &v) {
   confd_pp_value(buf, sizeof buf, &v);
   return buf;
 }
+
+// Paths are built in place: a reader keeps one buffer per path it varies and
+// rewrites only its tail, so reading an entry allocates nothing.
+
+template <typename Number>
+void AppendNumber(std::string *out, Number n) {
+  char digits[24];
+  const std::to_chars_result end = std::to_chars(digits, digits + sizeof digits, n);
+  out->append(digits, end.ptr);
+}
+
+// The bytes of a C_BINARY value as lower-case hex pairs joined by ':';
+// nothing for any other value.
+void AppendHex(std::string *out, const confd_value_t &v) {
+  if (v.type != C_BINARY || CONFD_GET_BINARY_PTR(&v) == nullptr) return;
+  static constexpr char kDigits[] = "0123456789abcdef";
+  const unsigned char *bytes = CONFD_GET_BINARY_PTR(&v);
+  const unsigned int size = CONFD_GET_BINARY_SIZE(&v);
+  char text[16 * 3];
+  unsigned int i = 0;
+  while (i < size) {
+    size_t n = 0;
+    for (; i < size && n + 3 <= sizeof text; ++i) {
+      if (i != 0) text[n++] = ':';
+      text[n++] = kDigits[bytes[i] >> 4];
+      text[n++] = kDigits[bytes[i] & 0xF];
+    }
+    out->append(text, n);
+  }
+}
+
+// The path of one list entry, then a tail that changes: the entry's part
+// is written once per entry.
+class EntryPath {
+ public:
+  void Enter(std::string_view list, const std::string &key) {
+    text_.assign(list);
+    text_ += '{';
+    text_ += key;
+    entry_ = text_.size();
+  }
+  const std::string &At(const char *tail) {
+    text_.resize(entry_);
+    text_.append(tail);
+    return text_;
+  }
+
+ private:
+  std::string text_;
+  size_t entry_ = 0;
+};
 
 }  // namespace
 
@@ -114,16 +167,7 @@ addrkit::IPv6AddrMask GenericConfig::get_ipv6_addr_mask(const confd_value_t &add
 
 std::string GenericConfig::get_hex_from_bin(const confd_value_t &v) const {
   std::string hex;
-  if (v.type != C_BINARY || CONFD_GET_BINARY_PTR(&v) == nullptr) return hex;
-  static constexpr char kDigits[] = "0123456789abcdef";
-  const unsigned char *bytes = CONFD_GET_BINARY_PTR(&v);
-  const unsigned int size = CONFD_GET_BINARY_SIZE(&v);
-  hex.reserve(size * 3);
-  for (unsigned int i = 0; i < size; ++i) {
-    if (i != 0) hex += ':';
-    hex += kDigits[bytes[i] >> 4];
-    hex += kDigits[bytes[i] & 0xF];
-  }
+  AppendHex(&hex, v);
   return hex;
 }
 
@@ -189,11 +233,18 @@ std::list<std::string> ReadFirstKeys(int sock, confd_trans_ctx *tctx, const std:
   struct maapi_cursor cursor = {};
   maapi_init_cursor(sock, tctx->thandle, &cursor, "%s", path.c_str());
   MaapiCursorGuard guard(&cursor);
-  std::string text(key_text_size, '\0');
+  char small[kKeyTextSize];
+  std::string large;
+  char *text = small;
+  if (key_text_size > sizeof small) {
+    large.resize(key_text_size);
+    text = &large[0];
+  }
   maapi_get_next(&cursor);
   while (cursor.n != 0) {
-    confd_pp_value(&text[0], static_cast<int>(key_text_size), &cursor.keys[0]);
-    keys.push_back(text.c_str());
+    text[0] = '\0';
+    confd_pp_value(text, static_cast<int>(key_text_size), &cursor.keys[0]);
+    keys.emplace_back(text);
     maapi_get_next(&cursor);
   }
   return keys;
@@ -227,8 +278,10 @@ std::list<std::vector<std::string>> GenericConfig::get_key_list(const std::strin
 std::list<addrkit::IPv4AddrMask> GenericConfig::get_intf_ipv4_addr_mask_list(
     const std::string &path) const {
   std::list<addrkit::IPv4AddrMask> masks;
+  EntryPath entry;
   for (const std::string &key : get_key_list(path)) {
-    addrkit::IPv4AddrMask mask = get_ipv4_addr_mask(path + "{" + key + "}/ip");
+    entry.Enter(path, key);
+    addrkit::IPv4AddrMask mask = get_ipv4_addr_mask(entry.At("}/ip"));
     if (mask.IsUnspecified()) {
       char buf[kFaultBufSize] = {0};
       snprintf(buf, sizeof buf, "Unspecified IPv4 address for key '%s'", key.c_str());
@@ -243,8 +296,10 @@ std::list<addrkit::IPv4AddrMask> GenericConfig::get_intf_ipv4_addr_mask_list(
 std::list<addrkit::IPv6AddrMask> GenericConfig::get_intf_ipv6_addr_mask_list(
     const std::string &path) const {
   std::list<addrkit::IPv6AddrMask> masks;
+  EntryPath entry;
   for (const std::string &key : get_key_list(path)) {
-    addrkit::IPv6AddrMask mask = get_ipv6_addr_mask(path + "{" + key + "}/ip");
+    entry.Enter(path, key);
+    addrkit::IPv6AddrMask mask = get_ipv6_addr_mask(entry.At("}/ip"));
     if (mask.IsUnspecified()) {
       char buf[kFaultBufSize] = {0};
       snprintf(buf, sizeof buf, "Unspecified IPv6 address for key '%s'", key.c_str());
@@ -263,8 +318,11 @@ std::string GenericConfig::get_vrf_name_from_id(const confd_value_t &id) const {
   std::string vrf_name = "global";
   if (id.type != C_UINT32) return vrf_name;
   const uint32_t vrf_id = IdVrfFromComponent(CONFD_GET_UINT32(&id));
-  const std::string path = std::string("/shellcfg-internal:internal/shellcfg-internal:vrf-config") +
-                           "/indexTOstring{" + std::to_string(vrf_id) + "}/vname";
+  std::string path;
+  path.reserve(96);
+  path.assign("/shellcfg-internal:internal/shellcfg-internal:vrf-config/indexTOstring{");
+  AppendNumber(&path, vrf_id);
+  path.append("}/vname");
   if (maapi_exists(sock, tctx->thandle, "%s", path.c_str()) != 1) return vrf_name;
   confd_value_t vrf;
   if (maapi_get_elem(sock, tctx->thandle, &vrf, "%s", path.c_str()) == CONFD_ERR) return vrf_name;
@@ -275,14 +333,19 @@ std::string GenericConfig::get_vrf_name_from_id(const confd_value_t &id) const {
 
 std::string GenericConfig::get_intf_name_from_route(maapi_cursor &cursor) const {
   std::string intf_name;
-  const std::string network = get_hex_from_bin(cursor.keys[kNetworkAddr]);
-  const std::string next_hop = get_hex_from_bin(cursor.keys[kNextHopAddr]);
   ASSERT_CONFD_TYPE(&cursor.keys[kNetworkPrefixLenId], C_INT32);
   ASSERT_CONFD_TYPE(&cursor.keys[kFteIndex], C_UINT32);
-  const std::string path =
-      "/rtmStaticRtEntry-global{ " + std::to_string(CONFD_GET_UINT32(&cursor.keys[kFteIndex])) +
-      " " + network + " " + std::to_string(CONFD_GET_INT32(&cursor.keys[kNetworkPrefixLenId])) +
-      " " + next_hop + " }/interface-name";
+  std::string path;
+  path.reserve(160);
+  path.assign("/rtmStaticRtEntry-global{ ");
+  AppendNumber(&path, CONFD_GET_UINT32(&cursor.keys[kFteIndex]));
+  path.push_back(' ');
+  AppendHex(&path, cursor.keys[kNetworkAddr]);
+  path.push_back(' ');
+  AppendNumber(&path, CONFD_GET_INT32(&cursor.keys[kNetworkPrefixLenId]));
+  path.push_back(' ');
+  AppendHex(&path, cursor.keys[kNextHopAddr]);
+  path.append(" }/interface-name");
   if (maapi_exists(sock, tctx->thandle, "%s", path.c_str()) != 1) return intf_name;
   confd_value_t l3_intf_name;
   if (maapi_get_elem(sock, tctx->thandle, &l3_intf_name, "%s", path.c_str()) == CONFD_ERR) {
@@ -300,45 +363,54 @@ std::string GenericConfig::get_intf_name_from_route(maapi_cursor &cursor) const 
 // Interface readers
 
 void L3Config::ReadConfig() {
-  for (const std::string &key : get_key_list(kL3List)) {
-    const std::string entry = std::string(kL3List) + "{" + key;
+  const std::list<std::string> keys = get_key_list(kL3List);
+  interfaces.reserve(keys.size());
+  EntryPath path;
+  for (const std::string &key : keys) {
+    path.Enter(kL3List, key);
     Interface intf;
     if (ip_version == 4) {
-      addrkit::IPv4AddrMask primary = get_ipv4_addr_mask(entry + "}/ipv4/address/ip");
+      addrkit::IPv4AddrMask primary = get_ipv4_addr_mask(path.At("}/ipv4/address/ip"));
       if (!primary.IsUnspecified()) intf.ipv4.push_back(primary);
       intf.ipv4.splice(intf.ipv4.end(),
-                       get_intf_ipv4_addr_mask_list(entry + "}/ipv4/address/secondary"));
+                       get_intf_ipv4_addr_mask_list(path.At("}/ipv4/address/secondary")));
     } else if (ip_version == 6) {
-      intf.ipv6 = get_intf_ipv6_addr_mask_list(entry + "}/ipv6/address");
+      intf.ipv6 = get_intf_ipv6_addr_mask_list(path.At("}/ipv6/address"));
     }
-    intf.ifu_id = get_intf_ifu_id(entry + "}/lower-layer-if/vlan");
-    intf.vrf = get_vrf_name(entry + "}/vrf");
+    intf.ifu_id = get_intf_ifu_id(path.At("}/lower-layer-if/vlan"));
+    intf.vrf = get_vrf_name(path.At("}/vrf"));
     intf.name = "l3 " + key;
     interfaces.push_back(std::move(intf));
   }
 }
 
 void LoConfig::ReadConfig() {
-  for (const std::string &key : get_key_list(kLoopbackList)) {
-    const std::string entry = std::string(kLoopbackList) + "{" + key;
+  const std::list<std::string> keys = get_key_list(kLoopbackList);
+  interfaces.reserve(keys.size());
+  EntryPath path;
+  for (const std::string &key : keys) {
+    path.Enter(kLoopbackList, key);
     Interface intf;
     if (ip_version == 4) {
-      intf.ipv4 = get_intf_ipv4_addr_mask_list(entry + "}/ipv4/address");
+      intf.ipv4 = get_intf_ipv4_addr_mask_list(path.At("}/ipv4/address"));
     } else if (ip_version == 6) {
-      intf.ipv6 = get_intf_ipv6_addr_mask_list(entry + "}/ipv6/address");
+      intf.ipv6 = get_intf_ipv6_addr_mask_list(path.At("}/ipv6/address"));
     }
-    intf.vrf = get_vrf_name(entry + "}/vrf");
+    intf.vrf = get_vrf_name(path.At("}/vrf"));
     intf.name = "loopback " + key;
     interfaces.push_back(std::move(intf));
   }
 }
 
 void MgmtConfig::ReadConfig() {
-  for (const std::string &key : get_key_list(kMgmtList)) {
-    const std::string entry = std::string(kMgmtList) + "{" + key;
+  const std::list<std::string> keys = get_key_list(kMgmtList);
+  interfaces.reserve(keys.size());
+  EntryPath path;
+  for (const std::string &key : keys) {
+    path.Enter(kMgmtList, key);
     Interface intf;
     if (ip_version == 4) {
-      addrkit::IPv4AddrMask primary = get_ipv4_addr_mask(entry + "}/ipv4/address/ip");
+      addrkit::IPv4AddrMask primary = get_ipv4_addr_mask(path.At("}/ipv4/address/ip"));
       if (primary.IsUnspecified()) {
         // Unlike L3, a management interface without a usable address is a
         // fault worth logging.
@@ -349,9 +421,9 @@ void MgmtConfig::ReadConfig() {
         intf.ipv4.push_back(primary);
       }
     } else if (ip_version == 6) {
-      intf.ipv6 = get_intf_ipv6_addr_mask_list(entry + "}/ipv6/address");
+      intf.ipv6 = get_intf_ipv6_addr_mask_list(path.At("}/ipv6/address"));
     }
-    intf.vrf = get_vrf_name(entry + "}/vrf");
+    intf.vrf = get_vrf_name(path.At("}/vrf"));
     intf.name = "mgmt " + key;
     interfaces.push_back(std::move(intf));
   }

@@ -4,7 +4,10 @@
 #include <arpa/inet.h>
 
 #include <algorithm>
+#include <string_view>
 #include <typeinfo>
+#include <unordered_map>
+#include <unordered_set>
 #include <utility>
 
 namespace ip_application {
@@ -377,10 +380,16 @@ bool ValidateConfig::InterfaceIPv6MatchStaticRouteNextHop(const Interface &intf,
 }
 
 int ValidateConfig::ValidateStaticRouteOutputIntf(const Config &first, const Config &second) {
-  // Only first's interfaces are examined; second contributes its routes.
+  // Only first's interfaces are examined; second contributes its routes. An
+  // interface no route names cannot match: the walk over the routes is left
+  // to the ones that some route names.
+  std::unordered_set<std::string_view> named;
+  for (const StaticRouteConfig *routes : {&first.static_routes, &second.static_routes}) {
+    for (const std::shared_ptr<StaticRoute> &route : routes->routes) named.insert(route->intf_name);
+  }
   for (const InterfaceConfig *reader : first.intf_configs) {
     for (const Interface &intf : reader->interfaces) {
-      if (intf.ifu_id != 0) continue;
+      if (intf.ifu_id != 0 || named.count(intf.name) == 0) continue;
       if (InterfaceMatchStaticRouteOutputIntf(intf, first.static_routes)) return -1;
       if (InterfaceMatchStaticRouteOutputIntf(intf, second.static_routes)) return -1;
     }
@@ -410,9 +419,16 @@ int ValidateConfig::ValidateLdp(const Config &config) {
 }
 
 bool ValidateConfig::ValidateLdpCrossIfL3(const L3Config &l3, const LdpConfig &ldp) {
+  // The L3 interfaces of each name, in their order: each LDP record meets
+  // the interfaces of its name in the order a walk over all of them would.
+  std::unordered_map<std::string_view, std::vector<const Interface *>> by_name;
+  for (const Interface &intf : l3.interfaces) by_name[intf.name].push_back(&intf);
+  static const std::vector<const Interface *> kNone;
   for (const std::shared_ptr<LdpIf> &rec : ldp.interfaces) {
-    for (const Interface &intf : l3.interfaces) {
-      if (intf.name != rec->name) continue;
+    const auto found = by_name.find(rec->name);
+    const std::vector<const Interface *> &named = found == by_name.end() ? kNone : found->second;
+    for (const Interface *each : named) {
+      const Interface &intf = *each;
       if (!rec->address.IsUnspecified() &&
           (intf.ipv4.empty() || intf.ipv4.front() != rec->address)) {
         error_msg = "IPv4 address " + rec->address.to_string() +

@@ -48,9 +48,11 @@ bool RunningOspfName(int cdb_sock, const std::string &name) {
   const int count = cdb_num_instances(cdb_sock, "%s", kOspfIntfList);
   for (int i = 0; i < count; ++i) {
     char row_name[8192];
+    // name holds no NUL: comparing C strings is comparing the texts. Once
+    // listed, the rows are still read but need no comparing.
     if (cdb_get_str(cdb_sock, row_name, sizeof row_name, "%s[%d]/ospf-pm-if-name", kOspfIntfList,
                     i) == CONFD_OK &&
-        name == row_name) {
+        !listed && std::strcmp(name.c_str(), row_name) == 0) {
       listed = true;
     }
   }

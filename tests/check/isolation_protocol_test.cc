@@ -88,17 +88,29 @@ TEST(IsolationProtocol, BytesThatAreNoMessageAreGarbled) {
     std::memcpy(frame.data(), &size, sizeof size);
     return frame + body;
   };
-  auto cbor = [](const nlohmann::json &j) {
-    const std::vector<std::uint8_t> bytes = nlohmann::json::to_cbor(j);
-    return std::string(bytes.begin(), bytes.end());
+  // Bodies taken from a real message and then damaged.
+  auto body = [](const Message &m) {
+    const std::vector<std::uint8_t> frame = Frame(m);
+    return std::string(frame.begin() + 4, frame.end());
   };
+  const std::string enter = body(Message::Enter(Stage::kLoad));
+  const std::string error = body(Message::Text(Kind::kPluginError, "p.so: lib_init returned 1"));
+  std::string huge_line = body(Message::Of(ipapp::host::InputError("a", 4, "t")));
+  huge_line[1 + 4 + 1 + 7] = '\x01';  // the line's top byte: beyond an int
+  ipapp::check::Invocation inv;
+  inv.trace = {{"maapi_exists", "/a", 1, ""}};
+  std::string many_calls = body(Message::Of(inv));
+  // validation, keypath, result, error, failed: then the trace's count.
+  many_calls[1 + 4 + 4 + 8 + 4 + 1 + 2] = '\x7f';
   const std::vector<std::pair<std::string, std::string>> cases = {
       {"text a plug-in printed", framed("accepted\n")},
-      {"unknown kind", framed(cbor({{"kind", "verdict"}}))},
-      {"unknown stage", framed(cbor({{"kind", "enter"}, {"stage", "main"}}))},
-      {"field missing", framed(cbor({{"kind", "plugin_error"}}))},
-      {"field of another type",
-       framed(cbor({{"kind", "input_error"}, {"source", "a"}, {"line", "four"}, {"text", "t"}}))},
+      {"unknown kind", framed("\x08")},
+      {"unknown stage", framed(std::string(1, enter[0]) + "\x07")},
+      {"cut short", framed(error.substr(0, error.size() - 1))},
+      {"bytes after the message", framed(enter + "x")},
+      {"a number beyond its field", framed(huge_line)},
+      {"more calls than the message holds", framed(many_calls)},
+      {"empty", framed("")},
   };
   for (const auto &[what, bytes] : cases) {
     SCOPED_TRACE(what);

@@ -31,8 +31,8 @@
 #include <cstring>
 #include <filesystem>
 #include <iostream>
-#include <regex>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -141,10 +141,22 @@ void HoldStandardDescriptors() {
 
 // Seconds as plain decimal digits: the double conversion alone would take
 // "nan" (which passes any range), "inf" and "1e9".
+// Digits with an optional fraction ("60", "0.5", "60."), or a fraction
+// alone (".5"): nothing else, not even a sign or blanks.
+bool IsDecimalSeconds(const std::string &text) {
+  auto digits = [](std::string_view s) {
+    return std::all_of(s.begin(), s.end(), [](char c) { return c >= '0' && c <= '9'; });
+  };
+  const size_t dot = text.find('.');
+  if (dot == std::string::npos) return !text.empty() && digits(text);
+  const std::string_view whole(text.data(), dot);
+  const std::string_view fraction = std::string_view(text).substr(dot + 1);
+  return digits(whole) && digits(fraction) && !(whole.empty() && fraction.empty());
+}
+
 const CLI::Validator kDecimalSeconds(
     [](std::string &text) -> std::string {
-      static const std::regex decimal(R"([0-9]+(\.[0-9]*)?|\.[0-9]+)");
-      return std::regex_match(text, decimal) ? "" : "not a decimal number of seconds: " + text;
+      return IsDecimalSeconds(text) ? "" : "not a decimal number of seconds: " + text;
     },
     "SECONDS", "decimal seconds");
 

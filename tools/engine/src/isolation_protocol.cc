@@ -1,131 +1,226 @@
 #include "isolation_protocol.h"
 
 #include <cstring>
-
-#include <nlohmann/json.hpp>
+#include <limits>
 
 namespace ipapp::check::isolation {
 namespace {
 
-using nlohmann::json;
+// A message's body: its kind's byte, then its fields in a fixed order.
+// Numbers are 64-bit in host order (both ends are one program), texts a
+// 32-bit length and the bytes as they are, lists a 32-bit count and the
+// items. Nothing is optional: a body is read to its last byte or it is
+// garbled.
 
-// Each kind's name on the wire.
-const char *KindName(Kind kind) {
-  switch (kind) {
-    case Kind::kEnter:
-      return "enter";
-    case Kind::kInvocation:
-      return "invocation";
-    case Kind::kFault:
-      return "fault";
-    case Kind::kPluginError:
-      return "plugin_error";
-    case Kind::kInputError:
-      return "input_error";
-    case Kind::kError:
-      return "error";
-    case Kind::kFinishFailure:
-      return "finish_failure";
-    case Kind::kDone:
-      return "done";
+class Writer {
+ public:
+  explicit Writer(std::vector<std::uint8_t> *out) : out_(out) {}
+  void Byte(std::uint8_t b) { out_->push_back(b); }
+  void Number(std::int64_t n) { Raw(&n, sizeof n); }
+  void Count(size_t n) {
+    const auto c = static_cast<std::uint32_t>(n);
+    Raw(&c, sizeof c);
   }
-  throw std::logic_error("unknown message kind");
-}
-
-// Enumerators run from the first to the last without gaps: the names are
-// looked up by trying each.
-template <typename Enum, typename NameFn>
-Enum Named(const std::string &name, Enum last, NameFn name_of) {
-  for (int i = 0; i <= static_cast<int>(last); ++i) {
-    if (name == name_of(static_cast<Enum>(i))) return static_cast<Enum>(i);
+  void Text(const std::string &s) {
+    Count(s.size());
+    Raw(s.data(), s.size());
   }
-  throw Garbled("unknown name " + name);
+
+ private:
+  void Raw(const void *p, size_t n) {
+    const auto *b = static_cast<const std::uint8_t *>(p);
+    out_->insert(out_->end(), b, b + n);
+  }
+  std::vector<std::uint8_t> *out_;
+};
+
+class Reader {
+ public:
+  Reader(const std::uint8_t *p, size_t n) : p_(p), end_(p + n) {}
+  std::uint8_t Byte() {
+    Need(1);
+    return *p_++;
+  }
+  std::int64_t Number() {
+    std::int64_t n;
+    Raw(&n, sizeof n);
+    return n;
+  }
+  template <typename Int>
+  Int NumberAs() {
+    const std::int64_t n = Number();
+    if (n < static_cast<std::int64_t>(std::numeric_limits<Int>::min()) ||
+        (n > 0 && static_cast<std::uint64_t>(n) > std::numeric_limits<Int>::max())) {
+      throw Garbled("number out of range");
+    }
+    return static_cast<Int>(n);
+  }
+  // A count of items of at least min_item bytes each, that the body can hold.
+  size_t Count(size_t min_item) {
+    std::uint32_t c;
+    Raw(&c, sizeof c);
+    if (min_item != 0 && c > static_cast<size_t>(end_ - p_) / min_item) {
+      throw Garbled("count beyond the message");
+    }
+    return c;
+  }
+  std::string Text() {
+    const size_t n = Count(1);
+    std::string s(reinterpret_cast<const char *>(p_), n);
+    p_ += n;
+    return s;
+  }
+  bool Bool() {
+    const std::uint8_t b = Byte();
+    if (b > 1) throw Garbled("not a truth value");
+    return b == 1;
+  }
+  void End() const {
+    if (p_ != end_) throw Garbled("bytes after the message");
+  }
+
+ private:
+  void Need(size_t n) const {
+    if (static_cast<size_t>(end_ - p_) < n) throw Garbled("message cut short");
+  }
+  void Raw(void *out, size_t n) {
+    Need(n);
+    std::memcpy(out, p_, n);
+    p_ += n;
+  }
+  const std::uint8_t *p_;
+  const std::uint8_t *end_;
+};
+
+// Enumerators run from the first to the last without gaps.
+template <typename Enum>
+Enum EnumFrom(std::uint8_t b, Enum last) {
+  if (b > static_cast<int>(last)) throw Garbled("unknown message kind or stage");
+  return static_cast<Enum>(b);
 }
 
-json ToJson(const Invocation &inv) {
-  return {{"validation", inv.validation},
-          {"keypath", inv.keypath},
-          {"result", inv.result},
-          {"error", inv.error},
-          {"failed", inv.failed},
-          {"trace", inv.trace},
-          {"leaks", inv.leaks}};
+template <typename Enum>
+std::uint8_t ByteOf(Enum e) {
+  return static_cast<std::uint8_t>(e);
 }
 
-Invocation InvocationFrom(const json &j) {
+void Write(Writer &w, const Invocation &inv) {
+  w.Text(inv.validation);
+  w.Text(inv.keypath);
+  w.Number(inv.result);
+  w.Text(inv.error);
+  w.Byte(inv.failed ? 1 : 0);
+  w.Count(inv.trace.size());
+  for (const host::TraceEntry &t : inv.trace) {
+    w.Text(t.call);
+    w.Text(t.path);
+    w.Number(t.result);
+    w.Text(t.detail);
+  }
+  w.Count(inv.leaks.size());
+  for (const host::OpenItem &item : inv.leaks) {
+    w.Number(static_cast<std::int64_t>(item.id));
+    w.Text(item.kind);
+    w.Text(item.call);
+    w.Text(item.path);
+  }
+}
+
+Invocation ReadInvocation(Reader &r) {
   Invocation inv;
-  j.at("validation").get_to(inv.validation);
-  j.at("keypath").get_to(inv.keypath);
-  j.at("result").get_to(inv.result);
-  j.at("error").get_to(inv.error);
-  j.at("failed").get_to(inv.failed);
-  j.at("trace").get_to(inv.trace);
-  j.at("leaks").get_to(inv.leaks);
+  inv.validation = r.Text();
+  inv.keypath = r.Text();
+  inv.result = r.NumberAs<int>();
+  inv.error = r.Text();
+  inv.failed = r.Bool();
+  // The least an entry takes: its numbers and the lengths of its texts.
+  inv.trace.resize(r.Count(8 + 3 * 4));
+  for (host::TraceEntry &t : inv.trace) {
+    t.call = r.Text();
+    t.path = r.Text();
+    t.result = r.NumberAs<int>();
+    t.detail = r.Text();
+  }
+  inv.leaks.resize(r.Count(8 + 3 * 4));
+  for (host::OpenItem &item : inv.leaks) {
+    item.id = static_cast<std::uint64_t>(r.Number());
+    item.kind = r.Text();
+    item.call = r.Text();
+    item.path = r.Text();
+  }
   return inv;
 }
 
-json ToJson(const Message &m) {
-  json j = {{"kind", KindName(m.kind)}};
+void Write(Writer &w, const Message &m) {
+  w.Byte(ByteOf(m.kind));
   switch (m.kind) {
     case Kind::kEnter:
-      j["stage"] = StageName(m.stage);
+      w.Byte(ByteOf(m.stage));
       if (m.stage == Stage::kValidate) {
-        j["validation"] = m.validation;
-        j["keypath"] = m.keypath;
+        w.Text(m.validation);
+        w.Text(m.keypath);
       }
       break;
     case Kind::kInvocation:
-      j["invocation"] = ToJson(m.invocation);
+      Write(w, m.invocation);
       break;
     case Kind::kFault:
-      j["fault"] = m.fault;
+      w.Number(m.fault.kind);
+      w.Text(m.fault.function);
+      w.Text(m.fault.file);
+      w.Number(m.fault.line);
+      w.Text(m.fault.message);
       break;
     case Kind::kInputError:
-      j["source"] = m.source;
-      j["line"] = m.line;
-      j["text"] = m.text;
+      w.Text(m.source);
+      w.Number(m.line);
+      w.Text(m.text);
       break;
     case Kind::kPluginError:
     case Kind::kError:
     case Kind::kFinishFailure:
-      j["text"] = m.text;
+      w.Text(m.text);
       break;
     case Kind::kDone:
       break;
   }
-  return j;
 }
 
-Message MessageFrom(const json &j) {
+Message ReadMessage(Reader &r) {
   Message m;
-  m.kind = Named(j.at("kind").get<std::string>(), Kind::kDone, KindName);
+  m.kind = EnumFrom(r.Byte(), Kind::kDone);
   switch (m.kind) {
     case Kind::kEnter:
-      m.stage = Named(j.at("stage").get<std::string>(), Stage::kUnload, StageName);
+      m.stage = EnumFrom(r.Byte(), Stage::kUnload);
       if (m.stage == Stage::kValidate) {
-        j.at("validation").get_to(m.validation);
-        j.at("keypath").get_to(m.keypath);
+        m.validation = r.Text();
+        m.keypath = r.Text();
       }
       break;
     case Kind::kInvocation:
-      m.invocation = InvocationFrom(j.at("invocation"));
+      m.invocation = ReadInvocation(r);
       break;
     case Kind::kFault:
-      j.at("fault").get_to(m.fault);
+      m.fault.kind = r.NumberAs<int>();
+      m.fault.function = r.Text();
+      m.fault.file = r.Text();
+      m.fault.line = r.NumberAs<int>();
+      m.fault.message = r.Text();
       break;
     case Kind::kInputError:
-      j.at("source").get_to(m.source);
-      j.at("line").get_to(m.line);
-      j.at("text").get_to(m.text);
+      m.source = r.Text();
+      m.line = r.NumberAs<int>();
+      m.text = r.Text();
       break;
     case Kind::kPluginError:
     case Kind::kError:
     case Kind::kFinishFailure:
-      j.at("text").get_to(m.text);
+      m.text = r.Text();
       break;
     case Kind::kDone:
       break;
   }
+  r.End();
   return m;
 }
 
@@ -224,11 +319,12 @@ host::InputError Message::AsInputError() const {
 }
 
 std::vector<std::uint8_t> Frame(const Message &message) {
-  const std::vector<std::uint8_t> body = json::to_cbor(ToJson(message));
-  const auto size = static_cast<std::uint32_t>(body.size());
-  std::vector<std::uint8_t> frame(sizeof size + body.size());
+  std::vector<std::uint8_t> frame(sizeof(std::uint32_t));
+  frame.reserve(256);
+  Writer w(&frame);
+  Write(w, message);
+  const auto size = static_cast<std::uint32_t>(frame.size() - sizeof(std::uint32_t));
   std::memcpy(frame.data(), &size, sizeof size);
-  if (!body.empty()) std::memcpy(frame.data() + sizeof size, body.data(), body.size());
   return frame;
 }
 
@@ -244,11 +340,8 @@ std::optional<Message> FrameReader::Next() {
   }
   const auto *body = reinterpret_cast<const std::uint8_t *>(buffer_.data() + at_ + sizeof size);
   at_ += sizeof size + size;
-  try {
-    return MessageFrom(json::from_cbor(body, body + size));
-  } catch (const json::exception &e) {
-    throw Garbled(e.what());
-  }
+  Reader reader(body, size);
+  return ReadMessage(reader);
 }
 
 }  // namespace ipapp::check::isolation

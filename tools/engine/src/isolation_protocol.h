@@ -1,8 +1,10 @@
 // What the commit process tells the caller's process, on a pipe of their own.
 //
-// A frame is a 32-bit length in host order, then the message as CBOR
-// (strings travel byte for byte, valid UTF-8 or not). The messages, in the
-// order the commit process sends them:
+// A frame is a 32-bit length in host order, then the message: its kind, then
+// its fields, in a fixed binary layout that both ends share (they are one
+// program); strings travel byte for byte, valid UTF-8 or not. A frame that
+// does not read to its end exactly is garbled. The messages, in the order
+// the commit process sends them:
 //   kEnter          it is about to enter a stage (Stage below); for
 //                   kValidate, with the validation and the keypath
 //   kInvocation     one callback's outcome
@@ -95,7 +97,7 @@ struct Message {
   host::InputError AsInputError() const;
 };
 
-/// The frame of a message: length, then the CBOR body.
+/// The frame of a message: length, then the body.
 std::vector<std::uint8_t> Frame(const Message &message);
 
 /// Bytes that are no frame of a message.
