@@ -1,6 +1,6 @@
-// The report pipe's messages: whatever the commit process sends arrives as
-// sent, however the reads split it, and bytes that are no message are told
-// apart from a report.
+// The report's messages: whatever the commit process sends arrives as sent,
+// however the reads split it and whether it went through the journal or the
+// pipe, and bytes that are no message are told apart from a report.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -11,15 +11,18 @@
 #include <vector>
 
 #include "isolation_protocol.h"
+#include "journal.h"
 
 namespace {
 
 using ipapp::check::isolation::Frame;
 using ipapp::check::isolation::FrameReader;
 using ipapp::check::isolation::Garbled;
+using ipapp::check::isolation::Journal;
 using ipapp::check::isolation::Kind;
 using ipapp::check::isolation::Message;
 using ipapp::check::isolation::Stage;
+using ipapp::check::isolation::WakeUpFrame;
 
 // Every field of a message, in JSON, to compare what went in and came out.
 nlohmann::json Fields(const Message &m) {
@@ -67,6 +70,9 @@ TEST(IsolationProtocol, EveryMessageArrivesAsSentHoweverTheReadsSplitIt) {
   for (const Message &m : sent) {
     const std::vector<std::uint8_t> frame = Frame(m);
     wire.append(frame.begin(), frame.end());
+    // Wake-up calls in between carry nothing.
+    const std::vector<std::uint8_t> wake = WakeUpFrame();
+    wire.append(wake.begin(), wake.end());
   }
   for (size_t chunk : {size_t{1}, size_t{3}, size_t{64}, wire.size()}) {
     SCOPED_TRACE("reads of " + std::to_string(chunk) + " bytes");
@@ -118,6 +124,47 @@ TEST(IsolationProtocol, BytesThatAreNoMessageAreGarbled) {
     reader.Append(bytes.data(), bytes.size());
     EXPECT_THROW(reader.Next(), Garbled);
   }
+}
+
+// What the journal holds comes out once, in order, however often it is read;
+// a frame that does not fit is refused whole, and so is every frame after
+// it, which then goes on the pipe.
+TEST(IsolationProtocol, TheJournalGivesItsFramesOnceAndRefusesWhatDoesNotFit) {
+  Journal journal;
+  ASSERT_TRUE(journal.usable());
+  FrameReader reader;
+  std::vector<Message> sent;
+  size_t used = 0;
+  auto read_all = [&] {
+    std::vector<Message> got;
+    journal.TakeNew(&reader);
+    while (std::optional<Message> m = reader.Next()) got.push_back(std::move(*m));
+    return got;
+  };
+  for (int round = 0; round < 2; ++round) {
+    for (const Message &m : EveryKind()) {
+      const std::vector<std::uint8_t> frame = Frame(m);
+      ASSERT_TRUE(journal.Append(frame));
+      used += frame.size();
+      sent.push_back(m);
+    }
+  }
+  std::vector<Message> got = read_all();
+  EXPECT_TRUE(read_all().empty());  // nothing twice
+  ASSERT_EQ(got.size(), sent.size());
+  for (size_t i = 0; i < sent.size(); ++i) EXPECT_EQ(Fields(got[i]), Fields(sent[i])) << i;
+
+  // A frame of exactly the room left: its size less its text's is the same
+  // for every text of 64 KiB and more.
+  auto error_of = [](size_t n) { return Message::Text(Kind::kError, std::string(n, 'x')); };
+  const size_t overhead = Frame(error_of(size_t{1} << 16)).size() - (size_t{1} << 16);
+  const Message big = error_of(Journal::kCapacity - used - overhead);
+  EXPECT_FALSE(journal.Append(Frame(error_of(big.text.size() + 1))));
+  ASSERT_TRUE(journal.Append(Frame(big)));
+  EXPECT_FALSE(journal.Append(WakeUpFrame()));  // full to the last byte
+  got = read_all();
+  ASSERT_EQ(got.size(), 1u);
+  EXPECT_EQ(got[0].text, big.text);
 }
 
 }  // namespace

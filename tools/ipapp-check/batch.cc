@@ -30,6 +30,7 @@
 #include <sstream>
 #include <vector>
 
+#include "commit_heap.h"
 #include "printable.h"
 #include "report.h"
 
@@ -39,6 +40,10 @@ namespace {
 namespace fs = std::filesystem;
 using nlohmann::json;
 using Clock = std::chrono::steady_clock;
+
+// Address space set aside for a commit's heap: a commit at the element's
+// limits fills about 12 MiB, a small element's 1 MiB.
+constexpr size_t kCommitHeapReserve = size_t{8} << 20;
 
 // One element's outcome: what its single run would have said.
 struct Outcome {
@@ -111,8 +116,12 @@ Outcome CheckElement(const fs::path &dir, const std::shared_ptr<const host::Sche
     // Files are read in the commit's process, as in a single run; the
     // modules come with it from this one.
     const Report report = RunCommitIsolated(
-        options.plugin, [&] { return LoadCommit(schema, files); }, options.options,
-        options.timeout);
+        options.plugin,
+        [&] {
+          UseFreshHeap(kCommitHeapReserve);
+          return LoadCommit(schema, files);
+        },
+        options.options, options.timeout);
     std::ostringstream text;
     PrintText(text, report, options.options.trace);
     out.object = ToJson(report, options.options.trace);

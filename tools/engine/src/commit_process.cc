@@ -15,30 +15,56 @@
 namespace ipapp::check::isolation {
 namespace {
 
-// The child's end of the pipe. A frame that cannot be written (the parent
-// has gone) ends the child at once.
+// The child's end of the report: the journal while it has room, then the
+// pipe. A frame that cannot be written (the parent has gone) ends the child
+// at once.
 class Channel {
  public:
-  explicit Channel(int fd) : fd_(fd) {}
+  Channel(int fd, Journal *journal) : fd_(fd), journal_(journal) {}
 
+  // Everything the parent may need should the process end the next moment
+  // is in the journal before Send returns. The parent is woken only when
+  // the plug-in's time starts and when the report ends.
+  void Send(const Message &message) const {
+    const std::vector<std::uint8_t> frame = Frame(message);
+    if (!overflowed_ && journal_->Append(frame)) {
+      const bool timing = message.kind == Kind::kEnter && message.stage != Stage::kEngine;
+      const bool last = message.kind == Kind::kDone || message.kind == Kind::kPluginError ||
+                        message.kind == Kind::kInputError || message.kind == Kind::kError;
+      if ((timing && !timed_) || last) Write(WakeUpFrame());
+      timed_ = timed_ || timing;
+      return;
+    }
+    // The journal is full: this frame and all that follow go on the pipe.
+    overflowed_ = true;
+    SendOnPipe(message.kind, frame);
+  }
+
+ private:
   // Outcomes (an invocation, a fault) wait for the next message: every
   // other one, above all where the child is about to enter, goes out at once
   // with whatever waited, so that the parent always knows where the child is.
-  void Send(const Message &message) const {
-    const std::vector<std::uint8_t> frame = Frame(message);
+  void SendOnPipe(Kind kind, const std::vector<std::uint8_t> &frame) const {
     pending_.append(frame.begin(), frame.end());
-    if (message.kind == Kind::kInvocation || message.kind == Kind::kFault) return;
-    for (size_t done = 0; done < pending_.size();) {
-      ssize_t n = write(fd_, pending_.data() + done, pending_.size() - done);
+    if (kind == Kind::kInvocation || kind == Kind::kFault) return;
+    Write(pending_);
+    pending_.clear();
+  }
+
+  template <typename Bytes>
+  void Write(const Bytes &bytes) const {
+    for (size_t done = 0; done < bytes.size();) {
+      ssize_t n = write(fd_, bytes.data() + done, bytes.size() - done);
       if (n < 0 && errno == EINTR) continue;
       if (n <= 0) _exit(kChildLost);
       done += static_cast<size_t>(n);
     }
-    pending_.clear();
   }
 
- private:
   int fd_;
+  Journal *journal_;
+  mutable bool overflowed_ = false;
+  mutable bool timed_ = false;
   mutable std::string pending_;
 };
 
@@ -64,9 +90,9 @@ void Redirect(int fd, int target) {
 }
 
 // Makes the child the commit process: a group of its own, the report pipe
-// off the standard descriptors and out of reach of what the plug-in forks.
-// The report pipe's descriptor.
-int BecomeCommitProcess(int fd) {
+// off the standard descriptors, it and the journal out of reach of what the
+// plug-in forks. The report pipe's descriptor.
+int BecomeCommitProcess(int fd, Journal *journal) {
   // Nobody is left to read the report once the parent has gone.
   prctl(PR_SET_PDEATHSIG, SIGKILL);
   // Whatever the plug-in starts belongs to this group, which the parent
@@ -87,6 +113,7 @@ int BecomeCommitProcess(int fd) {
   Redirect(-1, STDIN_FILENO);
   report_fd = fd;
   pthread_atfork(nullptr, nullptr, CloseReportPipe);
+  journal->KeepFromChildren();
   return fd;
 }
 
@@ -121,9 +148,9 @@ std::string ReportCommit(const Channel &channel, const std::string &plugin_path,
 
 }  // namespace
 
-void RunChild(int fd, const std::string &plugin_path, const WithInput &with_input,
+void RunChild(int fd, Journal *journal, const std::string &plugin_path, const WithInput &with_input,
               Options options) {
-  const Channel channel(BecomeCommitProcess(fd));
+  const Channel channel(BecomeCommitProcess(fd, journal), journal);
   try {
     std::string finish_failure;
     channel.Send(Message::Enter(Stage::kEngine));

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "ipapp/check_engine.h"
+#include "journal.h"
 
 namespace ipapp::check::isolation {
 
@@ -19,10 +20,11 @@ using WithInput = std::function<void(const Commit &)>;
 inline constexpr int kChildLost = 125;
 
 /// Runs in the child right after fork: reports the commit of with_input's
-/// schema and transaction through the plug-in at plugin_path on fd, then
-/// ends the process. options' callbacks are replaced by the report's.
-[[noreturn]] void RunChild(int fd, const std::string &plugin_path, const WithInput &with_input,
-                           Options options);
+/// schema and transaction through the plug-in at plugin_path in journal
+/// and on fd, then ends the process. options' callbacks are replaced by the
+/// report's.
+[[noreturn]] void RunChild(int fd, Journal *journal, const std::string &plugin_path,
+                           const WithInput &with_input, Options options);
 
 }  // namespace ipapp::check::isolation
 

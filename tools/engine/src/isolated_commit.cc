@@ -3,6 +3,7 @@
 // started.
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -20,6 +21,7 @@
 #include "ipapp/check_engine.h"
 #include "ipapp/tools/failure_text.h"
 #include "isolation_protocol.h"
+#include "journal.h"
 
 namespace ipapp::check {
 namespace {
@@ -35,13 +37,17 @@ using Clock = std::chrono::steady_clock;
 struct Child {
   pid_t pid;
   int fd;  // the report pipe's reading end
+  // Readable once the process has ended (not reaped); -1 where the system
+  // has none.
+  int pidfd;
   bool reaped = false;
 
-  Child(pid_t p, int f) : pid(p), fd(f) {}
+  Child(pid_t p, int f) : pid(p), fd(f), pidfd(static_cast<int>(syscall(SYS_pidfd_open, p, 0))) {}
   Child(const Child &) = delete;
   Child &operator=(const Child &) = delete;
   ~Child() {
     if (fd >= 0) close(fd);
+    if (pidfd >= 0) close(pidfd);
     if (reaped) return;
     kill(-pid, SIGKILL);
     kill(pid, SIGKILL);
@@ -50,7 +56,7 @@ struct Child {
   }
 };
 
-std::unique_ptr<Child> StartChild(const std::string &plugin_path,
+std::unique_ptr<Child> StartChild(const std::string &plugin_path, isolation::Journal *journal,
                                   const isolation::WithInput &with_input, const Options &options) {
   // A plug-in that calls exit() flushes the stdio buffers it inherited:
   // they must be empty, or the caller's pending output appears twice.
@@ -70,7 +76,7 @@ std::unique_ptr<Child> StartChild(const std::string &plugin_path,
   }
   if (pid == 0) {
     close(fds[0]);
-    isolation::RunChild(fds[1], plugin_path, with_input, options);
+    isolation::RunChild(fds[1], journal, plugin_path, with_input, options);
   }
   close(fds[1]);
   // Also here: the child may not have got that far yet.
@@ -125,45 +131,84 @@ struct Received {
   }
 };
 
+// Takes the messages that have come, the journal's before the pipe's.
+void Deliver(isolation::FrameReader &frames, const Options &options,
+             std::chrono::milliseconds timeout, Received &in) {
+  while (!in.done) {
+    std::optional<Message> m = frames.Next();
+    if (!m) break;
+    in.Take(std::move(*m), options, timeout);
+  }
+}
+
 // Reads until the report is complete, not until the pipe ends: the report
-// does not wait for anything the plug-in left running.
-void ReadReport(int fd, const Options &options, std::chrono::milliseconds timeout, Received &in) {
-  isolation::FrameReader frames;
-  while (!in.garbled && !in.done) {
+// does not wait for anything the plug-in left running. The commit process
+// wakes this one up (a frame on the pipe) when the plug-in's time starts and
+// when the report is complete; its end wakes it up too.
+void ReadReport(const Child &child, isolation::Journal &journal, const Options &options,
+                std::chrono::milliseconds timeout, Received &in) {
+  isolation::FrameReader journal_frames, pipe_frames;
+  auto deliver = [&] {
+    journal.TakeNew(&journal_frames);
+    try {
+      Deliver(journal_frames, options, timeout, in);
+      Deliver(pipe_frames, options, timeout, in);
+    } catch (const isolation::Garbled &) {
+      in.garbled = true;  // something else wrote into the report
+    }
+  };
+  bool ended = false;  // the pipe's end, or the process's
+  while (!in.garbled && !in.done && !ended) {
     const auto left =
         in.deadline
             ? std::chrono::duration_cast<std::chrono::milliseconds>(*in.deadline - Clock::now())
                   .count()
             : 60000;
     if (left <= 0) {
-      in.timed_out = true;
+      // Where the process stands is in the journal, unread.
+      deliver();
+      in.timed_out = !in.done;
       break;
     }
-    pollfd p{fd, POLLIN, 0};
-    const int ready = poll(&p, 1, static_cast<int>(std::min<long long>(left + 1, 60000)));
+    pollfd p[2] = {{child.fd, POLLIN, 0}, {child.pidfd, POLLIN, 0}};
+    const nfds_t n = child.pidfd >= 0 ? 2 : 1;
+    const int ready = poll(p, n, static_cast<int>(std::min<long long>(left + 1, 60000)));
     if (ready < 0 && errno != EINTR) break;
     if (ready <= 0) continue;
-    char chunk[1 << 16];
-    const ssize_t got = read(fd, chunk, sizeof chunk);
-    if (got < 0 && errno == EINTR) continue;
-    if (got <= 0) break;
-    frames.Append(chunk, static_cast<size_t>(got));
-    try {
-      while (!in.done) {
-        std::optional<Message> m = frames.Next();
-        if (!m) break;
-        in.Take(std::move(*m), options, timeout);
+    // A process that has ended wrote all it will: what is in the pipe is
+    // read without waiting (something it started may hold the pipe open).
+    const bool exited = n == 2 && p[1].revents != 0;
+    for (int reads = 0; p[0].revents != 0 && reads < 64; ++reads) {
+      char chunk[1 << 16];
+      const ssize_t got = read(child.fd, chunk, sizeof chunk);
+      if (got < 0 && errno == EINTR) continue;
+      if (got <= 0) {
+        ended = true;
+        break;
       }
-    } catch (const isolation::Garbled &) {
-      in.garbled = true;  // something else wrote into the pipe
+      pipe_frames.Append(chunk, static_cast<size_t>(got));
+      if (!exited) break;
+      pollfd again{child.fd, POLLIN, 0};
+      if (poll(&again, 1, 0) <= 0) break;
     }
+    ended = ended || exited;
+    deliver();
   }
 }
 
 // Waits for the child to end until the deadline, without reaping it: while
 // it is a zombie its pid, the id of its group, cannot be taken by another
 // process. false when it is still running.
-bool AwaitEnd(pid_t pid, Clock::time_point deadline) {
+bool AwaitEnd(pid_t pid, int pidfd, Clock::time_point deadline) {
+  while (pidfd >= 0) {
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now()).count();
+    pollfd p{pidfd, POLLIN, 0};
+    const int ready = poll(&p, 1, static_cast<int>(std::clamp<long long>(left + 1, 0, 60000)));
+    if (ready > 0) return true;
+    if (ready < 0 && errno != EINTR) break;  // asked the other way below
+    if (ready == 0 && Clock::now() >= deadline) return false;
+  }
   auto pause = std::chrono::microseconds(200);
   for (;;) {
     siginfo_t info{};
@@ -181,7 +226,7 @@ int EndChild(Child &child, std::chrono::milliseconds timeout, Received &in) {
   close(child.fd);
   child.fd = -1;
   const bool ended = !in.timed_out && !in.garbled &&
-                     AwaitEnd(child.pid, in.deadline.value_or(Clock::now() + timeout));
+                     AwaitEnd(child.pid, child.pidfd, in.deadline.value_or(Clock::now() + timeout));
   if (!ended) {
     in.timed_out = in.timed_out || !in.garbled;
     kill(child.pid, SIGKILL);
@@ -271,9 +316,10 @@ Report Conclude(const std::string &plugin_path, int status, Received &in, const 
 
 Report RunIsolated(const std::string &plugin_path, const isolation::WithInput &with_input,
                    const Options &options, std::chrono::milliseconds timeout) {
-  const std::unique_ptr<Child> child = StartChild(plugin_path, with_input, options);
+  isolation::Journal journal;
+  const std::unique_ptr<Child> child = StartChild(plugin_path, &journal, with_input, options);
   Received in;
-  ReadReport(child->fd, options, timeout, in);
+  ReadReport(*child, journal, options, timeout, in);
   const int status = EndChild(*child, timeout, in);
   return Conclude(plugin_path, status, in, options, timeout);
 }

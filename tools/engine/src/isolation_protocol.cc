@@ -328,15 +328,23 @@ std::vector<std::uint8_t> Frame(const Message &message) {
   return frame;
 }
 
+std::vector<std::uint8_t> WakeUpFrame() {
+  return std::vector<std::uint8_t>(sizeof(std::uint32_t), 0);
+}
+
 std::optional<Message> FrameReader::Next() {
   std::uint32_t size = 0;
-  const size_t left = buffer_.size() - at_;
-  if (left >= sizeof size) std::memcpy(&size, buffer_.data() + at_, sizeof size);
-  if (left < sizeof size || left - sizeof size < size) {
-    // Only the incomplete frame is kept.
-    buffer_.erase(0, at_);
-    at_ = 0;
-    return std::nullopt;
+  for (;;) {
+    const size_t left = buffer_.size() - at_;
+    if (left >= sizeof size) std::memcpy(&size, buffer_.data() + at_, sizeof size);
+    if (left < sizeof size || left - sizeof size < size) {
+      // Only the incomplete frame is kept.
+      buffer_.erase(0, at_);
+      at_ = 0;
+      return std::nullopt;
+    }
+    if (size != 0) break;
+    at_ += sizeof size;
   }
   const auto *body = reinterpret_cast<const std::uint8_t *>(buffer_.data() + at_ + sizeof size);
   at_ += sizeof size + size;

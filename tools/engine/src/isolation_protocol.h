@@ -1,4 +1,5 @@
-// What the commit process tells the caller's process, on a pipe of their own.
+// What the commit process tells the caller's process: frames in shared
+// memory (journal.h), then, should that fill up, on a pipe of their own.
 //
 // A frame is a 32-bit length in host order, then the message: its kind, then
 // its fields, in a fixed binary layout that both ends share (they are one
@@ -15,6 +16,8 @@
 //   kFinishFailure  what lib_finish threw (text)
 //   kDone           the report is complete
 // The first kEnter other than kEngine starts the plug-in's time limit.
+// A frame of length 0 carries no message: it wakes the caller up to read
+// the messages the commit process left in shared memory (journal.h).
 //
 // How the commit process can end, as the caller tells it (EndingOf):
 //   - kDone, then exit status 0: the report stands as sent;
@@ -99,6 +102,8 @@ struct Message {
 
 /// The frame of a message: length, then the body.
 std::vector<std::uint8_t> Frame(const Message &message);
+/// The frame that carries no message, only a wake-up call.
+std::vector<std::uint8_t> WakeUpFrame();
 
 /// Bytes that are no frame of a message.
 class Garbled : public std::runtime_error {
@@ -111,8 +116,8 @@ class Garbled : public std::runtime_error {
 class FrameReader {
  public:
   void Append(const char *data, size_t size) { buffer_.append(data, size); }
-  /// The next complete message, or nothing until more bytes come. Throws
-  /// Garbled.
+  /// The next complete message, or nothing until more bytes come; frames
+  /// without a message are passed over. Throws Garbled.
   std::optional<Message> Next();
 
  private:

@@ -166,9 +166,10 @@ Report RunCommit(const Plugin &plugin, const host::Schema &schema, host::Transac
 /// The child runs in a process group of its own, ended with it: whatever the
 /// plug-in starts does not outlive the call, and a process it leaves running
 /// does not hold up the report. The plug-in's standard output goes to
-/// standard error, its standard input is /dev/null; the report travels on a pipe that is never a
-/// standard descriptor and that processes the plug-in forks do not inherit. before_each and
-/// after_each are called in the caller's process as the child reports. Throws host::InputError as
+/// standard error, its standard input is /dev/null; the report travels in shared memory and on a
+/// pipe that is never a standard descriptor, neither of which processes the plug-in forks
+/// inherit. before_each and after_each are called in the caller's process, in order, as the
+/// report is read: mostly once the commit has ended. Throws host::InputError as
 /// RunCommit does. Call it while no other thread of the caller uses the data store: the child
 /// inherits the store's lock in whatever state fork found it.
 Report RunCommitIsolated(const std::string &plugin_path, const host::Schema &schema,

@@ -1,0 +1,51 @@
+#include "commit_heap.h"
+
+#include <malloc.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdlib>
+
+namespace ipapp::check {
+namespace {
+
+constexpr uintptr_t kHugePage = uintptr_t{2} << 20;
+
+uintptr_t Break() {
+  return reinterpret_cast<uintptr_t>(sbrk(0));
+}
+
+}  // namespace
+
+void UseFreshHeap(size_t reserve) {
+  // Blocks up to this size come from the heap instead of mappings of their
+  // own, and nothing is given back: the process ends soon anyway.
+  if (mallopt(M_MMAP_THRESHOLD, 32 << 20) == 0 || mallopt(M_TRIM_THRESHOLD, INT32_MAX) == 0) {
+    return;
+  }
+  // One block as large as the reserve, freed at once, leaves the heap's top
+  // (what malloc carves new blocks from) reserve bytes long. volatile: the
+  // pair must not be optimised away.
+  const uintptr_t before = Break();
+  void *volatile probe = malloc(reserve);
+  free(probe);
+  const uintptr_t end = Break();
+  if (end < before + reserve) return;  // no room to grow, or not from the heap
+  // The top up to the next huge-page boundary is taken by a block never
+  // touched (no memory), so that what follows fills whole huge pages.
+  const uintptr_t top = end - mallinfo2().keepcost;
+  const uintptr_t boundary = (top + kHugePage - 1) & ~(kHugePage - 1);
+  const uintptr_t huge_end = end & ~(kHugePage - 1);
+  if (boundary >= huge_end) return;
+  // Advised before anything is written there: a page already in place
+  // keeps its 2 MiB from becoming one huge page.
+  madvise(reinterpret_cast<void *>(boundary), huge_end - boundary, MADV_HUGEPAGE);
+  if (boundary - top >= 4096) {
+    // A block's size includes an 8-byte header: this one ends at boundary.
+    void *volatile skip = malloc(boundary - top - sizeof(size_t));
+    (void)skip;
+  }
+}
+
+}  // namespace ipapp::check
