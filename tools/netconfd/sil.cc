@@ -5,8 +5,9 @@
 //   IPAPP_NETCONFD_PLUGIN   the validation plug-in (libip_app_validation.so)
 //   IPAPP_NETCONFD_YANG     the directory of the element's YANG modules
 //   IPAPP_NETCONFD_TIMEOUT  seconds one check may take (default 60)
-// Each check runs the plug-in in a child process of netconfd (the engine's
-// isolated commit), in two places:
+// Each check runs the plug-in in a commit process of its own (the engine's
+// isolated commit), forked by the commit runner the library starts next to
+// netconfd (commit_runner.h), in two places:
 //   - netconfd's commit-validate callback, made for every <commit> of the
 //     candidate (a refusal fails the commit);
 //   - the validate step of <validate>, which netconfd offers no hook for:
@@ -34,11 +35,14 @@ extern "C" {
 #include <xml_wr.h>
 }
 
+#include <dlfcn.h>
+
 #include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <filesystem>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -46,12 +50,12 @@ extern "C" {
 
 #include <ipapp/tools/failure_text.h>
 
-#include "commit_hook.h"
+#include "commit_runner.h"
 #include "keypath.h"
 
 namespace {
 
-using ipapp::netconfd::CommitHook;
+using ipapp::netconfd::CommitRunner;
 using ipapp::netconfd::KeypathStep;
 using ipapp::netconfd::ParseKeypath;
 using ipapp::netconfd::Verdict;
@@ -59,7 +63,7 @@ using ipapp::netconfd::XPathLiteral;
 
 constexpr const char *kModule = "ipapp-netconfd";
 
-std::unique_ptr<CommitHook> g_hook;
+std::unique_ptr<CommitRunner> g_hook;
 
 const xmlChar *X(const char *s) {
   return reinterpret_cast<const xmlChar *>(s);
@@ -296,6 +300,16 @@ const char *Env(const char *name) {
   return value != nullptr && *value != '\0' ? value : nullptr;
 }
 
+// The commit runner, installed and built next to this library.
+std::string RunnerPath() {
+  Dl_info info{};
+  if (dladdr(reinterpret_cast<void *>(&Env), &info) == 0 || info.dli_fname == nullptr) {
+    return ipapp::netconfd::kRunnerName;
+  }
+  return (std::filesystem::path(info.dli_fname).parent_path() / ipapp::netconfd::kRunnerName)
+      .string();
+}
+
 // IPAPP_NETCONFD_TIMEOUT in milliseconds; 60 s when unset, 0 when malformed.
 std::chrono::milliseconds Timeout() {
   const char *text = Env("IPAPP_NETCONFD_TIMEOUT");
@@ -330,7 +344,7 @@ __attribute__((visibility("default"))) status_t y_ipapp_netconfd_init(const xmlC
     return ERR_NCX_OPERATION_FAILED;
   }
   try {
-    g_hook = std::make_unique<CommitHook>(plugin, yang, timeout);
+    g_hook = std::make_unique<CommitRunner>(RunnerPath(), plugin, yang, timeout);
   } catch (const std::exception &e) {
     log_error("\n%s: %s", kModule, e.what());
     return ERR_NCX_OPERATION_FAILED;
