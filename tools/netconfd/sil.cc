@@ -36,6 +36,7 @@ extern "C" {
 }
 
 #include <dlfcn.h>
+#include <stdio_ext.h>
 
 #include <chrono>
 #include <cmath>
@@ -82,6 +83,9 @@ std::string ElementData(val_value_t *root) {
   size_t len = 0;
   FILE *out = open_memstream(&buf, &len);
   if (out == nullptr) throw std::runtime_error("cannot allocate the configuration text");
+  // netconfd writes the text a character at a time: without a lock taken
+  // for each, in half the time. The stream is this call's alone.
+  __fsetlocking(out, FSETLOCKING_BYCALLER);
   status_t res = NO_ERR;
   for (val_value_t *top = val_get_first_child(root); top != nullptr && res == NO_ERR;
        top = val_get_next_child(top)) {
