@@ -254,6 +254,44 @@ TEST(CommitRunnerTest, RunnerEndsWithItsServer) {
   EXPECT_TRUE(Gone(stopped, 0ms));  // reaped before the destructor returned
 }
 
+// The runner gets its malloc setting on top of the server's, and puts the
+// server's environment back before any commit runs.
+TEST(CommitRunnerTest, RunnerRunsCommitsInTheServersEnvironment) {
+  const char *var = "IPAPP_NETCONFD_SERVER_TUNABLES";
+  struct Case {
+    const char *server;  // the server's GLIBC_TUNABLES, or null
+    std::string runner;  // the runner's, as started
+  } cases[] = {
+      {nullptr, "glibc.malloc.hugetlb=1"},
+      {"glibc.malloc.hugetlb=0", "glibc.malloc.hugetlb=1:glibc.malloc.hugetlb=0"},
+  };
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.server ? c.server : "none");
+    if (c.server) setenv("GLIBC_TUNABLES", c.server, 1);
+    CommitRunner runner(IPAPP_NETCONFD_RUNNER, IPAPP_PLUGIN, IPAPP_YANG_DIR, 60s);
+    unsetenv("GLIBC_TUNABLES");
+    // As started (later changes do not show here; glibc may cut the value
+    // where it has read it).
+    std::ifstream in("/proc/" + std::to_string(runner.pid()) + "/environ");
+    bool huge_pages = false, server_kept = false;
+    for (std::string entry; std::getline(in, entry, '\0');) {
+      huge_pages = huge_pages || entry.rfind("GLIBC_TUNABLES=glibc.malloc.hugetlb=1", 0) == 0;
+      server_kept = server_kept || (c.server && entry == std::string(var) + "=" + c.server);
+    }
+    EXPECT_TRUE(huge_pages);
+    EXPECT_EQ(server_kept, c.server != nullptr);
+
+    // What the runner then does with it.
+    setenv("GLIBC_TUNABLES", c.runner.c_str(), 1);
+    if (c.server) setenv(var, c.server, 1);
+    ipapp::netconfd::RestoreEnvironment();
+    const char *restored = std::getenv("GLIBC_TUNABLES");
+    EXPECT_EQ(restored ? std::string(restored) : "none", c.server ? c.server : "none");
+    EXPECT_EQ(std::getenv(var), nullptr);
+    unsetenv("GLIBC_TUNABLES");
+  }
+}
+
 // The wire carries any bytes, and a frame cut short reads as nothing.
 TEST(CommitRunnerTest, FramesCarryAnyBytesAndCutFramesReadAsNothing) {
   using ipapp::netconfd::ReadFrame;

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <exception>
 #include <stdexcept>
@@ -27,6 +28,9 @@ constexpr std::uint32_t kMaxStrings = 1 << 16;
 constexpr std::uint64_t kMaxString = std::uint64_t{1} << 32;
 
 constexpr const char *kCheck = "check";
+constexpr const char *kHugePages = "glibc.malloc.hugetlb=1";
+// The server's own GLIBC_TUNABLES, for the runner to put back.
+constexpr const char *kServerTunables = "IPAPP_NETCONFD_SERVER_TUNABLES";
 constexpr const char *kReady = "ready";
 constexpr const char *kError = "error";
 
@@ -79,7 +83,43 @@ std::string EndText(int status) {
   return "ended (exit status " + std::to_string(WEXITSTATUS(status)) + ")";
 }
 
+// The server's environment, with glibc's malloc told to back its heap with
+// huge pages: a commit's process allocates its trees afresh, and page faults
+// are a good part of its time. The runner puts the server's own setting back
+// before anything else runs (RestoreEnvironment), so that the plug-in sees
+// the server's environment.
+std::vector<std::string> RunnerEnvironment() {
+  constexpr std::string_view kTunables = "GLIBC_TUNABLES=";
+  std::vector<std::string> env;
+  std::optional<std::string> tunables;
+  for (char **e = environ; *e != nullptr; ++e) {
+    const std::string_view entry = *e;
+    if (entry.substr(0, kTunables.size()) == kTunables) {
+      tunables = entry.substr(kTunables.size());
+    } else if (entry.substr(0, std::strlen(kServerTunables) + 1) !=
+               std::string(kServerTunables) + "=") {
+      env.emplace_back(entry);
+    }
+  }
+  std::string ours = std::string(kTunables) + kHugePages;
+  if (tunables) {
+    ours += ":" + *tunables;  // the server's settings win
+    env.push_back(std::string(kServerTunables) + "=" + *tunables);
+  }
+  env.push_back(ours);
+  return env;
+}
+
 }  // namespace
+
+void RestoreEnvironment() {
+  if (const char *server = std::getenv(kServerTunables)) {
+    setenv("GLIBC_TUNABLES", server, 1);
+    unsetenv(kServerTunables);
+  } else {
+    unsetenv("GLIBC_TUNABLES");
+  }
+}
 
 bool WriteFrame(int fd, const std::vector<std::string> &strings) {
   return WriteViews(fd, std::vector<std::string_view>(strings.begin(), strings.end()));
@@ -183,7 +223,11 @@ void CommitRunner::Start() {
   for (const std::string &a : args) argv.push_back(const_cast<char *>(a.c_str()));
   argv.push_back(nullptr);
   pid_t pid = -1;
-  const int rc = posix_spawn(&pid, runner_path_.c_str(), &actions, &attr, argv.data(), environ);
+  std::vector<std::string> env = RunnerEnvironment();
+  std::vector<char *> envp;
+  for (std::string &e : env) envp.push_back(e.data());
+  envp.push_back(nullptr);
+  const int rc = posix_spawn(&pid, runner_path_.c_str(), &actions, &attr, argv.data(), envp.data());
   posix_spawn_file_actions_destroy(&actions);
   posix_spawnattr_destroy(&attr);
   close(theirs);

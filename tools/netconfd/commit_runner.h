@@ -74,6 +74,10 @@ class CommitRunner {
   int fd_ = -1;
 };
 
+/// In the runner, first: its environment as the server's (the runner is
+/// started with a malloc setting of its own).
+void RestoreEnvironment();
+
 /// The runner program's work: serves the requests on fd until it ends.
 /// Returns the exit status.
 int ServeCommits(int fd, const std::string &plugin_path, const std::string &yang_dir,

@@ -54,6 +54,7 @@ int main(int argc, char **argv) {
   // the parent.
   prctl(PR_SET_PDEATHSIG, SIGKILL);
   if (getppid() != static_cast<pid_t>(parent)) return 1;
+  ipapp::netconfd::RestoreEnvironment();
   signal(SIGPIPE, SIG_IGN);
   fcntl(kRunnerFd, F_SETFD, FD_CLOEXEC);
   pthread_atfork(nullptr, nullptr, CloseServerSocket);
