@@ -353,8 +353,8 @@ __attribute__((visibility("default"))) status_t y_ipapp_netconfd_init(const xmlC
     log_error("\n%s: %s", kModule, e.what());
     return ERR_NCX_OPERATION_FAILED;
   }
-  log_info("\n%s: plug-in %s, modules from %s, %lld ms per check", kModule, plugin, yang,
-           static_cast<long long>(timeout.count()));
+  log_info("\n%s: plug-in %s, modules from %s, %lld ms per check, commit runner pid %d", kModule,
+           plugin, yang, static_cast<long long>(timeout.count()), static_cast<int>(g_hook->pid()));
   res = agt_commit_validate_register(X(kModule), CheckCandidate);
   if (res == NO_ERR) res = TakeOverValidate();
   return res;
