@@ -12,7 +12,9 @@
 //
 // The runner is the server's child and stays in its process group: it dies
 // with the server (a parent-death signal, and the end of its socket), and a
-// signal to the server's group reaches it. Its one channel is an anonymous
+// signal to the server's group reaches it. The parent-death signal comes
+// when the thread that started the runner ends: start it from the server's
+// main thread (netconfd has no other). Its one channel is an anonymous
 // socket pair; it inherits no other descriptor of the server's but the
 // standard ones, and writes no file.
 #ifndef IPAPP_NETCONFD_COMMIT_RUNNER_H
