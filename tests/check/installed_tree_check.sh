@@ -15,6 +15,18 @@ for exe in "$prefix"/bin/*; do
     exit 1
   fi
 done
+# ipapp-netconfd's commit runner lives beside its library and takes no
+# options: it answers anything else with its usage, once its libraries load.
+runner=$(find "$prefix" -name ipapp-netconfd-commit -type f)
+if [ -n "$runner" ]; then
+  status=0
+  "$runner" 2>"$prefix/err" || status=$?
+  if [ "$status" != 2 ] || ! grep -q "started by ipapp-netconfd's library only" "$prefix/err"; then
+    echo "installed ipapp-netconfd-commit does not start (exit $status):" >&2
+    cat "$prefix/err" >&2
+    exit 1
+  fi
+fi
 status=0
 out=$("$prefix/bin/ipapp-check" --running "$source/examples/running.xml" \
   --candidate "$source/examples/vrf-ospf.xml") || status=$?

@@ -18,8 +18,8 @@ import time
 import unittest
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from server import (Server, StartFailure, free_port, port_listening,  # noqa: E402
-                    processes_mentioning, run_launcher)
+from server import (Server, StartFailure, all_gone, commit_runners, free_port,  # noqa: E402
+                    port_listening, processes_mentioning, run_launcher)
 
 LAUNCHER = os.environ.get("IPAPP_NETCONFD_EXE", "")
 AS_NOBODY = ["setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups", "--"]
@@ -252,6 +252,14 @@ class LifecycleTest(unittest.TestCase):
 
     STOP_BOUND = 4.0  # seconds; netconfd takes about one, a stop that must kill takes 5
 
+    def runners(self, server):
+        """The one commit runner of server's netconfd."""
+        netconfd = netconfd_of(server.dir)
+        self.assertEqual(len(netconfd), 1)
+        runners = commit_runners(netconfd[0])
+        self.assertEqual(len(runners), 1)
+        return runners
+
     def clean_shutdown(self, server):
         with open(os.path.join(server.dir, "netconfd.log")) as f:
             return "Shutting down the netconfd server" in f.read()
@@ -264,6 +272,7 @@ class LifecycleTest(unittest.TestCase):
                 try:
                     with server.connect():
                         pass
+                    runners = self.runners(server)
                     # A reader gone from its output does not stop it.
                     server.proc.send_signal(signal.SIGPIPE)
                     time.sleep(0.2)
@@ -275,6 +284,7 @@ class LifecycleTest(unittest.TestCase):
                     self.assertEqual(status, 0)
                     self.assertLess(took, self.STOP_BOUND)
                     self.assertTrue(server.gone(1))
+                    self.assertTrue(all_gone(runners, 1))
                     self.assertTrue(self.clean_shutdown(server))
                 finally:
                     server.own_dir = True
@@ -310,9 +320,11 @@ class LifecycleTest(unittest.TestCase):
         server = Server(LAUNCHER)
         try:
             session = server.connect()
+            runners = self.runners(server)
             server.proc.kill()
             server.proc.wait()
             self.assertTrue(server.gone(10), processes_mentioning(server.dir))
+            self.assertTrue(all_gone(runners, 5))
             session.close_session() if session.connected else None
         except Exception:
             raise
@@ -324,12 +336,13 @@ class LifecycleTest(unittest.TestCase):
         server = Server(LAUNCHER)
         try:
             netconfd = netconfd_of(server.dir)
-            self.assertEqual(len(netconfd), 1)
+            runners = self.runners(server)
             os.kill(netconfd[0], signal.SIGKILL)
             self.assertEqual(server.proc.wait(timeout=30), 1)
             self.assertIn("netconfd was killed by signal SIGKILL (Killed); stopping",
                           server.proc.stderr.read())
             self.assertTrue(server.gone(5))
+            self.assertTrue(all_gone(runners, 5))
         finally:
             server.stop()
 

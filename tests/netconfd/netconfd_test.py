@@ -11,6 +11,7 @@ import os
 import pwd
 import re
 import shlex
+import signal
 import subprocess
 import sys
 import tempfile
@@ -20,7 +21,8 @@ from lxml import etree
 from ncclient.operations import RPCError
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from server import NETCONF_NS, Server, StartFailure, config, run_launcher  # noqa: E402
+from server import (NETCONF_NS, Server, StartFailure, commit_runners, config,  # noqa: E402
+                    processes_mentioning, run_launcher)
 
 LAUNCHER = os.environ.get("IPAPP_NETCONFD_EXE", "")
 CHECK = os.environ.get("IPAPP_CHECK_EXE", "")
@@ -279,6 +281,28 @@ class VerdictTest(ServerTest):
                                   f"{first_line[len('refused: '):]}", log.read())
                 self.session.discard_changes()
                 self.assertEqual(element_leaves(self.candidate()), file_leaves("running.xml"))
+
+    def test_dead_commit_runner_fails_one_commit_and_the_next_is_checked(self):
+        netconfd = [pid for pid in processes_mentioning(self.server.dir)
+                    if open(f"/proc/{pid}/cmdline", "rb").read().startswith(b"/usr/sbin/netconfd\0")]
+        self.assertEqual(len(netconfd), 1)
+        runners = commit_runners(netconfd[0])
+        self.assertEqual(len(runners), 1)
+        os.kill(runners[0], signal.SIGKILL)
+        self.session.edit_config(
+            target="candidate", config=config(change(example("running.xml"),
+                                                     example("vrf-ospf.xml"))))
+        with self.assertRaises(RPCError) as raised:
+            self.session.commit()
+        self.assertEqual(raised.exception.tag, "operation-failed")
+        self.assertEqual(raised.exception.message,
+                         "the commit runner was killed (signal SIGKILL, Killed); it starts again "
+                         "for the next check")
+        with self.assertRaises(RPCError) as raised:
+            self.session.commit()
+        self.assertEqual("refused: " + raised.exception.message, ipapp_check("vrf-ospf.xml")[0])
+        self.assertEqual(len(commit_runners(netconfd[0])), 1)
+        self.assertEqual(element_leaves(self.running()), file_leaves("running.xml"))
 
     def test_malformed_edit_gets_netconfds_own_error(self):
         before = self.running()

@@ -43,6 +43,43 @@ def processes_mentioning(text):
     return pids
 
 
+def commit_runners(netconfd):
+    """Pids of the commit runners the netconfd with pid netconfd started
+    (they do not mention DIR)."""
+    try:
+        with open(f"/proc/{netconfd}/task/{netconfd}/children") as f:
+            children = [int(x) for x in f.read().split()]
+    except OSError:
+        return []
+    runners = []
+    for pid in children:
+        try:
+            with open(f"/proc/{pid}/cmdline", "rb") as f:
+                if f.read().split(b"\0")[0].endswith(b"/ipapp-netconfd-commit"):
+                    runners.append(pid)
+        except OSError:
+            pass
+    return runners
+
+
+def all_gone(pids, timeout=10):
+    """Whether, within timeout seconds, none of pids runs any more (a zombie
+    waiting to be reaped counts as gone)."""
+    deadline = time.monotonic() + timeout
+    while True:
+        alive = []
+        for pid in pids:
+            try:
+                with open(f"/proc/{pid}/stat") as f:
+                    if f.read().rsplit(")", 1)[1].split()[0] not in ("Z", "X"):
+                        alive.append(pid)
+            except OSError:
+                pass
+        if not alive or time.monotonic() >= deadline:
+            return not alive
+        time.sleep(0.05)
+
+
 class StartFailure(Exception):
     def __init__(self, text, status=None, stderr=""):
         super().__init__(text)
