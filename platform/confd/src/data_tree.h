@@ -40,10 +40,10 @@ struct DNode {
   };
   const SNode *s = nullptr;
   DNode *parent = nullptr;
-  const lyd_node *ly = nullptr;
-  Slot *slots = nullptr;  ///< containers and entries: one per child SNode (by index)
-  confd_value_t value{};  ///< leaves; C_BUF points at libyang's string
-  std::string_view text;  ///< leaves: the value's text form
+  const lyd_node *ly = nullptr;  ///< null in a tree built without keeping libyang's data
+  Slot *slots = nullptr;         ///< containers and entries: one per child SNode (by index)
+  confd_value_t value{};         ///< leaves; C_BUF points at libyang's string
+  std::string_view text;         ///< leaves: the value's text form
 
   const DNode *Child(const SNode *c) const {
     return slots == nullptr ? nullptr : slots[c->index].node;
@@ -83,14 +83,20 @@ class DataError : public std::runtime_error {
 
 class DataTree {
  public:
+  /// What becomes of the libyang data once indexed. Only XPath reads it
+  /// (DNode::ly, ly_tree()); a tree no XPath is evaluated on frees it at
+  /// once, its texts copied, so that two configurations' libyang data
+  /// never coexist.
+  enum class Libyang { kKeep, kFree };
   /// Takes ownership of tree (may be null: empty configuration). Throws
   /// DataError naming the node.
-  DataTree(const SchemaIndex &schema, lyd_node *tree);
+  DataTree(const SchemaIndex &schema, lyd_node *tree, Libyang libyang = Libyang::kKeep);
   ~DataTree();
   DataTree(const DataTree &) = delete;
   DataTree &operator=(const DataTree &) = delete;
 
   const DNode &root() const { return *root_; }
+  /// Null for an empty configuration and once freed (Libyang::kFree).
   const lyd_node *ly_tree() const { return tree_; }
   const SchemaIndex &schema() const { return schema_; }
   size_t size() const { return size_; }
@@ -124,9 +130,11 @@ class DataTree {
   void SetLeafValue(DNode &node, const lyd_node *ly);
   ListInst *ListOf(DNode::Slot &slot, const SNode *s, std::vector<ListInst *> *touched);
   void SortEntries(ListInst *list) const;
+  static void ForgetLibyang(DNode *node);
 
   const SchemaIndex &schema_;
   lyd_node *tree_;
+  bool keep_libyang_;
   uint64_t serial_;
   Arena arena_;
   DNode *root_ = nullptr;
