@@ -1,6 +1,7 @@
 #include "data_tree.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -193,13 +194,23 @@ DataTree::~DataTree() {
 }
 
 DNode *DataTree::NewNode(const SNode *s, DNode *parent, const lyd_node *ly) {
-  DNode *node = arena_.New<DNode>();
+  DNode *node;
+  if (s->kind == NodeKind::kLeaf || s->kind == NodeKind::kLeafList) {
+    node = arena_.New<DNode>();
+  } else {
+    // Most nodes are leaves, but a third are not: a container or entry
+    // takes only the part before the value, then its slots.
+    constexpr size_t kHead = offsetof(DNode, value);
+    static_assert(kHead % alignof(DNode::Slot) == 0 && alignof(DNode::Slot) <= alignof(DNode));
+    const size_t n = s->children.size();
+    char *p = static_cast<char *>(arena_.Allocate(kHead + n * sizeof(DNode::Slot), alignof(DNode)));
+    node = reinterpret_cast<DNode *>(p);
+    node->slots = reinterpret_cast<DNode::Slot *>(p + kHead);
+    for (size_t i = 0; i < n; ++i) new (node->slots + i) DNode::Slot();
+  }
   node->s = s;
   node->parent = parent;
   node->ly = ly;
-  if (s->kind != NodeKind::kLeaf && s->kind != NodeKind::kLeafList) {
-    node->slots = arena_.New<DNode::Slot>(s->children.size());
-  }
   ++size_;
   return node;
 }

@@ -32,7 +32,10 @@ struct ListInst {
 
 /// A data node. Nodes, their slots and the texts that libyang does not hold
 /// live in their tree's arena: a node is trivially destructible and lives as
-/// long as its tree.
+/// long as its tree. Only a leaf (or leaf-list entry) is a whole DNode: a
+/// container's or entry's storage ends where value begins, its slots follow
+/// it, so that value and text of anything but a leaf must never be read,
+/// nor a DNode copied.
 struct DNode {
   struct Slot {
     DNode *node = nullptr;     ///< leaf or container child
@@ -40,10 +43,15 @@ struct DNode {
   };
   const SNode *s = nullptr;
   DNode *parent = nullptr;
-  const lyd_node *ly = nullptr;  ///< null in a tree built without keeping libyang's data
   Slot *slots = nullptr;         ///< containers and entries: one per child SNode (by index)
-  confd_value_t value{};         ///< leaves; C_BUF points at libyang's string
-  std::string_view text;         ///< leaves: the value's text form
+  const lyd_node *ly = nullptr;  ///< null in a tree built without keeping libyang's data
+  // Leaves only, from here on.
+  confd_value_t value{};  ///< C_BUF points at libyang's string or the tree's copy
+  std::string_view text;  ///< the value's text form
+
+  DNode() = default;
+  DNode(const DNode &) = delete;
+  DNode &operator=(const DNode &) = delete;
 
   const DNode *Child(const SNode *c) const {
     return slots == nullptr ? nullptr : slots[c->index].node;
