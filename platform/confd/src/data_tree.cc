@@ -179,9 +179,8 @@ DataTree::DataTree(const SchemaIndex &schema, lyd_node *tree, Libyang libyang)
 // duplicate keys quote the keys as written); none may outlive the data.
 void DataTree::ForgetLibyang(DNode *node) {
   node->ly = nullptr;
-  if (node->slots == nullptr) return;
   for (const SNode *c : node->s->children) {
-    DNode::Slot &slot = node->slots[c->index];
+    DNode::Slot &slot = node->slots()[c->index];
     if (slot.node != nullptr) ForgetLibyang(slot.node);
     if (slot.list != nullptr) {
       for (DNode *entry : slot.list->entries) ForgetLibyang(entry);
@@ -194,19 +193,19 @@ DataTree::~DataTree() {
 }
 
 DNode *DataTree::NewNode(const SNode *s, DNode *parent, const lyd_node *ly) {
+  static_assert(offsetof(DNode, value) == DNode::kSlotsAt &&
+                alignof(DNode::Slot) <= alignof(DNode));
   DNode *node;
   if (s->kind == NodeKind::kLeaf || s->kind == NodeKind::kLeafList) {
     node = arena_.New<DNode>();
   } else {
-    // Most nodes are leaves, but a third are not: a container or entry
-    // takes only the part before the value, then its slots.
-    constexpr size_t kHead = offsetof(DNode, value);
-    static_assert(kHead % alignof(DNode::Slot) == 0 && alignof(DNode::Slot) <= alignof(DNode));
+    // Two thirds of the nodes are leaves; the others take only the part
+    // before the value, then their slots.
     const size_t n = s->children.size();
-    char *p = static_cast<char *>(arena_.Allocate(kHead + n * sizeof(DNode::Slot), alignof(DNode)));
+    char *p = static_cast<char *>(
+        arena_.Allocate(DNode::kSlotsAt + n * sizeof(DNode::Slot), alignof(DNode)));
     node = reinterpret_cast<DNode *>(p);
-    node->slots = reinterpret_cast<DNode::Slot *>(p + kHead);
-    for (size_t i = 0; i < n; ++i) new (node->slots + i) DNode::Slot();
+    for (size_t i = 0; i < n; ++i) new (node->slots() + i) DNode::Slot();
   }
   node->s = s;
   node->parent = parent;
@@ -266,7 +265,7 @@ void DataTree::Build(DNode *parent, const lyd_node *first) {
       throw DataError("node " + where + " is not part of the store's schema");
     }
     DNode &node = *NewNode(s, parent, ly);
-    DNode::Slot &slot = parent->slots[s->index];
+    DNode::Slot &slot = parent->slots()[s->index];
     switch (s->kind) {
       case NodeKind::kLeaf:
         SetLeafValue(node, ly);

@@ -33,9 +33,10 @@ struct ListInst {
 /// A data node. Nodes, their slots and the texts that libyang does not hold
 /// live in their tree's arena: a node is trivially destructible and lives as
 /// long as its tree. Only a leaf (or leaf-list entry) is a whole DNode: a
-/// container's or entry's storage ends where value begins, its slots follow
-/// it, so that value and text of anything but a leaf must never be read,
-/// nor a DNode copied.
+/// container or list entry ends where value begins and holds its slots in
+/// its place, one per child SNode. So value and text are a leaf's only,
+/// Child and List only for a child SNode of s (a leaf has none), and a
+/// DNode is never copied.
 struct DNode {
   struct Slot {
     DNode *node = nullptr;     ///< leaf or container child
@@ -43,9 +44,8 @@ struct DNode {
   };
   const SNode *s = nullptr;
   DNode *parent = nullptr;
-  Slot *slots = nullptr;         ///< containers and entries: one per child SNode (by index)
   const lyd_node *ly = nullptr;  ///< null in a tree built without keeping libyang's data
-  // Leaves only, from here on.
+  // Leaves only, from here on; the slots of anything else.
   confd_value_t value{};  ///< C_BUF points at libyang's string or the tree's copy
   std::string_view text;  ///< the value's text form
 
@@ -53,13 +53,16 @@ struct DNode {
   DNode(const DNode &) = delete;
   DNode &operator=(const DNode &) = delete;
 
-  const DNode *Child(const SNode *c) const {
-    return slots == nullptr ? nullptr : slots[c->index].node;
-  }
-  const ListInst *List(const SNode *c) const {
-    return slots == nullptr ? nullptr : slots[c->index].list;
-  }
+  const DNode *Child(const SNode *c) const { return slots()[c->index].node; }
+  const ListInst *List(const SNode *c) const { return slots()[c->index].list; }
   const confd_value_t &Key(size_t i) const { return Child(s->keys[i])->value; }
+
+  /// Where a container's or entry's slots begin.
+  static constexpr size_t kSlotsAt = 3 * sizeof(void *);
+  const Slot *slots() const {
+    return reinterpret_cast<const Slot *>(reinterpret_cast<const char *>(this) + kSlotsAt);
+  }
+  Slot *slots() { return reinterpret_cast<Slot *>(reinterpret_cast<char *>(this) + kSlotsAt); }
 };
 
 /// Key texts of a list entry joined by blanks (a leaf-list entry: its text).
