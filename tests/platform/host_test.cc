@@ -126,15 +126,19 @@ TEST(HostDataTest, KeysThatDifferOnlyInSpellingAreOneEntryGivenTwice) {
        "0a:00:00:01} is given twice: {0 ipv4 0a:00:00:00 8 ipv4 0a:00:00:01} and "
        "{0 ipv4 0A:00:00:00 8 ipv4 0a:00:00:01} are the same key"},
   };
-  for (const Case &c : cases) {
-    SCOPED_TRACE(c.message);
-    try {
-      host::Transaction::Create(TestSchema(), host::DataSource::Empty(),
-                                host::DataSource::Xml(c.xml, "dup.xml"));
-      ADD_FAILURE() << "accepted";
-    } catch (const host::InputError &e) {
-      EXPECT_EQ(e.source(), "dup.xml");
-      EXPECT_EQ(e.message(), c.message);
+  // The running side as well: it is indexed without keeping libyang's data.
+  for (const bool running : {false, true}) {
+    for (const Case &c : cases) {
+      SCOPED_TRACE(std::string(running ? "running: " : "candidate: ") + c.message);
+      try {
+        host::DataSource dup = host::DataSource::Xml(c.xml, "dup.xml");
+        host::Transaction::Create(TestSchema(), running ? dup : host::DataSource::Empty(),
+                                  running ? host::DataSource::Empty() : dup);
+        ADD_FAILURE() << "accepted";
+      } catch (const host::InputError &e) {
+        EXPECT_EQ(e.source(), "dup.xml");
+        EXPECT_EQ(e.message(), c.message);
+      }
     }
   }
 }

@@ -4,7 +4,9 @@
 #include <arpa/inet.h>
 #include <ipapp_ns.h>
 
+#include <cstdlib>
 #include <cstring>
+#include <string>
 #include <thread>
 #include <type_traits>
 #include <utility>
@@ -415,6 +417,95 @@ TEST(StoreTypesTest, EachYangTypeHasItsDocumentedConfdType) {
   ASSERT_EQ(maapi_get_elem(sock, ctx->thandle, &v, "/types/dec"), CONFD_OK);
   EXPECT_EQ(CONFD_GET_DECIMAL64(&v).value, -350);
   EXPECT_EQ(CONFD_GET_DECIMAL64(&v).fraction_digits, 2);
+}
+
+// One read of a value: what a handler can tell about it.
+struct ReadBack {
+  int result = CONFD_ERR;
+  confd_vtype type = C_NOEXISTS;
+  std::string pp, detail, bytes;  // bytes: a buffer's own bytes
+  bool operator==(const ReadBack &o) const {
+    return result == o.result && type == o.type && pp == o.pp && detail == o.detail &&
+           bytes == o.bytes;
+  }
+};
+
+ReadBack Take(int result, confd_value_t *v, const host::Transaction &tx) {
+  ReadBack r;
+  r.result = result;
+  if (result != CONFD_OK) return r;
+  r.type = v->type;
+  r.pp = Text(*v);
+  r.detail = tx.Trace().back().detail;
+  if (v->type == C_BUF || v->type == C_BINARY || v->type == C_HEXSTR) {
+    r.bytes.assign(reinterpret_cast<const char *>(v->val.buf.ptr), v->val.buf.size);
+  }
+  confd_free_value(v);
+  return r;
+}
+
+// The running configuration keeps no libyang data once indexed (only the
+// candidate is read by XPath): its values and texts are copies. Read
+// through CDB, with nothing else holding libyang's strings, every type
+// reads back as the same data does from the candidate through MAAPI; and
+// the commit plan, comparing the two, finds no change.
+TEST(StoreCopiesTest, RunningReadsBackEveryTypeAsTheCandidateDoes) {
+  const std::string name(300, 'n');  // a long string, and a key
+  const std::string data =
+      Types(
+          "<hex>0A:ff</hex><hexlist>01:02</hexlist><bin>AQID</bin>"
+          "<v4prefix>10.0.0.0/8</v4prefix><v6prefix>2001:DB8::/32</v6prefix>"
+          "<addr4>10.1.1.1</addr4><addr6>2001:db8::1</addr6><num-or-word>42</num-or-word>"
+          "<word-or-num>forty</word-or-num><dec>-3.5</dec><flags>a c</flags><wide>high</wide>"
+          "<flag/><kind xmlns:st=\"urn:ipapp:store-types\">st:round</kind>"
+          "<when>2024-02-29T23:59:58.25-00:00</when><quad>1.2.3.4</quad>"
+          "<mac>00:1B:21:aa:bb:cc</mac><ref>-3.5</ref><low>-9223372036854775808</low>") +
+      Item("<name>" + name + "</name><size>7</size><inner><depth>-1</depth></inner>" +
+           "<box><on>true</on></box><tag>" + name + "x</tag><sub><id>-128</id></sub>" +
+           "<color>blue</color>");
+  std::vector<std::string> paths;
+  for (const char *leaf : {"hex", "hexlist", "bin", "v4prefix", "v6prefix", "addr4", "addr6",
+                           "num-or-word", "word-or-num", "dec", "flags", "wide", "flag", "kind",
+                           "when", "quad", "mac", "ref", "low"}) {
+    paths.push_back(std::string("/types/") + leaf);
+  }
+  for (const char *leaf : {"name", "size", "inner/depth", "box/on", "sub{-128}/id", "color"}) {
+    paths.push_back("/item{" + name + "}/" + leaf);
+  }
+  std::vector<ReadBack> running;
+  {
+    auto tx = host::Transaction::Create(TypesSchema(), host::DataSource::Xml(data, "<running>"),
+                                        host::DataSource::Empty());
+    confd_trans_ctx *ctx = tx->Context("t");
+    KxConfdCdbSession session(kxconfd_instance_get(static_cast<kxconfd_t *>(ctx->vcb_opaque)),
+                              CDB_RUNNING, true);
+    for (const std::string &path : paths) {
+      confd_value_t v;
+      running.push_back(Take(cdb_get(session.Socket(), &v, "%s", path.c_str()), &v, *tx));
+    }
+  }
+  auto tx = host::Transaction::Create(TypesSchema(), host::DataSource::Xml(data, "<running>"),
+                                      host::DataSource::Xml(data, "<candidate>"));
+  confd_trans_ctx *ctx = tx->Context("t");
+  const int sock = kxconfd_maapi_socket_get(static_cast<kxconfd_t *>(ctx->vcb_opaque));
+  for (size_t i = 0; i < paths.size(); ++i) {
+    SCOPED_TRACE(paths[i].substr(0, 40));
+    confd_value_t v;
+    const ReadBack candidate =
+        Take(maapi_get_elem(sock, ctx->thandle, &v, "%s", paths[i].c_str()), &v, *tx);
+    EXPECT_EQ(candidate.result, CONFD_OK) << confd_lasterr();
+    EXPECT_TRUE(running[i] == candidate)
+        << running[i].pp << " / " << running[i].detail << " against " << candidate.pp << " / "
+        << candidate.detail;
+  }
+  EXPECT_FALSE(tx->Changed("/types"));
+  EXPECT_FALSE(tx->Changed("/item"));
+  char *res = nullptr;
+  ASSERT_EQ(maapi_xpath_eval_expr(sock, ctx->thandle, "/item/tag", &res, nullptr, "/types"),
+            CONFD_OK)
+      << confd_lasterr();
+  EXPECT_EQ(res, name + "x");
+  std::free(res);
 }
 
 // confd_lib_lib(3): confd_pp_value prints every type without a schema,

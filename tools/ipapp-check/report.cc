@@ -120,7 +120,7 @@ CommitInput LoadCommit(const std::shared_ptr<const host::Schema> &schema,
                        ? host::DataSource::File(files.candidate)
                        : host::ApplyEdit(schema, running, host::DataSource::File(files.edit),
                                          files.default_operation);
-  input.tx = host::Transaction::Create(schema, running, candidate);
+  input.tx = host::Transaction::Create(schema, std::move(running), std::move(candidate));
   return input;
 }
 

@@ -1,6 +1,7 @@
 #include "data_tree.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -155,14 +156,35 @@ std::string_view DataTree::Arena::Copy(std::string_view text) {
   return {p, text.size()};
 }
 
-DataTree::DataTree(const SchemaIndex &schema, lyd_node *tree)
-    : schema_(schema), tree_(tree), serial_(NextSerial()) {
+DataTree::DataTree(const SchemaIndex &schema, lyd_node *tree, Libyang libyang)
+    : schema_(schema),
+      tree_(tree),
+      keep_libyang_(libyang == Libyang::kKeep),
+      serial_(NextSerial()) {
   try {
     root_ = NewNode(&schema.root(), nullptr, nullptr);
     Build(root_, tree_);
   } catch (...) {
     lyd_free_all(tree_);
     throw;
+  }
+  if (!keep_libyang_ && tree_ != nullptr) {
+    ForgetLibyang(root_);
+    lyd_free_all(tree_);
+    tree_ = nullptr;
+  }
+}
+
+// Nodes keep their libyang node while the tree is built (messages about
+// duplicate keys quote the keys as written); none may outlive the data.
+void DataTree::ForgetLibyang(DNode *node) {
+  node->ly = nullptr;
+  for (const SNode *c : node->s->children) {
+    DNode::Slot &slot = node->slots()[c->index];
+    if (slot.node != nullptr) ForgetLibyang(slot.node);
+    if (slot.list != nullptr) {
+      for (DNode *entry : slot.list->entries) ForgetLibyang(entry);
+    }
   }
 }
 
@@ -171,13 +193,23 @@ DataTree::~DataTree() {
 }
 
 DNode *DataTree::NewNode(const SNode *s, DNode *parent, const lyd_node *ly) {
-  DNode *node = arena_.New<DNode>();
+  static_assert(offsetof(DNode, value) == DNode::kSlotsAt &&
+                alignof(DNode::Slot) <= alignof(DNode));
+  DNode *node;
+  if (s->kind == NodeKind::kLeaf || s->kind == NodeKind::kLeafList) {
+    node = arena_.New<DNode>();
+  } else {
+    // Two thirds of the nodes are leaves; the others take only the part
+    // before the value, then their slots.
+    const size_t n = s->children.size();
+    char *p = static_cast<char *>(
+        arena_.Allocate(DNode::kSlotsAt + n * sizeof(DNode::Slot), alignof(DNode)));
+    node = reinterpret_cast<DNode *>(p);
+    for (size_t i = 0; i < n; ++i) new (node->slots() + i) DNode::Slot();
+  }
   node->s = s;
   node->parent = parent;
   node->ly = ly;
-  if (s->kind != NodeKind::kLeaf && s->kind != NodeKind::kLeafList) {
-    node->slots = arena_.New<DNode::Slot>(s->children.size());
-  }
   ++size_;
   return node;
 }
@@ -185,9 +217,11 @@ DNode *DataTree::NewNode(const SNode *s, DNode *parent, const lyd_node *ly) {
 void DataTree::SetLeafValue(DNode &node, const lyd_node *ly) {
   const SNode *s = node.s;
   const char *canon = lyd_get_value(ly);
-  const std::string_view canon_text(canon);
+  std::string_view canon_text(canon);
   // A union's value has the type of the member it matched.
   const LeafType &type = UnionMember(s->type, reinterpret_cast<const lyd_node_term *>(ly)->value);
+  // Without libyang's data a string's value and text are the tree's own copy.
+  if (type.vtype == C_BUF && !keep_libyang_) canon_text = arena_.Copy(canon_text);
   std::string error;
   if (!ParseKeptValue(type, canon_text, &node.value, &scratch_, &error,
                       [this](std::string_view bytes) { return arena_.Copy(bytes); })) {
@@ -203,7 +237,7 @@ void DataTree::SetLeafValue(DNode &node, const lyd_node *ly) {
   text_.clear();
   FormatValue(node.value, &type, &text_);
   // Mostly the text libyang keeps already is the store's form.
-  node.text = text_ == canon_text ? canon_text : arena_.Copy(text_);
+  node.text = keep_libyang_ && text_ == canon_text ? canon_text : arena_.Copy(text_);
   // A leaf of type empty (outside unions and keys) reads as its tag.
   if (node.value.type == C_EMPTY && s->type.vtype == C_EMPTY && !s->is_key &&
       s->kind == NodeKind::kLeaf) {
@@ -231,7 +265,7 @@ void DataTree::Build(DNode *parent, const lyd_node *first) {
       throw DataError("node " + where + " is not part of the store's schema");
     }
     DNode &node = *NewNode(s, parent, ly);
-    DNode::Slot &slot = parent->slots[s->index];
+    DNode::Slot &slot = parent->slots()[s->index];
     switch (s->kind) {
       case NodeKind::kLeaf:
         SetLeafValue(node, ly);

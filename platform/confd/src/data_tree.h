@@ -32,7 +32,11 @@ struct ListInst {
 
 /// A data node. Nodes, their slots and the texts that libyang does not hold
 /// live in their tree's arena: a node is trivially destructible and lives as
-/// long as its tree.
+/// long as its tree. Only a leaf (or leaf-list entry) is a whole DNode: a
+/// container or list entry ends where value begins and holds its slots in
+/// its place, one per child SNode. So value and text are a leaf's only,
+/// Child and List only for a child SNode of s (a leaf has none), and a
+/// DNode is never copied.
 struct DNode {
   struct Slot {
     DNode *node = nullptr;     ///< leaf or container child
@@ -40,18 +44,25 @@ struct DNode {
   };
   const SNode *s = nullptr;
   DNode *parent = nullptr;
-  const lyd_node *ly = nullptr;
-  Slot *slots = nullptr;  ///< containers and entries: one per child SNode (by index)
-  confd_value_t value{};  ///< leaves; C_BUF points at libyang's string
-  std::string_view text;  ///< leaves: the value's text form
+  const lyd_node *ly = nullptr;  ///< null in a tree built without keeping libyang's data
+  // Leaves only, from here on; the slots of anything else.
+  confd_value_t value{};  ///< C_BUF points at libyang's string or the tree's copy
+  std::string_view text;  ///< the value's text form
 
-  const DNode *Child(const SNode *c) const {
-    return slots == nullptr ? nullptr : slots[c->index].node;
-  }
-  const ListInst *List(const SNode *c) const {
-    return slots == nullptr ? nullptr : slots[c->index].list;
-  }
+  DNode() = default;
+  DNode(const DNode &) = delete;
+  DNode &operator=(const DNode &) = delete;
+
+  const DNode *Child(const SNode *c) const { return slots()[c->index].node; }
+  const ListInst *List(const SNode *c) const { return slots()[c->index].list; }
   const confd_value_t &Key(size_t i) const { return Child(s->keys[i])->value; }
+
+  /// Where a container's or entry's slots begin.
+  static constexpr size_t kSlotsAt = 3 * sizeof(void *);
+  const Slot *slots() const {
+    return reinterpret_cast<const Slot *>(reinterpret_cast<const char *>(this) + kSlotsAt);
+  }
+  Slot *slots() { return reinterpret_cast<Slot *>(reinterpret_cast<char *>(this) + kSlotsAt); }
 };
 
 /// Key texts of a list entry joined by blanks (a leaf-list entry: its text).
@@ -83,14 +94,20 @@ class DataError : public std::runtime_error {
 
 class DataTree {
  public:
+  /// What becomes of the libyang data once indexed. Only XPath reads it
+  /// (DNode::ly, ly_tree()); a tree no XPath is evaluated on frees it at
+  /// once, its texts copied, so that two configurations' libyang data
+  /// never coexist.
+  enum class Libyang { kKeep, kFree };
   /// Takes ownership of tree (may be null: empty configuration). Throws
   /// DataError naming the node.
-  DataTree(const SchemaIndex &schema, lyd_node *tree);
+  DataTree(const SchemaIndex &schema, lyd_node *tree, Libyang libyang = Libyang::kKeep);
   ~DataTree();
   DataTree(const DataTree &) = delete;
   DataTree &operator=(const DataTree &) = delete;
 
   const DNode &root() const { return *root_; }
+  /// Null for an empty configuration and once freed (Libyang::kFree).
   const lyd_node *ly_tree() const { return tree_; }
   const SchemaIndex &schema() const { return schema_; }
   size_t size() const { return size_; }
@@ -124,9 +141,11 @@ class DataTree {
   void SetLeafValue(DNode &node, const lyd_node *ly);
   ListInst *ListOf(DNode::Slot &slot, const SNode *s, std::vector<ListInst *> *touched);
   void SortEntries(ListInst *list) const;
+  static void ForgetLibyang(DNode *node);
 
   const SchemaIndex &schema_;
   lyd_node *tree_;
+  bool keep_libyang_;
   uint64_t serial_;
   Arena arena_;
   DNode *root_ = nullptr;

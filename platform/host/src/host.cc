@@ -297,8 +297,10 @@ void CheckJsonSyntax(const DataSource &source) {
   throw InputError(source.name, line, "malformed JSON: " + why);
 }
 
-std::unique_ptr<store::DataTree> ParseData(const store::SchemaIndex &index,
-                                           const DataSource &source) {
+// Parses and indexes source; its text is released once parsed (a message
+// about the index names no line).
+std::unique_ptr<store::DataTree> ParseData(const store::SchemaIndex &index, DataSource &source,
+                                           store::DataTree::Libyang libyang) {
   lyd_node *tree = nullptr;
   bool blank = std::all_of(source.text.begin(), source.text.end(),
                            [](unsigned char c) { return std::isspace(c); });
@@ -327,8 +329,9 @@ std::unique_ptr<store::DataTree> ParseData(const store::SchemaIndex &index,
       throw;
     }
   }
+  std::string().swap(source.text);
   try {
-    return std::make_unique<store::DataTree>(index, tree);
+    return std::make_unique<store::DataTree>(index, tree, libyang);
   } catch (const store::DataError &e) {
     throw InputError(source.name, 0, e.what());
   }
@@ -443,13 +446,15 @@ const ly_ctx *ContextOf(const Schema &schema) {
 }
 
 std::unique_ptr<Transaction> Transaction::Create(std::shared_ptr<const Schema> schema,
-                                                 const DataSource &running,
-                                                 const DataSource &candidate) {
+                                                 DataSource running, DataSource candidate) {
   auto impl = std::dynamic_pointer_cast<const SchemaImpl>(schema);
   if (!impl) throw InputError("<schema>", 0, "not a schema of this host");
   const store::SchemaIndex &index = *impl->index();
-  auto running_tree = ParseData(index, running);
-  auto candidate_tree = ParseData(index, candidate);
+  // Only the candidate is ever read by XPath (MAAPI reads it, CDB the
+  // running configuration): the running one's libyang data goes before the
+  // candidate is parsed.
+  auto running_tree = ParseData(index, running, store::DataTree::Libyang::kFree);
+  auto candidate_tree = ParseData(index, candidate, store::DataTree::Libyang::kKeep);
   auto txn = store::CreateTxn(impl->index(), std::move(running_tree), std::move(candidate_tree));
   return std::make_unique<TransactionImpl>(impl, std::move(txn));
 }

@@ -86,10 +86,10 @@ class Schema {
 class Transaction {
  public:
   /// Validates both configurations against the schema. Throws InputError
-  /// naming the source (and line) of bad data.
+  /// naming the source (and line) of bad data. The texts are taken, and
+  /// released as soon as they are parsed: move large ones in.
   static std::unique_ptr<Transaction> Create(std::shared_ptr<const Schema> schema,
-                                             const DataSource &running,
-                                             const DataSource &candidate);
+                                             DataSource running, DataSource candidate);
   virtual ~Transaction() = default;
 
   /// A fresh context for one validation callback: thandle of this
