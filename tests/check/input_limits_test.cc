@@ -169,10 +169,10 @@ TEST(StrictOptions, TimeoutIsAPlainNumberOfSecondsInRange) {
 }
 
 TEST(StrictOptions, TimeoutLeavesOutReadingTheInput) {
-  // A hundred megabytes of comment take far longer to read and parse than
+  // Two hundred megabytes of comment take far longer to read and parse than
   // the plug-in is given; the plug-in itself needs next to nothing, even in a
   // sanitizer build on a busy machine.
-  const std::string padding = "<!--" + std::string(120 << 20, '-') + "-->\n";
+  const std::string padding = "<!--" + std::string(200 << 20, '-') + "-->\n";
   const fs::path file = WriteFile("slow.xml", Slurp(Example("vrf-ospf.xml")) + padding);
   const auto start = std::chrono::steady_clock::now();
   const ToolResult r = RunTool({"--running", Example("running.xml"), "--candidate", file.string(),
