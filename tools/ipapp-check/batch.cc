@@ -31,11 +31,15 @@
 #include <vector>
 
 #include "commit_heap.h"
+#include "ipapp/tools/whole_io.h"
 #include "printable.h"
 #include "report.h"
 
 namespace ipapp::check {
 namespace {
+
+using tools::ReadAll;
+using tools::WriteAll;
 
 namespace fs = std::filesystem;
 using nlohmann::json;
@@ -149,30 +153,6 @@ Outcome CheckElement(const fs::path &dir, const std::shared_ptr<const host::Sche
   out.object["exit"] = out.exit;
   out.seconds = std::chrono::duration<double>(Clock::now() - start).count();
   return out;
-}
-
-bool WriteAll(int fd, const void *data, size_t size) {
-  const auto *p = static_cast<const char *>(data);
-  while (size > 0) {
-    const ssize_t n = write(fd, p, size);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    p += n;
-    size -= static_cast<size_t>(n);
-  }
-  return true;
-}
-
-bool ReadAll(int fd, void *data, size_t size) {
-  auto *p = static_cast<char *>(data);
-  while (size > 0) {
-    const ssize_t n = read(fd, p, size);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    p += n;
-    size -= static_cast<size_t>(n);
-  }
-  return true;
 }
 
 struct Worker {

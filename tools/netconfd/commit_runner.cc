@@ -17,11 +17,16 @@
 #include <utility>
 
 #include <ipapp/host.h>
+#include <ipapp/tools/failure_text.h>
+#include <ipapp/tools/whole_io.h>
 
 extern char **environ;
 
 namespace ipapp::netconfd {
 namespace {
+
+using tools::ReadAll;
+using tools::SendAll;
 
 // Bounds that no configuration text reaches; a frame beyond them is garbage.
 constexpr std::uint32_t kMaxStrings = 1 << 16;
@@ -34,52 +39,20 @@ constexpr const char *kServerTunables = "IPAPP_NETCONFD_SERVER_TUNABLES";
 constexpr const char *kReady = "ready";
 constexpr const char *kError = "error";
 
-bool WriteAll(int fd, const char *data, size_t size) {
-  while (size > 0) {
-    // A peer that has gone is an answer, not a SIGPIPE for the server.
-    const ssize_t n = send(fd, data, size, MSG_NOSIGNAL);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    data += n;
-    size -= static_cast<size_t>(n);
-  }
-  return true;
-}
-
-bool ReadAll(int fd, char *data, size_t size) {
-  while (size > 0) {
-    const ssize_t n = read(fd, data, size);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) return false;
-    data += n;
-    size -= static_cast<size_t>(n);
-  }
-  return true;
-}
-
 bool WriteViews(int fd, const std::vector<std::string_view> &strings) {
   const auto count = static_cast<std::uint32_t>(strings.size());
-  if (!WriteAll(fd, reinterpret_cast<const char *>(&count), sizeof count)) return false;
+  if (!SendAll(fd, &count, sizeof count)) return false;
   for (std::string_view s : strings) {
     const std::uint64_t size = s.size();
-    if (!WriteAll(fd, reinterpret_cast<const char *>(&size), sizeof size) ||
-        !WriteAll(fd, s.data(), s.size())) {
+    if (!SendAll(fd, &size, sizeof size) || !SendAll(fd, s.data(), s.size())) {
       return false;
     }
   }
   return true;
 }
 
-std::string SignalText(int sig) {
-  const char *abbrev = sigabbrev_np(sig);
-  const char *description = strsignal(sig);
-  std::string text = "signal " + (abbrev ? "SIG" + std::string(abbrev) : std::to_string(sig));
-  if (description != nullptr) text += std::string(", ") + description;
-  return text;
-}
-
 std::string EndText(int status) {
-  if (WIFSIGNALED(status)) return "was killed (" + SignalText(WTERMSIG(status)) + ")";
+  if (WIFSIGNALED(status)) return "was killed (" + ipapp::tools::SignalText(WTERMSIG(status)) + ")";
   return "ended (exit status " + std::to_string(WEXITSTATUS(status)) + ")";
 }
 
@@ -127,13 +100,13 @@ bool WriteFrame(int fd, const std::vector<std::string> &strings) {
 
 std::optional<std::vector<std::string>> ReadFrame(int fd) {
   std::uint32_t count = 0;
-  if (!ReadAll(fd, reinterpret_cast<char *>(&count), sizeof count) || count > kMaxStrings) {
+  if (!ReadAll(fd, &count, sizeof count) || count > kMaxStrings) {
     return std::nullopt;
   }
   std::vector<std::string> strings(count);
   for (std::string &s : strings) {
     std::uint64_t size = 0;
-    if (!ReadAll(fd, reinterpret_cast<char *>(&size), sizeof size) || size > kMaxString) {
+    if (!ReadAll(fd, &size, sizeof size) || size > kMaxString) {
       return std::nullopt;
     }
     s.resize(size);

@@ -1,5 +1,7 @@
 #include "ipapp/tools/failure_text.h"
 
+#include <cstring>
+
 namespace ipapp::tools {
 
 std::string CallbackFailureText(const std::string &validation, const std::string &keypath,
@@ -16,6 +18,14 @@ std::string FailureTextWithoutPlace(const std::string &process_end, const std::s
 std::string ProcessEndText(const std::string &how, const std::string &place,
                            const std::string &detail) {
   return "the plug-in " + how + (place.empty() ? "" : " " + place) + " (" + detail + ")";
+}
+
+std::string SignalText(int sig) {
+  const char *abbrev = sigabbrev_np(sig);
+  const char *description = strsignal(sig);
+  std::string text = "signal " + (abbrev ? "SIG" + std::string(abbrev) : std::to_string(sig));
+  if (description != nullptr) text += std::string(", ") + description;
+  return text;
 }
 
 std::string EntryExceptionText(const std::string &entry, const std::string &what) {

@@ -245,14 +245,6 @@ struct Ending {
   std::string detail;  // "signal SIGSEGV, Segmentation fault", "exit status 0"
 };
 
-std::string SignalText(int sig) {
-  const char *abbrev = sigabbrev_np(sig);
-  const char *description = strsignal(sig);
-  std::string text = "signal " + (abbrev ? "SIG" + std::string(abbrev) : std::to_string(sig));
-  if (description != nullptr) text += std::string(", ") + description;
-  return text;
-}
-
 std::string Seconds(std::chrono::milliseconds ms) {
   char buf[32];
   if (ms.count() % 1000 == 0) {
@@ -271,7 +263,7 @@ Ending EndingOf(int status, const Received &in, std::chrono::milliseconds timeou
     const int sig = WTERMSIG(status);
     const bool fault = sig == SIGSEGV || sig == SIGBUS || sig == SIGFPE || sig == SIGILL ||
                        sig == SIGTRAP || sig == SIGSYS;
-    return {sig == SIGABRT ? "aborted" : fault ? "crashed" : "was killed", SignalText(sig)};
+    return {sig == SIGABRT ? "aborted" : fault ? "crashed" : "was killed", tools::SignalText(sig)};
   }
   return {"ended the process", "exit status " + std::to_string(WEXITSTATUS(status))};
 }

@@ -22,6 +22,10 @@ std::string FailureTextWithoutPlace(const std::string &process_end, const std::s
 std::string ProcessEndText(const std::string &how, const std::string &place,
                            const std::string &detail);
 
+/// How a signal is named in these texts: "signal SIGSEGV, Segmentation
+/// fault" (the number where the signal has no name).
+std::string SignalText(int sig);
+
 /// An exception that left an entry point around the commit: "exception
 /// from ENTRY: WHAT".
 std::string EntryExceptionText(const std::string &entry, const std::string &what);
