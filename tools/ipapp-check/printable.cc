@@ -1,5 +1,7 @@
 #include "printable.h"
 
+#include <ipapp/utf8.h>
+
 #include <cstdio>
 
 namespace ipapp::check {
@@ -15,22 +17,10 @@ void Hex(std::string *out, const char *format, unsigned value) {
 
 size_t Utf8CharLength(std::string_view s) {
   const auto byte = [&](size_t i) { return static_cast<unsigned char>(s[i]); };
-  const unsigned char lead = byte(0);
-  size_t n = 0;
-  unsigned char low = 0x80, high = 0xbf;
-  if (lead >= 0xc2 && lead <= 0xdf) {
-    n = 2;
-  } else if (lead >= 0xe0 && lead <= 0xef) {
-    n = 3;
-    if (lead == 0xe0) low = 0xa0;
-    if (lead == 0xed) high = 0x9f;
-  } else if (lead >= 0xf0 && lead <= 0xf4) {
-    n = 4;
-    if (lead == 0xf0) low = 0x90;
-    if (lead == 0xf4) high = 0x8f;
-  } else {
-    return 0;
-  }
+  const ipapp::utf8::Lead lead = ipapp::utf8::LeadOf(byte(0));
+  if (lead.continuations == 0) return 0;
+  const size_t n = 1 + static_cast<size_t>(lead.continuations);
+  unsigned char low = lead.low, high = lead.high;
   if (s.size() < n) return 0;
   for (size_t i = 1; i < n; ++i) {
     if (byte(i) < low || byte(i) > high) return 0;

@@ -1,6 +1,7 @@
 #include "input_text.h"
 
 #include <ipapp/host.h>
+#include <ipapp/utf8.h>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -75,22 +76,11 @@ class TextScanner {
 
  private:
   bool Start(unsigned char c) {
-    low_ = 0x80;
-    high_ = 0xbf;
-    if (c >= 0xc2 && c <= 0xdf) {
-      pending_ = 1;
-    } else if (c >= 0xe0 && c <= 0xef) {
-      pending_ = 2;
-      if (c == 0xe0) low_ = 0xa0;
-      if (c == 0xed) high_ = 0x9f;
-    } else if (c >= 0xf0 && c <= 0xf4) {
-      pending_ = 3;
-      if (c == 0xf0) low_ = 0x90;
-      if (c == 0xf4) high_ = 0x8f;
-    } else {
-      return false;
-    }
-    return true;
+    const utf8::Lead lead = utf8::LeadOf(c);
+    pending_ = lead.continuations;
+    low_ = lead.low;
+    high_ = lead.high;
+    return pending_ != 0;
   }
 
   std::size_t Bad() const { return lead_at_; }
