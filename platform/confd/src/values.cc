@@ -233,7 +233,7 @@ void AppendZone(int hours, int minutes, std::string *out) {
 
 bool ParseDateTime(std::string_view text, confd_datetime *dt) {
   size_t pos = 0;
-  int year, month, day, hour, min, sec;
+  int year = 0, month = 0, day = 0, hour = 0, min = 0, sec = 0;
   if (!Digits(text, &pos, 4, &year) || !Expect(text, &pos, '-') || !Digits(text, &pos, 2, &month) ||
       !Expect(text, &pos, '-') || !Digits(text, &pos, 2, &day) || !Expect(text, &pos, 'T') ||
       !Digits(text, &pos, 2, &hour) || !Expect(text, &pos, ':') || !Digits(text, &pos, 2, &min) ||
@@ -674,7 +674,7 @@ void AppendIpv4(const void *addr, std::string *out) {
   char *p = buf;
   for (int i = 0; i < 4; ++i) {
     if (i) *p++ = '.';
-    p = std::to_chars(p, buf + sizeof buf, b[i]).ptr;
+    p = std::to_chars(p, p + 3, b[i]).ptr;  // at most 3 digits an octet
   }
   out->append(buf, p);
 }
