@@ -62,15 +62,20 @@ bool Gone(pid_t pid) {
 }
 
 TEST(ReportChannel, ProcessThePluginLeavesBehindCostsNothing) {
-  for (const std::string fake_mode : {"accept", "refuse"}) {
-    SCOPED_TRACE(fake_mode);
+  // escape: out of the commit's process group, its parent gone.
+  for (const auto &[fake_mode, unruly_mode] : {std::pair{"accept", "linger"},
+                                               {"refuse", "linger"},
+                                               {"accept", "escape"},
+                                               {"refuse", "escape"}}) {
+    SCOPED_TRACE(std::string(fake_mode) + " " + unruly_mode);
     fs::create_directories(Scratch());
     const fs::path record = Scratch() / "lingering";
     fs::remove(record);
     // Read to the end, as `ipapp-check ... 2>&1 | cat` does: the end comes
     // only when every process holding the pipe has gone.
-    const std::string cmd = "IPAPP_FAKE_MODE=" + fake_mode +
-                            " IPAPP_UNRULY_MODE=linger IPAPP_UNRULY_FILE=" + record.string() + " " +
+    const std::string cmd = std::string("IPAPP_FAKE_MODE=") + fake_mode +
+                            " IPAPP_UNRULY_MODE=" + unruly_mode +
+                            " IPAPP_UNRULY_FILE=" + record.string() + " " +
                             UnrulyCommand("vrf-ospf.xml") + " --timeout 30 2>&1";
     const auto start = std::chrono::steady_clock::now();
     FILE *pipe = popen(cmd.c_str(), "r");
@@ -96,7 +101,7 @@ TEST(ReportChannel, ProcessThePluginLeavesBehindCostsNothing) {
     // Whatever happened, nothing is left behind, and pclose can reap.
     if (!ended && pid > 0) kill(pid, SIGKILL);
     const int status = pclose(pipe);
-    const bool accepted = fake_mode == "accept";
+    const bool accepted = std::string(fake_mode) == "accept";
     ASSERT_TRUE(WIFEXITED(status));
     EXPECT_EQ(WEXITSTATUS(status), accepted ? 0 : 1) << out;
     EXPECT_THAT(out,

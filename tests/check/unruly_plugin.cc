@@ -5,6 +5,8 @@
 //   linger   forks a child that stays until it is killed; the child writes
 //            its pid and then the pipes it holds above descriptor 2
 //            ("pipe:[inode]"), one a line, to the file IPAPP_UNRULY_FILE
+//   escape   the same, from a grandchild in a session of its own (out of the
+//            commit's process group) whose parent has already ended
 #include <dirent.h>
 #include <unistd.h>
 
@@ -54,9 +56,10 @@ void Record(const char *file) {
   }
 }
 
-void Linger() {
+void Linger(bool escape) {
   const char *file = std::getenv("IPAPP_UNRULY_FILE");
   if (fork() == 0) {
+    if (escape && (setsid() < 0 || fork() != 0)) _exit(0);
     if (file != nullptr) Record(file);
     for (;;) pause();
   }
@@ -67,7 +70,7 @@ void Linger() {
 
 [[maybe_unused]] const bool kUnruly = [] {
   if (Asked("print")) Print();
-  if (Asked("linger")) Linger();
+  if (Asked("linger") || Asked("escape")) Linger(Asked("escape"));
   return true;
 }();
 

@@ -169,6 +169,8 @@ struct Worker {
                              const BatchOptions &options) {
   prctl(PR_SET_PDEATHSIG, SIGKILL);
   if (getppid() != parent) _exit(0);
+  // A worker's only children are its commits'.
+  AdoptCommitLeftovers();
   // What a plug-in prints must not end up inside the batch's report.
   dup2(STDERR_FILENO, STDOUT_FILENO);
   for (;;) {

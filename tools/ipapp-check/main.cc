@@ -89,6 +89,8 @@ int Run(const Args &args) {
     batch.default_operation = files.default_operation;
     return ipapp::check::RunBatch(batch);
   }
+  // This process's only child is the commit's.
+  ipapp::check::AdoptCommitLeftovers();
   Report report;
   try {
     report = ipapp::check::RunCommitIsolated(plugin_path, load, options, timeout);

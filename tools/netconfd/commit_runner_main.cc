@@ -14,6 +14,7 @@
 #include <string>
 
 #include "commit_runner.h"
+#include "ipapp/check_engine.h"
 
 namespace {
 
@@ -58,6 +59,8 @@ int main(int argc, char **argv) {
   signal(SIGPIPE, SIG_IGN);
   fcntl(kRunnerFd, F_SETFD, FD_CLOEXEC);
   pthread_atfork(nullptr, nullptr, CloseServerSocket);
+  // The runner's only children are the commits' processes.
+  ipapp::check::AdoptCommitLeftovers();
   return ipapp::netconfd::ServeCommits(kRunnerFd, argv[2], argv[3],
                                        std::chrono::milliseconds(timeout_ms));
 }

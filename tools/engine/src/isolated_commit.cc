@@ -3,6 +3,7 @@
 // started.
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -12,6 +13,8 @@
 #include <csignal>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
+#include <fstream>
 #include <iostream>
 #include <optional>
 #include <thread>
@@ -30,6 +33,36 @@ using isolation::Kind;
 using isolation::Message;
 using isolation::Stage;
 using Clock = std::chrono::steady_clock;
+
+// This process's children, where the system lists them (/proc).
+std::vector<pid_t> Children() {
+  std::vector<pid_t> pids;
+  std::error_code ec;
+  for (const auto &task : std::filesystem::directory_iterator("/proc/self/task", ec)) {
+    std::ifstream list(task.path() / "children");
+    for (pid_t pid = 0; list >> pid;) pids.push_back(pid);
+  }
+  return pids;
+}
+
+// What came back to this process (AdoptCommitLeftovers) from the tree of a
+// commit's process that has been reaped: each is ended and reaped, and the
+// children it leaves come back in turn, until none is left.
+void EndLeftovers() {
+  int adopting = 0;
+  if (prctl(PR_GET_CHILD_SUBREAPER, &adopting) != 0 || adopting == 0) return;
+  // A tree that forks as fast as it is ended still runs out of processes;
+  // the bound only keeps a failing /proc from looping for ever.
+  for (int round = 0; round < 100000; ++round) {
+    const std::vector<pid_t> children = Children();
+    if (children.empty()) return;
+    for (const pid_t pid : children) kill(pid, SIGKILL);
+    for (const pid_t pid : children) {
+      while (waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
+      }
+    }
+  }
+}
 
 // The commit process as the caller holds it. Should anything throw before it
 // has been waited for (a caller's callback, memory), it must not outlive
@@ -53,6 +86,7 @@ struct Child {
     kill(pid, SIGKILL);
     while (waitpid(pid, nullptr, 0) < 0 && errno == EINTR) {
     }
+    EndLeftovers();
   }
 };
 
@@ -236,6 +270,7 @@ int EndChild(Child &child, std::chrono::milliseconds timeout, Received &in) {
   while (waitpid(child.pid, &status, 0) < 0 && errno == EINTR) {
   }
   child.reaped = true;
+  EndLeftovers();
   return status;
 }
 
@@ -317,6 +352,10 @@ Report RunIsolated(const std::string &plugin_path, const isolation::WithInput &w
 }
 
 }  // namespace
+
+bool AdoptCommitLeftovers() {
+  return prctl(PR_SET_CHILD_SUBREAPER, 1) == 0;
+}
 
 Report RunCommitIsolated(const std::string &plugin_path, const host::Schema &schema,
                          host::Transaction &tx, const Options &options,

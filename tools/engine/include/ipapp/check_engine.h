@@ -176,6 +176,15 @@ Report RunCommitIsolated(const std::string &plugin_path, const host::Schema &sch
                          host::Transaction &tx, const Options &options,
                          std::chrono::milliseconds timeout);
 
+/// Makes this process the one that a commit's left-over processes come back
+/// to when their parents end, even those that left the commit's process
+/// group (setsid) (a child subreaper). RunCommitIsolated then ends and reaps
+/// them with the commit, and those that come back in turn, until this
+/// process has no child left. Only for a process whose children are all
+/// commit processes: any other child would be ended with them. Call it
+/// before the first commit; false where the system cannot.
+bool AdoptCommitLeftovers();
+
 /// The schema and the transaction of one commit.
 struct CommitInput {
   std::shared_ptr<const host::Schema> schema;
