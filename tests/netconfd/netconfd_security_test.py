@@ -88,6 +88,25 @@ class DirTest(unittest.TestCase):
                     self.assertIn(reason, err)
                     self.assertEqual(sorted(os.listdir(dir)), before)
 
+    def test_dir_that_someone_else_could_replace_is_refused(self):
+        with TempDir() as tmp:
+            shared = os.path.join(tmp, "shared")
+            os.mkdir(shared)
+            os.chmod(shared, 0o777)
+            theirs = os.path.join(tmp, "theirs")
+            os.mkdir(theirs, 0o755)
+            os.chown(theirs, 65534, 65534)
+            for parent, reason in [(shared, "is writable by others (mode 0777) and not sticky"),
+                                   (theirs, "belongs to user 65534")]:
+                with self.subTest(parent=os.path.basename(parent)):
+                    dir = os.path.join(parent, "mine")
+                    os.mkdir(dir, 0o700)
+                    status, err = run_launcher(LAUNCHER, ["--port", str(free_port()),
+                                                          "--dir", dir])
+                    self.assertEqual(status, 2, err)
+                    self.assertIn(parent + ", above " + dir + ", " + reason, err)
+                    self.assertEqual(os.listdir(dir), [])
+
     def test_missing_dir_is_created_for_the_owner_only(self):
         with TempDir() as tmp:
             dir = os.path.join(tmp, "new")

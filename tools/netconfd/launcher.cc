@@ -353,7 +353,8 @@ std::string NetconfCommand(const std::string &port, const fs::path &sock) {
 // A private sshd for one user, key login only, whose netconf subsystem
 // reaches the netconfd listening on sock. sshd's own StrictModes would walk
 // every directory up to / and refuse DIR under /tmp; PrivateDir has checked
-// DIR instead, and every file sshd reads in it was made afresh.
+// DIR and the way to it instead (a sticky /tmp is safe), and every file sshd
+// reads in it was made afresh.
 std::string SshdConfig(const fs::path &dir, const std::string &port, const std::string &user,
                        const fs::path &sock) {
   std::ostringstream out;
@@ -598,6 +599,13 @@ int Run(const Args &args) {
   std::optional<std::string> seed;
   try {
     own.emplace(layout.dir);
+    // The servers are given the path that was checked: symbolic links on
+    // the way resolved.
+    if (own->path() != layout.dir) {
+      Args resolved = args;
+      resolved.dir = own->path().string();
+      if (!Settle(resolved, &layout)) return kBadUsage;
+    }
     if (!args.running.empty()) {
       seed = ipapp::netconfd::StartupConfig(args.running, layout.yang.string());
     }

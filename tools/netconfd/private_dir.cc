@@ -20,6 +20,48 @@ std::string Errno() {
   return std::strerror(errno);
 }
 
+std::string ModeText(mode_t mode) {
+  char text[8];
+  std::snprintf(text, sizeof text, "%04o", static_cast<unsigned>(mode & 07777));
+  return text;
+}
+
+// The servers are handed paths, not descriptors: whoever can rename an entry
+// on the way to dir can put a directory of theirs in its place under the
+// servers' feet. So every directory above dir (symbolic links resolved, as
+// the canonical path given back names them) must be root's or this user's
+// and writable by nobody else, unless it is sticky (as /tmp is): there only
+// an entry's owner can rename it, and every entry on the way is root's or
+// this user's. fd is dir, opened; the canonical path must still lead to it.
+fs::path CheckWayTo(const fs::path &dir, int fd) {
+  std::error_code ec;
+  const fs::path canonical = fs::canonical(dir, ec);
+  if (ec) throw DirError("cannot resolve " + dir.string() + ": " + ec.message());
+  struct stat opened {
+  }, found{};
+  if (fstat(fd, &opened) != 0 || stat(canonical.c_str(), &found) != 0 ||
+      opened.st_dev != found.st_dev || opened.st_ino != found.st_ino) {
+    throw DirError(dir.string() + " was replaced while it was being opened");
+  }
+  for (fs::path above = canonical.parent_path();; above = above.parent_path()) {
+    struct stat st {};
+    if (stat(above.c_str(), &st) != 0) {
+      throw DirError("cannot examine " + above.string() + ": " + Errno());
+    }
+    if (st.st_uid != 0 && st.st_uid != geteuid()) {
+      throw DirError(above.string() + ", above " + dir.string() + ", belongs to user " +
+                     std::to_string(st.st_uid) + ", who could put another directory in its place");
+    }
+    if ((st.st_mode & (S_IWGRP | S_IWOTH)) != 0 && (st.st_mode & S_ISVTX) == 0) {
+      throw DirError(above.string() + ", above " + dir.string() + ", is writable by " +
+                     ((st.st_mode & S_IWOTH) ? "others" : "its group") + " (mode " +
+                     ModeText(st.st_mode) + ") and not sticky: anyone who can write to it " +
+                     "could put another directory in its place");
+    }
+    if (above == above.root_path()) return canonical;
+  }
+}
+
 }  // namespace
 
 PrivateDir::PrivateDir(const fs::path &dir) : path_(dir) {
@@ -48,10 +90,14 @@ PrivateDir::PrivateDir(const fs::path &dir) : path_(dir) {
   }
   if ((st.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
     close(fd_);
-    char mode[8];
-    std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(st.st_mode & 07777));
     throw DirError(where + " is writable by " + ((st.st_mode & S_IWOTH) ? "others" : "its group") +
-                   " (mode " + mode + "); make it writable by its owner only");
+                   " (mode " + ModeText(st.st_mode) + "); make it writable by its owner only");
+  }
+  try {
+    path_ = CheckWayTo(path_, fd_);
+  } catch (...) {
+    close(fd_);
+    throw;
   }
 
   // The lock entry is kept across runs (removing it would let a second

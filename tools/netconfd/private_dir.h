@@ -4,7 +4,8 @@
 // decide who gets in: a directory that someone else prepared or can write
 // to, or an entry planted in it (a symbolic link to a file of root's), must
 // not turn into a way in. So the directory must belong to the effective user
-// and be writable by nobody else, and every entry the launcher writes is
+// and be writable by nobody else, nobody else may be able to put another
+// directory in its place (the servers open paths), and every entry the launcher writes is
 // made afresh: whatever stood there (a file, a link, a tree) is removed
 // without being followed, and the new file is created exclusively. Nobody
 // else can add entries while the launcher runs.
@@ -31,8 +32,10 @@ class PrivateDir {
   /// Opens dir, an absolute path, creating it (mode 0700) when missing, and
   /// takes its lock (the entry "lock", held until destruction). Throws
   /// DirError when dir is a symbolic link or not a directory, belongs to
-  /// another user, is writable by group or others, or another launcher holds
-  /// it.
+  /// another user, is writable by group or others, sits in a directory that
+  /// someone else could rename it in (a parent that is another user's, or
+  /// writable by others and not sticky), or another launcher holds it.
+  /// path() is then dir's canonical path.
   explicit PrivateDir(const std::filesystem::path &dir);
   ~PrivateDir();
   PrivateDir(const PrivateDir &) = delete;
