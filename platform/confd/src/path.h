@@ -113,6 +113,9 @@ struct Target {
 };
 
 Target Resolve(const DataTree &tree, const ParsedPath &path);
+/// Resolve's node and presence for a path that names no list without keys
+/// or an index (a leaf's, an entry's or a container's).
+const DNode *ResolveNode(const DataTree &tree, const ParsedPath &path, bool *present);
 
 /// Key text as the path syntax writes it: quoted when it holds a blank, a
 /// brace, a quote or a backslash, or is empty.
