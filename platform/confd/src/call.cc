@@ -165,6 +165,19 @@ inline bool ReplaceDigits(int64_t number, uint32_t len, char *out) {
   return true;
 }
 
+// Turns the len digits at text, a number, into those of the next number
+// when it has as many (false, nothing written, for all nines).
+inline bool IncrementDigits(char *text, uint32_t len) {
+  for (uint32_t i = len; i-- > 0;) {
+    if (text[i] != '9') {
+      ++text[i];
+      for (uint32_t j = i + 1; j < len; ++j) text[j] = '0';
+      return true;
+    }
+  }
+  return false;
+}
+
 // The two common shapes: a literal path and "%s", taken as they stand;
 // false for any other format (pct: its first '%').
 bool TakePathAsIs(const char *fmt, va_list ap, const char **pct, std::string_view *path) {
@@ -245,7 +258,10 @@ bool Call::FromMemo(Txn::PathMemo &memo, const char *fmt, va_list ap) {
   if (changed >= 0) {
     // An index again, of as many digits: what ReplaceNumber would do.
     PathFormat::Arg &a = f.args[changed];
-    if (a.index_elem >= 0 && ReplaceDigits(number, a.len, memo.text.data() + a.at)) {
+    char *digits = memo.text.data() + a.at;
+    // Rows are mostly read in order: the next index is the last one plus one.
+    if (a.index_elem >= 0 && (number == a.number + 1 ? IncrementDigits(digits, a.len)
+                                                     : ReplaceDigits(number, a.len, digits))) {
       a.number = number;
       memo.parsed.e[a.index_elem].index = static_cast<long>(number);
       if (memo.parsed.res_n > a.index_elem) memo.parsed.res_n = a.index_elem;
