@@ -170,6 +170,13 @@ TEST(StoreFormatTest, CdbReadsByIndexAnswerAsTheFirstCall) {
           {kStrInt, "%s[%d]/ospf-pm-if-name", ospf, 999999999, 0},
           {kStrInt, "%s[%d]/ospf-pm-if-name", ospf, 1000000000, 0},
           {kStrInt, "%s[%d]/ospf-pm-if-name", ospf, 1, 0},
+          // Counted up: a carry, and one digit more.
+          {kStrInt, "%s[%d]/ospf-pm-if-name", ospf, 8, 0},
+          {kStrInt, "%s[%d]/ospf-pm-if-name", ospf, 9, 0},
+          {kStrInt, "%s[%d]/ospf-pm-if-name", ospf, 10, 0},
+          {kStrInt, "%s[%d]/ospf-pm-if-name", ospf, 19, 0},
+          {kStrInt, "%s[%d]/ospf-pm-if-name", ospf, 20, 0},
+          {kStrInt, "%s[%d]/ospf-pm-if-name", ospf, 21, 0},
           // Another format in the same memory, the same arguments.
           {kStrInt, "%s[%d]/area", ospf, 1, 0},
           {kStrInt, "%s[%d]/if-name", ospf, 1, 0},
