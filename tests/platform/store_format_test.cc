@@ -217,6 +217,32 @@ TEST(StoreFormatTest, CdbReadsByIndexAnswerAsTheFirstCall) {
       });
 }
 
+// Paths taken as they stand, of two tables by turns (each kept in a memo of
+// its own), then of a third, a bad one and the first two again.
+TEST(StoreFormatTest, ReadsOfTablesByTurnsAnswerAsTheFirstCall) {
+  const char *vlan2 = "/config/interface/l3{if2}/lower-layer-if/vlan";
+  const char *vlan10 = "/config/interface/l3{if10}/lower-layer-if/vlan";
+  const char *ospf1 = "/internal/ospf-interface-l3{1 0.0.0.1 l3-if2}/if-name";
+  const char *ospf2 = "/internal/ospf-interface-l3{2 0.0.0.0 loopback-0}/if-name";
+  for (bool cdb : {false, true}) {
+    SCOPED_TRACE(cdb ? "CDB" : "MAAPI");
+    ExpectFirstAnswers(cdb, {
+                                {kStr, "%s", vlan2, 0, 0},
+                                {kStr, "%s", ospf1, 0, 0},
+                                {kStr, "%s", vlan10, 0, 0},
+                                {kStr, "%s", ospf2, 0, 0},
+                                {kStr, "%s", vlan10, 0, 0},
+                                {kStr, "%s", ospf2, 0, 0},
+                                {kStr, "%s", "/config/interface/loopback{0}/vrf", 0, 0},
+                                {kStr, "%s", "/config/interface/l3{if2/vrf", 0, 0},
+                                {kStr, "%s", ospf1, 0, 0},
+                                {kStr, "%s", vlan2, 0, 0},
+                                {kStr, "%s", "/internal/ospf-interface-l3[1]/if-name", 0, 0},
+                                {kStr, "%s", ospf1, 0, 0},
+                            });
+  }
+}
+
 TEST(StoreFormatTest, MaapiReadsByKeyAnswerAsTheFirstCall) {
   const char *l3 = "/config/interface/l3";
   ExpectFirstAnswers(

@@ -396,10 +396,23 @@ bool Call::Parse() {
     return false;
   }
   std::string why;
-  const bool ok = ParsePathAgain(txn_->schema(), path_, parsed_, &mine.text, &why, cdb_);
+  bool whole = false;
+  bool ok = ParsePathAgain(txn_->schema(), path_, parsed_, &mine.text, &why, cdb_,
+                           recorded_format_ ? nullptr : &whole);
+  Txn::PathMemo *used = &mine;
+  if (whole) {
+    // Nothing of the last path serves: the path goes to the older memo,
+    // which may hold some of it, and the last one is kept (two tables read
+    // by turns keep a memo each).
+    Txn::PathMemo &older = txn_->older_path_memo(cdb_);
+    ok = ParsePathAgain(txn_->schema(), path_, &older.parsed, &older.text, &why, cdb_);
+    txn_->SwapPathMemos(cdb_);
+    used = &older;
+    parsed_ = &older.parsed;
+  }
   // The memo's format describes the memo's text only when this call
   // formatted it.
-  mine.format.valid = ok && recorded_format_;
+  used->format.valid = ok && recorded_format_;
   if (!ok) {
     Fail(CONFD_ERR_BADPATH, "bad path: " + why);
     return false;

@@ -461,7 +461,7 @@ bool ParsePath(const SchemaIndex &schema, std::string_view path, bool schema_pat
 }
 
 bool ParsePathAgain(const SchemaIndex &schema, std::string_view path, ParsedPath *out,
-                    std::string *text, std::string *error, bool allow_index) {
+                    std::string *text, std::string *error, bool allow_index, bool *whole) {
   const bool memo = out->memo_schema == schema.serial() && out->unescaped.empty();
   if (memo && path == *text) return true;  // the same path again: all stands
   // Elements that end before the first difference from the previous path
@@ -481,6 +481,10 @@ bool ParsePathAgain(const SchemaIndex &schema, std::string_view path, ParsedPath
              old_size - next.end <= CommonSuffix(path, *text);
       for (int j = keep + 1; tail && j < out->n; ++j) tail = out->e[j].sel != PathElem::kKeys;
     }
+  }
+  if (whole != nullptr && keep == 0 && !tail) {
+    *whole = true;
+    return false;
   }
   const char *before = text->data();
   text->assign(path);
