@@ -170,6 +170,13 @@ TEST(StoreFormatTest, CdbReadsByIndexAnswerAsTheFirstCall) {
           {kStrInt, "%s[%d]/ospf-pm-if-name", ospf, 999999999, 0},
           {kStrInt, "%s[%d]/ospf-pm-if-name", ospf, 1000000000, 0},
           {kStrInt, "%s[%d]/ospf-pm-if-name", ospf, 1, 0},
+          // Counted up: a carry, and one digit more.
+          {kStrInt, "%s[%d]/ospf-pm-if-name", ospf, 8, 0},
+          {kStrInt, "%s[%d]/ospf-pm-if-name", ospf, 9, 0},
+          {kStrInt, "%s[%d]/ospf-pm-if-name", ospf, 10, 0},
+          {kStrInt, "%s[%d]/ospf-pm-if-name", ospf, 19, 0},
+          {kStrInt, "%s[%d]/ospf-pm-if-name", ospf, 20, 0},
+          {kStrInt, "%s[%d]/ospf-pm-if-name", ospf, 21, 0},
           // Another format in the same memory, the same arguments.
           {kStrInt, "%s[%d]/area", ospf, 1, 0},
           {kStrInt, "%s[%d]/if-name", ospf, 1, 0},
@@ -208,6 +215,32 @@ TEST(StoreFormatTest, CdbReadsByIndexAnswerAsTheFirstCall) {
            4294967295LL, 0},
           {kUint, "/internal/ospf-interface-l3{%u 0.0.0.0 loopback-0}/if-name", nullptr, 2, 0},
       });
+}
+
+// Paths taken as they stand, of two tables by turns (each kept in a memo of
+// its own), then of a third, a bad one and the first two again.
+TEST(StoreFormatTest, ReadsOfTablesByTurnsAnswerAsTheFirstCall) {
+  const char *vlan2 = "/config/interface/l3{if2}/lower-layer-if/vlan";
+  const char *vlan10 = "/config/interface/l3{if10}/lower-layer-if/vlan";
+  const char *ospf1 = "/internal/ospf-interface-l3{1 0.0.0.1 l3-if2}/if-name";
+  const char *ospf2 = "/internal/ospf-interface-l3{2 0.0.0.0 loopback-0}/if-name";
+  for (bool cdb : {false, true}) {
+    SCOPED_TRACE(cdb ? "CDB" : "MAAPI");
+    ExpectFirstAnswers(cdb, {
+                                {kStr, "%s", vlan2, 0, 0},
+                                {kStr, "%s", ospf1, 0, 0},
+                                {kStr, "%s", vlan10, 0, 0},
+                                {kStr, "%s", ospf2, 0, 0},
+                                {kStr, "%s", vlan10, 0, 0},
+                                {kStr, "%s", ospf2, 0, 0},
+                                {kStr, "%s", "/config/interface/loopback{0}/vrf", 0, 0},
+                                {kStr, "%s", "/config/interface/l3{if2/vrf", 0, 0},
+                                {kStr, "%s", ospf1, 0, 0},
+                                {kStr, "%s", vlan2, 0, 0},
+                                {kStr, "%s", "/internal/ospf-interface-l3[1]/if-name", 0, 0},
+                                {kStr, "%s", ospf1, 0, 0},
+                            });
+  }
 }
 
 TEST(StoreFormatTest, MaapiReadsByKeyAnswerAsTheFirstCall) {

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "platform_fixture.h"
 
@@ -106,6 +107,44 @@ TEST(ValueTypesTest, Ipv4AddressesAndPrefixesPrintAsInetNtop) {
       CONFD_SET_IPV4PREFIX(&v, prefix);
       EXPECT_EQ(Text(v), std::string(expected) + "/" + std::to_string(len));
     }
+  }
+}
+
+// IPv6 addresses and prefixes too, for every placement of zero words (the
+// "::" run, its ties, the dotted quad of mapped and compatible addresses).
+TEST(ValueTypesTest, Ipv6AddressesAndPrefixesPrintAsInetNtop) {
+  std::vector<in6_addr> addrs;
+  for (const char *text : {"::", "::1", "::ffff:10.0.0.1", "::10.0.0.1", "::ffff:0:10.0.0.1",
+                           "1::", "2001:db8::ff00:42:8329", "fe80::1:0:0:1", "1:0:0:1:0:0:0:1",
+                           "ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff", "0:1:0:1:0:1:0:1"}) {
+    in6_addr addr{};
+    EXPECT_EQ(inet_pton(AF_INET6, text, &addr), 1) << text;
+    addrs.push_back(addr);
+  }
+  // Each word zero or not (256 patterns), the others of one to four digits.
+  for (unsigned zeros = 0; zeros < 256; ++zeros) {
+    in6_addr addr{};
+    for (int w = 0; w < 8; ++w) {
+      if (zeros & (1u << w)) continue;
+      const unsigned word =
+          (zeros * 2654435761u >> (w * 3)) % 4 == 0 ? 0xffff : 0x1f << (w % 4 * 3);
+      addr.s6_addr[2 * w] = static_cast<unsigned char>(word >> 8);
+      addr.s6_addr[2 * w + 1] = static_cast<unsigned char>(word);
+    }
+    addrs.push_back(addr);
+  }
+  for (const in6_addr &addr : addrs) {
+    char expected[INET6_ADDRSTRLEN];
+    ASSERT_NE(inet_ntop(AF_INET6, &addr, expected, sizeof expected), nullptr);
+    SCOPED_TRACE(expected);
+    confd_value_t v;
+    CONFD_SET_IPV6(&v, addr);
+    EXPECT_EQ(Text(v), expected);
+    confd_ipv6_prefix prefix{addr, 64};
+    CONFD_SET_IPV6PREFIX(&v, prefix);
+    EXPECT_EQ(Text(v), std::string(expected) + "/64");
+    CONFD_SET_IPV6_AND_PLEN(&v, prefix);
+    EXPECT_EQ(Text(v), std::string(expected) + "/64");
   }
 }
 

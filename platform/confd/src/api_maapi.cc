@@ -182,7 +182,7 @@ void ValueArray(Call &call, const std::string *path, const ipapp::store::SNode &
     confd_value_t v{};
     v.type = C_NOEXISTS;
     void *dup = nullptr;
-    const DNode *child = node ? node->Child(c) : nullptr;
+    const DNode *child = node && !DNode::IsListKind(*c) ? node->Child(c) : nullptr;
     switch (c->kind) {
       case NodeKind::kLeaf:
         if (child == nullptr) {

@@ -126,10 +126,12 @@ bool FormatInto(const char *fmt, const char *pct, va_list ap, std::string *out, 
         arg.number = number;
         arg.at = static_cast<uint32_t>(at);
         arg.len = static_cast<uint32_t>(out->size() - at);
+        arg.index_elem = -1;
         if (*m == 's') {
           arg.str_at = static_cast<uint32_t>(record->strs.size());
           arg.str_len = arg.len;
           record->strs.append(*out, at, arg.len);
+          record->strs.push_back('\0');
         }
       }
     } else if (star || *m != '%') {
@@ -145,6 +147,35 @@ bool FormatInto(const char *fmt, const char *pct, va_list ap, std::string *out, 
     record->nargs = -1;
   }
   return true;
+}
+
+// Writes number as the len digits at out when it is a number of 0 to
+// 999,999,999 with len digits; false, with nothing written, otherwise.
+inline bool ReplaceDigits(int64_t number, uint32_t len, char *out) {
+  if (number < 0 || number > 999999999) return false;
+  char buf[10];
+  char *p = buf + sizeof buf;
+  auto v = static_cast<uint32_t>(number);
+  do {
+    *--p = static_cast<char>('0' + v % 10);
+    v /= 10;
+  } while (v != 0);
+  if (buf + sizeof buf - p != static_cast<std::ptrdiff_t>(len)) return false;
+  for (uint32_t i = 0; i < len; ++i) out[i] = p[i];
+  return true;
+}
+
+// Turns the len digits at text, a number, into those of the next number
+// when it has as many (false, nothing written, for all nines).
+inline bool IncrementDigits(char *text, uint32_t len) {
+  for (uint32_t i = len; i-- > 0;) {
+    if (text[i] != '9') {
+      ++text[i];
+      for (uint32_t j = i + 1; j < len; ++j) text[j] = '0';
+      return true;
+    }
+  }
+  return false;
 }
 
 // The two common shapes: a literal path and "%s", taken as they stand;
@@ -182,58 +213,75 @@ void Call::FormatPath(const char *fmt, va_list ap) {
 }
 
 void Call::FormatWithMemo(const char *fmt, va_list ap) {
+  Txn::PathMemo &memo = txn_->path_memo(cdb_);
+  if (FromMemo(memo, fmt, ap)) return;
   const char *pct = nullptr;
   if (TakePathAsIs(fmt, ap, &pct, &path_)) return;
-  Txn::PathMemo &memo = txn_->path_memo(cdb_);
-  PathFormat &f = memo.format;
-  // The same format text with the same "%s" texts as the memo's: its path
-  // again, or with one number changed.
-  if (f.valid && memo.parsed.memo_schema == txn_->schema().serial() &&
-      memo.parsed.unescaped.empty() && std::strlen(fmt) == f.fmt.size() &&
-      std::memcmp(fmt, f.fmt.data(), f.fmt.size()) == 0) {
-    va_list args;
-    va_copy(args, ap);
-    bool same = true;
-    int changed = -1;
-    int64_t number = 0;
-    for (int i = 0; i < f.nargs && same; ++i) {
-      const PathFormat::Arg &arg = f.args[i];
-      if (arg.kind == 's') {
-        const char *s = va_arg(args, const char *);
-        same = s != nullptr && std::strlen(s) == arg.str_len &&
-               std::memcmp(s, f.strs.data() + arg.str_at, arg.str_len) == 0;
-        continue;
-      }
-      const int64_t v =
-          arg.kind == 'u' ? int64_t{va_arg(args, unsigned int)} : int64_t{va_arg(args, int)};
-      if (v == arg.number) continue;
-      if (changed >= 0) same = false;  // two numbers changed: formatted afresh
-      changed = i;
-      number = v;
-    }
-    va_end(args);
-    const Applied applied = !same         ? Applied::kNo
-                            : changed < 0 ? Applied::kYes
-                                          : ApplyNumber(memo, changed, number);
-    if (applied != Applied::kNo) {
-      path_ = memo.text;
-      // kTextOnly: the text changed in place, its parse did not follow.
-      parsed_already_ = applied == Applied::kYes;
-      return;
-    }
-  }
-  if (!FormatInto(fmt, pct, ap, &memo.scratch, &format_error_, &f)) {
+  if (!FormatInto(fmt, pct, ap, &memo.scratch, &format_error_, &memo.format)) {
     path_ = fmt;
     return;
   }
   path_ = memo.scratch;
-  recorded_format_ = f.nargs >= 0;
+  recorded_format_ = memo.format.nargs >= 0;
+}
+
+bool Call::FromMemo(Txn::PathMemo &memo, const char *fmt, va_list ap) {
+  PathFormat &f = memo.format;
+  // The same format text with the same "%s" texts as the memo's: its path
+  // again, or with one number changed. A memo's format is never one that
+  // TakePathAsIs takes as it stands (it has a modifier and is not "%s").
+  if (!f.valid || fmt == nullptr || memo.parsed.memo_schema != txn_->schema().serial() ||
+      !memo.parsed.unescaped.empty() || std::strcmp(fmt, f.fmt.c_str()) != 0) {
+    return false;
+  }
+  va_list args;
+  va_copy(args, ap);
+  bool same = true;
+  int changed = -1;
+  int64_t number = 0;
+  for (int i = 0; i < f.nargs && same; ++i) {
+    const PathFormat::Arg &arg = f.args[i];
+    if (arg.kind == 's') {
+      const char *s = va_arg(args, const char *);
+      same = s != nullptr && std::strcmp(s, f.strs.data() + arg.str_at) == 0;
+      continue;
+    }
+    const int64_t v =
+        arg.kind == 'u' ? int64_t{va_arg(args, unsigned int)} : int64_t{va_arg(args, int)};
+    if (v == arg.number) continue;
+    if (changed >= 0) same = false;  // two numbers changed: formatted afresh
+    changed = i;
+    number = v;
+  }
+  va_end(args);
+  if (!same) return false;
+  if (changed >= 0) {
+    // An index again, of as many digits: what ReplaceNumber would do.
+    PathFormat::Arg &a = f.args[changed];
+    char *digits = memo.text.data() + a.at;
+    // Rows are mostly read in order: the next index is the last one plus one.
+    if (a.index_elem >= 0 && (number == a.number + 1 ? IncrementDigits(digits, a.len)
+                                                     : ReplaceDigits(number, a.len, digits))) {
+      a.number = number;
+      memo.parsed.e[a.index_elem].index = static_cast<long>(number);
+      if (memo.parsed.res_n > a.index_elem) memo.parsed.res_n = a.index_elem;
+      changed = -1;
+    }
+  }
+  const Applied applied = changed < 0 ? Applied::kYes : ApplyNumber(memo, changed, number);
+  if (applied == Applied::kNo) return false;
+  path_ = memo.text;
+  // kTextOnly: the text changed in place, its parse did not follow.
+  parsed_already_ = applied == Applied::kYes;
+  return true;
 }
 
 Call::Applied Call::ApplyNumber(Txn::PathMemo &memo, int arg, int64_t number) {
   PathFormat &f = memo.format;
   PathFormat::Arg &a = f.args[arg];
   ParsedPath &p = memo.parsed;
+  char digits[24];
+  a.index_elem = -1;
   // The element whose keys or index hold the number; those after it must
   // hold no key texts (they would point into the old text).
   int k = 0;
@@ -245,7 +293,6 @@ Call::Applied Call::ApplyNumber(Txn::PathMemo &memo, int arg, int64_t number) {
   for (int j = k + 1; j < p.n; ++j) {
     if (p.e[j].sel == PathElem::kKeys) return Applied::kNo;
   }
-  char digits[24];
   const char *end =
       a.kind == 'u'
           ? std::to_chars(digits, digits + sizeof digits, static_cast<unsigned int>(number)).ptr
@@ -264,8 +311,12 @@ Call::Applied Call::ApplyNumber(Txn::PathMemo &memo, int arg, int64_t number) {
   a.len = static_cast<uint32_t>(len);
   for (int j = arg + 1; j < f.nargs; ++j)
     f.args[j].at = static_cast<uint32_t>(f.args[j].at + delta);
-  if (!ReplaceNumber(memo.text, k, a.at, std::string_view(digits, len), delta, &p) &&
-      !ReparseSelector(memo.text, k, delta, &p, cdb_)) {
+  if (ReplaceNumber(memo.text, k, a.at, std::string_view(digits, len), delta, &p)) {
+    // An index is replaced only when the number is all of it.
+    if (p.e[k].sel == PathElem::kIndex) a.index_elem = k;
+    return Applied::kYes;
+  }
+  if (!ReparseSelector(memo.text, k, delta, &p, cdb_)) {
     f.valid = false;
     return Applied::kTextOnly;
   }
@@ -345,10 +396,23 @@ bool Call::Parse() {
     return false;
   }
   std::string why;
-  const bool ok = ParsePathAgain(txn_->schema(), path_, parsed_, &mine.text, &why, cdb_);
+  bool whole = false;
+  bool ok = ParsePathAgain(txn_->schema(), path_, parsed_, &mine.text, &why, cdb_,
+                           recorded_format_ ? nullptr : &whole);
+  Txn::PathMemo *used = &mine;
+  if (whole) {
+    // Nothing of the last path serves: the path goes to the older memo,
+    // which may hold some of it, and the last one is kept (two tables read
+    // by turns keep a memo each).
+    Txn::PathMemo &older = txn_->older_path_memo(cdb_);
+    ok = ParsePathAgain(txn_->schema(), path_, &older.parsed, &older.text, &why, cdb_);
+    txn_->SwapPathMemos(cdb_);
+    used = &older;
+    parsed_ = &older.parsed;
+  }
   // The memo's format describes the memo's text only when this call
   // formatted it.
-  mine.format.valid = ok && recorded_format_;
+  used->format.valid = ok && recorded_format_;
   if (!ok) {
     Fail(CONFD_ERR_BADPATH, "bad path: " + why);
     return false;
@@ -364,12 +428,13 @@ const DNode *Call::Leaf() {
     Fail(CONFD_ERR_BADPATH, "not a leaf");
     return nullptr;
   }
-  Target t = Resolve(*tree_, *parsed_);
-  if (!t.present) {
+  bool present;
+  const DNode *node = ResolveNode(*tree_, *parsed_, &present);
+  if (!present) {
     Fail(CONFD_ERR_NOEXISTS, "does not exist");
     return nullptr;
   }
-  return t.node;
+  return node;
 }
 
 bool Call::List(Target *t) {

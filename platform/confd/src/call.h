@@ -88,6 +88,9 @@ class Call {
   /// Formats the path into the transaction's memo, or takes it from the
   /// memo when only one number of the last format changed.
   void FormatWithMemo(const char *fmt, va_list ap);
+  /// Takes the path from memo when fmt is its format and at most one
+  /// number changed; false (memo unchanged) otherwise.
+  bool FromMemo(Txn::PathMemo &memo, const char *fmt, va_list ap);
   /// Applies a changed %d or %u argument to the memo's text and parse:
   /// kNo when it cannot (nothing changed), kTextOnly when the text changed
   /// and its parse must be made afresh.

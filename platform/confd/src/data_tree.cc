@@ -181,8 +181,9 @@ void DataTree::ForgetLibyang(DNode *node) {
   node->ly = nullptr;
   for (const SNode *c : node->s->children) {
     DNode::Slot &slot = node->slots()[c->index];
-    if (slot.node != nullptr) ForgetLibyang(slot.node);
-    if (slot.list != nullptr) {
+    if (!DNode::IsListKind(*c)) {
+      if (slot.node != nullptr) ForgetLibyang(slot.node);
+    } else if (slot.list != nullptr) {
       for (DNode *entry : slot.list->entries) ForgetLibyang(entry);
     }
   }

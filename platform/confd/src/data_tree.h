@@ -7,6 +7,7 @@
 #include <confd_lib.h>
 #include <libyang/libyang.h>
 
+#include <cassert>
 #include <deque>
 #include <memory>
 #include <new>
@@ -38,9 +39,11 @@ struct ListInst {
 /// Child and List only for a child SNode of s (a leaf has none), and a
 /// DNode is never copied.
 struct DNode {
-  struct Slot {
-    DNode *node = nullptr;     ///< leaf or container child
-    ListInst *list = nullptr;  ///< list child
+  /// One per child SNode: a list's or leaf-list's entries, any other
+  /// child's node (null: none).
+  union Slot {
+    DNode *node = nullptr;
+    ListInst *list;
   };
   const SNode *s = nullptr;
   DNode *parent = nullptr;
@@ -53,8 +56,15 @@ struct DNode {
   DNode(const DNode &) = delete;
   DNode &operator=(const DNode &) = delete;
 
+  /// c must be no list or leaf-list (its slot holds a ListInst).
   const DNode *Child(const SNode *c) const { return slots()[c->index].node; }
-  const ListInst *List(const SNode *c) const { return slots()[c->index].list; }
+  const ListInst *List(const SNode *c) const {
+    assert(IsListKind(*c));
+    return slots()[c->index].list;
+  }
+  static bool IsListKind(const SNode &c) {
+    return c.kind == NodeKind::kList || c.kind == NodeKind::kLeafList;
+  }
   const confd_value_t &Key(size_t i) const { return Child(s->keys[i])->value; }
 
   /// Where a container's or entry's slots begin.

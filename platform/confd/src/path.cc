@@ -1,6 +1,7 @@
 #include "path.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cstdint>
 #include <cstring>
 
@@ -460,7 +461,7 @@ bool ParsePath(const SchemaIndex &schema, std::string_view path, bool schema_pat
 }
 
 bool ParsePathAgain(const SchemaIndex &schema, std::string_view path, ParsedPath *out,
-                    std::string *text, std::string *error, bool allow_index) {
+                    std::string *text, std::string *error, bool allow_index, bool *whole) {
   const bool memo = out->memo_schema == schema.serial() && out->unescaped.empty();
   if (memo && path == *text) return true;  // the same path again: all stands
   // Elements that end before the first difference from the previous path
@@ -480,6 +481,10 @@ bool ParsePathAgain(const SchemaIndex &schema, std::string_view path, ParsedPath
              old_size - next.end <= CommonSuffix(path, *text);
       for (int j = keep + 1; tail && j < out->n; ++j) tail = out->e[j].sel != PathElem::kKeys;
     }
+  }
+  if (whole != nullptr && keep == 0 && !tail) {
+    *whole = true;
+    return false;
   }
   const char *before = text->data();
   text->assign(path);
@@ -641,6 +646,51 @@ Target Resolve(const DataTree &tree, const ParsedPath &path) {
   t.node = cur;
   t.present = present;
   return t;
+}
+
+const DNode *ResolveNode(const DataTree &tree, const ParsedPath &path, bool *present_out) {
+  const DNode *cur = &tree.root();
+  bool present = true;
+  int i = 0;
+  if (path.res_tree == tree.serial()) {
+    i = std::min(path.res_n, path.n);
+    if (i > 0) {
+      cur = path.res_node[i - 1];
+      present = path.res_present[i - 1];
+    }
+  } else {
+    path.res_tree = tree.serial();
+    path.res_n = 0;
+  }
+  for (; i < path.n; ++i) {
+    const PathElem &elem = path.e[i];
+    const SNode *s = elem.s;
+    if (s->kind == NodeKind::kList || s->kind == NodeKind::kLeafList) {
+      assert(elem.sel != PathElem::kNone);  // only a path's last element may be a list
+      const ListInst *list = cur ? cur->List(s) : nullptr;
+      const DNode *entry = nullptr;
+      if (list != nullptr) {
+        if (elem.sel == PathElem::kKeys) {
+          entry = FindEntry(*list, elem, &path.res_near[i]);
+        } else if (static_cast<size_t>(elem.index) < list->entries.size()) {
+          entry = list->entries[elem.index];
+        }
+      }
+      cur = entry;
+      present = present && entry != nullptr;
+    } else {
+      cur = cur ? cur->Child(s) : nullptr;
+      // A non-presence container exists wherever its parent does.
+      if (s->kind != NodeKind::kContainer) present = present && cur != nullptr;
+    }
+    if (i == path.res_n) {
+      path.res_node[i] = cur;
+      path.res_present[i] = present;
+      path.res_n = i + 1;
+    }
+  }
+  *present_out = present;
+  return cur;
 }
 
 void AppendQuotedKey(std::string_view text, std::string *out) {

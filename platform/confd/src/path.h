@@ -81,9 +81,11 @@ bool ParsePath(const SchemaIndex &schema, std::string_view path, bool schema_pat
 /// this way (its text in *text): the elements of their common prefix are
 /// kept, the rest is parsed. Afterwards *text is path and the key texts of
 /// *out point into it.
-/// *out must have been parsed with the same allow_index each time.
+/// *out must have been parsed with the same allow_index each time. With
+/// whole, a path that would be parsed afresh as a whole is not: *whole is
+/// set and false returned, *out and *text unchanged.
 bool ParsePathAgain(const SchemaIndex &schema, std::string_view path, ParsedPath *out,
-                    std::string *text, std::string *error, bool allow_index);
+                    std::string *text, std::string *error, bool allow_index, bool *whole = nullptr);
 
 /// Element k's keys or index, whose text in path changed in place (the
 /// text before them is the same, the text after them the same but moved by
@@ -113,6 +115,9 @@ struct Target {
 };
 
 Target Resolve(const DataTree &tree, const ParsedPath &path);
+/// Resolve's node and presence for a path that names no list without keys
+/// or an index (a leaf's, an entry's or a container's).
+const DNode *ResolveNode(const DataTree &tree, const ParsedPath &path, bool *present);
 
 /// Key text as the path syntax writes it: quoted when it holds a blank, a
 /// brace, a quote or a backslash, or is empty.

@@ -122,11 +122,12 @@ class Txn {
     dup_paths_.emplace(*kept, std::move(copy));
     return last_dup_path_ = kept;
   }
-  /// The last path a MAAPI (cdb false) or a CDB call parsed on this
-  /// transaction, kept for the next one: successive calls mostly name the
+  /// The last two paths MAAPI (cdb false) or CDB calls parsed on this
+  /// transaction, kept for the next ones: successive calls mostly name the
   /// same path or one with the same beginning (exists, then get; entry
-  /// after entry of one list). MAAPI and CDB paths parse apart ("[N]" is
-  /// CDB's). Like the transaction, a memo serves one caller at a time.
+  /// after entry of one list), or go back and forth between two tables.
+  /// MAAPI and CDB paths parse apart ("[N]" is CDB's). Like the
+  /// transaction, a memo serves one caller at a time.
   struct PathMemo {
     PathMemo() {
       text.reserve(256);
@@ -139,7 +140,13 @@ class Txn {
     PathFormat format;
     std::string scratch;  ///< a path being formatted
   };
-  PathMemo &path_memo(bool cdb) { return path_memo_[cdb ? 1 : 0]; }
+  /// The memo of the last path, and that of the one before.
+  PathMemo &path_memo(bool cdb) { return path_memo_[cdb ? 1 : 0][last_memo_[cdb ? 1 : 0]]; }
+  PathMemo &older_path_memo(bool cdb) {
+    return path_memo_[cdb ? 1 : 0][1 - last_memo_[cdb ? 1 : 0]];
+  }
+  /// The older memo becomes the last one.
+  void SwapPathMemos(bool cdb) { last_memo_[cdb ? 1 : 0] ^= 1; }
 
   /// Empty XPath results: handed out, never freed by the element's
   /// plug-ins; released with the transaction.
@@ -168,7 +175,8 @@ class Txn {
   uint64_t serial_ = 0;
   std::unordered_map<std::string_view, std::unique_ptr<std::string>> dup_paths_;
   const std::string *last_dup_path_ = nullptr;
-  PathMemo path_memo_[2];
+  PathMemo path_memo_[2][2];
+  int last_memo_[2] = {0, 0};
 };
 
 /// The store's one lock: registry and per-transaction bookkeeping.

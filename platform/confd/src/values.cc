@@ -679,15 +679,62 @@ void AppendIpv4(const void *addr, std::string *out) {
   out->append(buf, p);
 }
 
+// An IPv6 address (16 bytes, network order) as inet_ntop writes it: words
+// in lower-case hex without leading zeros, the first longest run of two or
+// more zero words as "::", and the last four bytes as a dotted quad when the
+// first five words are zero and the sixth is zero or ffff (but not for
+// "::" and "::1"-like addresses with a longer zero run).
+void AppendIpv6(const void *addr, std::string *out) {
+  const auto *b = static_cast<const unsigned char *>(addr);
+  unsigned words[8];
+  for (int i = 0; i < 8; ++i) words[i] = static_cast<unsigned>(b[2 * i] << 8 | b[2 * i + 1]);
+  int best = -1;
+  int best_len = 0;
+  for (int i = 0; i < 8;) {
+    if (words[i] != 0) {
+      ++i;
+      continue;
+    }
+    int j = i;
+    while (j < 8 && words[j] == 0) ++j;
+    if (j - i > best_len) {
+      best = i;
+      best_len = j - i;
+    }
+    i = j;
+  }
+  if (best_len < 2) best = -1;
+  static constexpr char kHex[] = "0123456789abcdef";
+  char buf[48];
+  char *p = buf;
+  for (int i = 0; i < 8; ++i) {
+    if (best >= 0 && i >= best && i < best + best_len) {
+      if (i == best) *p++ = ':';
+      continue;
+    }
+    if (i != 0) *p++ = ':';
+    if (i == 6 && best == 0 && (best_len == 6 || (best_len == 5 && words[5] == 0xffff))) {
+      out->append(buf, p);
+      AppendIpv4(b + 12, out);
+      return;
+    }
+    const unsigned w = words[i];
+    if (w >= 0x1000) *p++ = kHex[w >> 12];
+    if (w >= 0x100) *p++ = kHex[(w >> 8) & 0xf];
+    if (w >= 0x10) *p++ = kHex[(w >> 4) & 0xf];
+    *p++ = kHex[w & 0xf];
+  }
+  if (best >= 0 && best + best_len == 8) *p++ = ':';
+  out->append(buf, p);
+}
+
 template <int kFamily>
 bool FormatAddress(const confd_value_t &v, const LeafType *, std::string *out) {
   if (kFamily == AF_INET) {
     AppendIpv4(AddressBytes<kFamily>(v), out);
-    return true;
+  } else {
+    AppendIpv6(AddressBytes<kFamily>(v), out);
   }
-  char buf[INET6_ADDRSTRLEN + 8];
-  inet_ntop(kFamily, AddressBytes<kFamily>(v), buf, sizeof buf);
-  *out += buf;
   return true;
 }
 
@@ -725,9 +772,7 @@ bool FormatPrefix4(const confd_value_t &v, const LeafType *, std::string *out) {
 }
 
 bool FormatPrefix6(const confd_value_t &v, const LeafType *, std::string *out) {
-  char buf[INET6_ADDRSTRLEN + 8];
-  inet_ntop(AF_INET6, &v.val.ipv6prefix.ip6, buf, sizeof buf);
-  *out += buf;
+  AppendIpv6(&v.val.ipv6prefix.ip6, out);
   char len[4];
   char *end = std::to_chars(len, len + sizeof len, v.val.ipv6prefix.len).ptr;
   out->push_back('/');
