@@ -4,8 +4,11 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
+#include <filesystem>
+#include <system_error>
 
 namespace ipapp::check {
 namespace {
@@ -18,7 +21,7 @@ uintptr_t Break() {
 
 }  // namespace
 
-void UseFreshHeap(size_t reserve) {
+void UseFreshHeap(size_t reserve, size_t huge) {
   // Blocks up to this size come from the heap instead of mappings of their
   // own, and nothing is given back: the process ends soon anyway.
   if (mallopt(M_MMAP_THRESHOLD, 32 << 20) == 0 || mallopt(M_TRIM_THRESHOLD, INT32_MAX) == 0) {
@@ -36,7 +39,8 @@ void UseFreshHeap(size_t reserve) {
   // touched (no memory), so that what follows fills whole huge pages.
   const uintptr_t top = end - mallinfo2().keepcost;
   const uintptr_t boundary = (top + kHugePage - 1) & ~(kHugePage - 1);
-  const uintptr_t huge_end = end & ~(kHugePage - 1);
+  const uintptr_t huge_end =
+      std::min(end, boundary + std::min<uintptr_t>(huge, end)) & ~(kHugePage - 1);
   if (boundary >= huge_end) return;
   // Advised before anything is written there: a page already in place
   // keeps its 2 MiB from becoming one huge page.
@@ -46,6 +50,18 @@ void UseFreshHeap(size_t reserve) {
     void *volatile skip = malloc(boundary - top - sizeof(size_t));
     (void)skip;
   }
+}
+
+size_t SureHeapOf(const std::vector<std::string> &files) {
+  size_t text = 0;
+  for (const std::string &file : files) {
+    std::error_code ec;
+    const auto size = std::filesystem::file_size(file, ec);
+    if (!ec) text += static_cast<size_t>(size);
+  }
+  // Four times the texts, less a fifth for a configuration that packs
+  // tighter than most.
+  return text / 5 * 16;
 }
 
 }  // namespace ipapp::check

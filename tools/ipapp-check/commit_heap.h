@@ -6,6 +6,9 @@
 #define IPAPP_CHECK_COMMIT_HEAP_H
 
 #include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
 
 namespace ipapp::check {
 
@@ -13,12 +16,21 @@ namespace ipapp::check {
 /// input: what it allocates next comes from a stretch of heap that the
 /// parent never touched, backed by transparent huge pages where the system
 /// offers them (a fault then fills 2 MiB). reserve bytes of address space
-/// are set aside (only what is touched takes memory; at most one huge page
-/// more than a heap of 4 KiB pages). Nothing changes where the heap cannot
-/// grow or the system has no huge pages; allocation works as before either
-/// way. Not for a process that goes on living: it stops the heap from being
-/// given back to the system.
-void UseFreshHeap(size_t reserve);
+/// are set aside (at most 32 MiB; only what is touched takes memory). Of
+/// them, the first huge bytes (rounded down to whole huge pages) go on huge
+/// pages: at most one huge page more memory than a heap of 4 KiB pages, and
+/// none more when the heap outgrows them. Nothing changes where the heap
+/// cannot grow or the system has no huge pages; allocation works as before
+/// either way. Not for a process that goes on living: it stops the heap from
+/// being given back to the system.
+void UseFreshHeap(size_t reserve, size_t huge = SIZE_MAX);
+
+/// How much of a single check's heap can go on huge pages without taking
+/// more memory than 4 KiB pages would: the part the commit is sure to fill,
+/// judged from its files' sizes (parsed and indexed, a running
+/// configuration and a candidate take about four times their texts
+/// together). Files whose size is unknown count nothing.
+size_t SureHeapOf(const std::vector<std::string> &files);
 
 }  // namespace ipapp::check
 
