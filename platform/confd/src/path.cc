@@ -586,22 +586,50 @@ bool ReplaceNumber(std::string_view path, int k, size_t at, std::string_view dig
   return true;
 }
 
+namespace {
+
+// Where resolving path in tree can start: after the elements resolved last
+// time in the same tree, with the node and presence found there. Returns
+// the first element still to resolve.
+int ResumeResolution(const DataTree &tree, const ParsedPath &path, const DNode **cur,
+                     bool *present) {
+  if (path.res_tree != tree.serial()) {
+    path.res_tree = tree.serial();
+    path.res_n = 0;
+    return 0;
+  }
+  const int i = std::min(path.res_n, path.n);
+  if (i > 0) {
+    *cur = path.res_node[i - 1];
+    *present = path.res_present[i - 1];
+  }
+  return i;
+}
+
+// The entry elem selects (by keys or index) in list, or nullptr.
+const DNode *SelectedEntry(const ListInst *list, const PathElem &elem, size_t *near) {
+  if (list == nullptr) return nullptr;
+  if (elem.sel == PathElem::kKeys) return FindEntry(*list, elem, near);
+  if (static_cast<size_t>(elem.index) < list->entries.size()) return list->entries[elem.index];
+  return nullptr;
+}
+
+// Remembers element i's node and presence when it extends what is resolved.
+void RememberResolution(const ParsedPath &path, int i, const DNode *cur, bool present) {
+  if (i != path.res_n) return;
+  path.res_node[i] = cur;
+  path.res_present[i] = present;
+  path.res_n = i + 1;
+}
+
+}  // namespace
+
 Target Resolve(const DataTree &tree, const ParsedPath &path) {
   Target t;
   const DNode *cur = &tree.root();
   bool present = true;
-  int i = 0;
-  if (path.res_tree == tree.serial()) {
-    i = std::min(path.res_n, path.n);
-    if (i > 0) {
-      cur = path.res_node[i - 1];
-      present = path.res_present[i - 1];
-      t.s = path.e[i - 1].s;
-    }
-  } else {
-    path.res_tree = tree.serial();
-    path.res_n = 0;
-  }
+  int i = ResumeResolution(tree, path, &cur, &present);
+  if (i > 0) t.s = path.e[i - 1].s;
   for (; i < path.n; ++i) {
     const PathElem &elem = path.e[i];
     const SNode *s = elem.s;
@@ -617,16 +645,8 @@ Target Resolve(const DataTree &tree, const ParsedPath &path) {
           t.present = present && list != nullptr && !list->entries.empty();
           return t;
         }
-        const DNode *entry = nullptr;
-        if (list != nullptr) {
-          if (elem.sel == PathElem::kKeys) {
-            entry = FindEntry(*list, elem, &path.res_near[i]);
-          } else if (static_cast<size_t>(elem.index) < list->entries.size()) {
-            entry = list->entries[elem.index];
-          }
-        }
-        cur = entry;
-        present = present && entry != nullptr;
+        cur = SelectedEntry(list, elem, &path.res_near[i]);
+        present = present && cur != nullptr;
         break;
       }
       case NodeKind::kContainer:
@@ -637,11 +657,7 @@ Target Resolve(const DataTree &tree, const ParsedPath &path) {
         present = present && cur != nullptr;
         break;
     }
-    if (i == path.res_n) {
-      path.res_node[i] = cur;
-      path.res_present[i] = present;
-      path.res_n = i + 1;
-    }
+    RememberResolution(path, i, cur, present);
   }
   t.node = cur;
   t.present = present;
@@ -651,43 +667,19 @@ Target Resolve(const DataTree &tree, const ParsedPath &path) {
 const DNode *ResolveNode(const DataTree &tree, const ParsedPath &path, bool *present_out) {
   const DNode *cur = &tree.root();
   bool present = true;
-  int i = 0;
-  if (path.res_tree == tree.serial()) {
-    i = std::min(path.res_n, path.n);
-    if (i > 0) {
-      cur = path.res_node[i - 1];
-      present = path.res_present[i - 1];
-    }
-  } else {
-    path.res_tree = tree.serial();
-    path.res_n = 0;
-  }
-  for (; i < path.n; ++i) {
+  for (int i = ResumeResolution(tree, path, &cur, &present); i < path.n; ++i) {
     const PathElem &elem = path.e[i];
     const SNode *s = elem.s;
     if (s->kind == NodeKind::kList || s->kind == NodeKind::kLeafList) {
       assert(elem.sel != PathElem::kNone);  // only a path's last element may be a list
-      const ListInst *list = cur ? cur->List(s) : nullptr;
-      const DNode *entry = nullptr;
-      if (list != nullptr) {
-        if (elem.sel == PathElem::kKeys) {
-          entry = FindEntry(*list, elem, &path.res_near[i]);
-        } else if (static_cast<size_t>(elem.index) < list->entries.size()) {
-          entry = list->entries[elem.index];
-        }
-      }
-      cur = entry;
-      present = present && entry != nullptr;
+      cur = SelectedEntry(cur ? cur->List(s) : nullptr, elem, &path.res_near[i]);
+      present = present && cur != nullptr;
     } else {
       cur = cur ? cur->Child(s) : nullptr;
       // A non-presence container exists wherever its parent does.
       if (s->kind != NodeKind::kContainer) present = present && cur != nullptr;
     }
-    if (i == path.res_n) {
-      path.res_node[i] = cur;
-      path.res_present[i] = present;
-      path.res_n = i + 1;
-    }
+    RememberResolution(path, i, cur, present);
   }
   *present_out = present;
   return cur;
