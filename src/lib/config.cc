@@ -233,18 +233,11 @@ std::list<std::string> ReadFirstKeys(int sock, confd_trans_ctx *tctx, const std:
   struct maapi_cursor cursor = {};
   maapi_init_cursor(sock, tctx->thandle, &cursor, "%s", path.c_str());
   MaapiCursorGuard guard(&cursor);
-  char small[kKeyTextSize];
-  std::string large;
-  char *text = small;
-  if (key_text_size > sizeof small) {
-    large.resize(key_text_size);
-    text = &large[0];
-  }
+  std::string text(key_text_size, '\0');
   maapi_get_next(&cursor);
   while (cursor.n != 0) {
-    text[0] = '\0';
-    confd_pp_value(text, static_cast<int>(key_text_size), &cursor.keys[0]);
-    keys.emplace_back(text);
+    confd_pp_value(&text[0], static_cast<int>(key_text_size), &cursor.keys[0]);
+    keys.emplace_back(text.c_str());
     maapi_get_next(&cursor);
   }
   return keys;

@@ -323,15 +323,14 @@ Call::Applied Call::ApplyNumber(Txn::PathMemo &memo, int arg, int64_t number) {
   return Applied::kYes;
 }
 
-bool Call::Maapi(int sock, int thandle) {
-  hold_ = LookUpTxn(thandle);
-  txn_ = hold_.get();
-  if (txn_ == nullptr) {
-    SetLastError(CONFD_ERR_NOSESSION,
-                 std::string(name_) + ": no transaction with handle " + std::to_string(thandle));
-    return false;
-  }
-  SetCurrentTxn(thandle);
+bool Call::MaapiTxnFound(int thandle) {
+  if (txn_ != nullptr) return true;
+  SetLastError(CONFD_ERR_NOSESSION,
+               std::string(name_) + ": no transaction with handle " + std::to_string(thandle));
+  return false;
+}
+
+bool Call::OnMaapiSocket(int sock, int thandle) {
   if (txn_->maapi_socket() != sock) {
     Fail(CONFD_ERR_NOSESSION, "socket " + std::to_string(sock) +
                                   " is not the MAAPI socket of transaction " +
@@ -342,21 +341,18 @@ bool Call::Maapi(int sock, int thandle) {
   return true;
 }
 
+bool Call::Maapi(int sock, int thandle) {
+  hold_ = LookUpTxn(thandle);
+  txn_ = hold_.get();
+  return MaapiTxnFound(thandle) && OnMaapiSocket(sock, thandle);
+}
+
 void Call::Maapi(int sock, int thandle, const char *fmt, va_list ap) {
   txn_ = LookUpTxn(thandle).get();
-  if (txn_ == nullptr) {
-    SetLastError(CONFD_ERR_NOSESSION,
-                 std::string(name_) + ": no transaction with handle " + std::to_string(thandle));
-    return;
-  }
-  if (txn_->maapi_socket() != sock) {
-    FormatPath(fmt, ap);
-    Fail(CONFD_ERR_NOSESSION, "socket " + std::to_string(sock) +
-                                  " is not the MAAPI socket of transaction " +
-                                  std::to_string(thandle));
-    return;
-  }
-  tree_ = &txn_->candidate();
+  if (!MaapiTxnFound(thandle)) return;
+  // The failure names the path.
+  if (txn_->maapi_socket() != sock) FormatPath(fmt, ap);
+  if (!OnMaapiSocket(sock, thandle)) return;
   FormatWithMemo(fmt, ap);
   ok_ = true;
 }

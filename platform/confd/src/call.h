@@ -85,6 +85,12 @@ class Call {
   int Fail(int err, const std::string &why);
 
  private:
+  /// Whether Maapi's lookup of thandle found a transaction (txn_); false
+  /// with the error set.
+  bool MaapiTxnFound(int thandle);
+  /// Whether sock is the MAAPI socket of the transaction found; then tree_
+  /// is its candidate, else the call fails.
+  bool OnMaapiSocket(int sock, int thandle);
   /// Formats the path into the transaction's memo, or takes it from the
   /// memo when only one number of the last format changed.
   void FormatWithMemo(const char *fmt, va_list ap);
