@@ -11,7 +11,9 @@ import os
 import pwd
 import re
 import shlex
+import shutil
 import signal
+import stat
 import subprocess
 import sys
 import tempfile
@@ -426,6 +428,54 @@ class RunningTest(unittest.TestCase):
                         self.assertEqual(element_leaves(data), file_leaves(expected))
                     else:
                         self.assertIn("blue-1", data)
+        finally:
+            server.own_dir = True
+            server.stop()
+
+    @staticmethod
+    def running_of(session):
+        return session.get_config(source="running").data_xml
+
+    def test_a_save_cut_short_starts_from_the_last_commit(self):
+        server = Server(LAUNCHER)
+        server.own_dir = False
+        running = os.path.join(server.dir, "running.xml")
+        committed = os.path.join(server.dir, "committed.xml")
+        try:
+            with server.connect() as session:
+                # A commit that cannot be kept fails, and changes nothing.
+                os.makedirs(os.path.join(server.dir, "committed.xml.new", "in-the-way"))
+                with self.assertRaises(RPCError):
+                    commit_change(session, "", "running.xml")
+                self.assertEqual(element_leaves(self.running_of(session)), [])
+                shutil.rmtree(os.path.join(server.dir, "committed.xml.new"))
+                commit_change(session, "", "running.xml")
+            self.assertEqual(server.stop(), 0)
+            with open(running) as f:
+                saved = f.read()
+            with open(committed) as f:
+                self.assertEqual(element_leaves(f.read()), file_leaves("running.xml"))
+            self.assertEqual(stat.S_IMODE(os.stat(committed).st_mode), 0o600)
+            # netconfd stopped half-way through writing its file.
+            with open(running, "w") as f:
+                f.write(saved[:len(saved) // 2])
+            again = Server(LAUNCHER, dir=server.dir)
+            try:
+                with again.connect() as session:
+                    data = self.running_of(session)
+            finally:
+                self.assertEqual(again.stop(), 0)
+            self.assertEqual(element_leaves(data), file_leaves("running.xml"))
+            with open(running) as f:
+                self.assertEqual(element_leaves(f.read()), file_leaves("running.xml"))
+            # Without the library nothing keeps the copy up to date: it goes.
+            unchecked = Server(LAUNCHER, dir=server.dir, args=["--no-check"])
+            try:
+                with unchecked.connect() as session:
+                    commit_change(session, "running.xml", "accept-new-interface.xml")
+            finally:
+                self.assertEqual(unchecked.stop(), 0)
+            self.assertFalse(os.path.exists(committed))
         finally:
             server.own_dir = True
             server.stop()

@@ -45,11 +45,14 @@
 #include <string>
 #include <vector>
 
+#include "committed_config.h"
 #include "private_dir.h"
 #include "startup_config.h"
 
 namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
+using ipapp::netconfd::IsWholeXml;
+using ipapp::netconfd::kCommittedFile;
 using ipapp::netconfd::PrivateDir;
 namespace tools = ipapp::tools;
 
@@ -450,12 +453,24 @@ bool Settle(const Args &args, Layout *layout) {
 
 // The running configuration netconfd starts from and saves each commit to:
 // the seed asked for, else what the last run committed, provided that is a
-// file this user's servers wrote.
+// file this user's servers wrote. netconfd saves by writing the file over in
+// place; when that was cut short, the copy our library keeps of the last
+// commit (committed_config.h) takes its place. A server without our library
+// (--no-check) keeps no such copy, so an older one must not outlive it.
 constexpr const char *kRunning = "running.xml";
 
-void PrepareRunning(const PrivateDir &d, const std::optional<std::string> &seed) {
+void PrepareRunning(const PrivateDir &d, const std::optional<std::string> &seed, bool keeps_copy) {
+  d.Remove(std::string(kCommittedFile) + ".new");
   if (seed) {
     d.WriteFile(kRunning, *seed, 0600);
+    d.Remove(kCommittedFile);
+  } else if (d.IsOwnFile(kRunning) && IsWholeXml(ReadFile(d / kRunning))) {
+    // As netconfd saved it.
+  } else if (d.IsOwnFile(kRunning) && d.IsOwnFile(kCommittedFile)) {
+    std::cerr << "ipapp-netconfd: " << (d / kRunning).string()
+              << " is cut short (netconfd stopped while saving it); starting from "
+              << (d / kCommittedFile).string() << ", the last commit\n";
+    d.WriteFile(kRunning, ReadFile(d / kCommittedFile), 0600);
   } else if (!d.IsOwnFile(kRunning)) {
     std::error_code ec;
     if (fs::symlink_status(d / kRunning, ec).type() != fs::file_type::not_found) {
@@ -465,6 +480,7 @@ void PrepareRunning(const PrivateDir &d, const std::optional<std::string> &seed)
     }
     d.WriteFile(kRunning, ipapp::netconfd::EmptyStartupConfig(), 0600);
   }
+  if (!keeps_copy) d.Remove(kCommittedFile);
   if (!d.IsOwnFile("startup-cfg-txid.txt")) d.Remove("startup-cfg-txid.txt");
 }
 
@@ -520,7 +536,8 @@ void StartNetconfd(const PrivateDir &d, const Layout &l, const Args &args, Proce
                                {"YUMA_HOME", (l.dir / "yuma").string()},
                                {"IPAPP_NETCONFD_PLUGIN", l.plugin.string()},
                                {"IPAPP_NETCONFD_YANG", l.yang.string()},
-                               {"IPAPP_NETCONFD_TIMEOUT", timeout_text}},
+                               {"IPAPP_NETCONFD_TIMEOUT", timeout_text},
+                               {"IPAPP_NETCONFD_COMMITTED", (l.dir / kCommittedFile).string()}},
                               log));
   close(log);
   try {
@@ -553,7 +570,7 @@ std::optional<int> Start(const PrivateDir &d, const Layout &l, const Args &args,
                          const std::optional<std::string> &seed, Processes &procs) {
   try {
     if (!args.no_check) ProbePlugin(l.plugin, l.yang, l.timeout);
-    PrepareRunning(d, seed);
+    PrepareRunning(d, seed, !args.no_check);
     PrepareServers(d, l);
     StartNetconfd(d, l, args, procs);
     StartSshd(d, l, procs);

@@ -11,6 +11,8 @@
 #include <string>
 #include <system_error>
 
+#include <ipapp/tools/whole_io.h>
+
 namespace fs = std::filesystem;
 
 namespace ipapp::netconfd {
@@ -150,16 +152,10 @@ int PrivateDir::CreateFile(const std::string &name, mode_t mode) const {
 
 void PrivateDir::WriteFile(const std::string &name, const std::string &text, mode_t mode) const {
   const int fd = CreateFile(name, mode);
-  size_t done = 0;
-  while (done < text.size()) {
-    const ssize_t n = write(fd, text.data() + done, text.size() - done);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) {
-      const std::string why = Errno();
-      close(fd);
-      throw DirError("cannot write " + (path_ / name).string() + ": " + why);
-    }
-    done += static_cast<size_t>(n);
+  if (!tools::WriteAll(fd, text.data(), text.size())) {
+    const std::string why = Errno();
+    close(fd);
+    throw DirError("cannot write " + (path_ / name).string() + ": " + why);
   }
   if (close(fd) != 0) throw DirError("cannot write " + (path_ / name).string() + ": " + Errno());
 }

@@ -5,6 +5,8 @@
 //   IPAPP_NETCONFD_PLUGIN   the validation plug-in (libip_app_validation.so)
 //   IPAPP_NETCONFD_YANG     the directory of the element's YANG modules
 //   IPAPP_NETCONFD_TIMEOUT  seconds one check may take (default 60)
+//   IPAPP_NETCONFD_COMMITTED  where to keep each commit (committed_config.h);
+//                           unset: nowhere but netconfd's own start-up file
 // Each check runs the plug-in in a commit process of its own (the engine's
 // isolated commit), forked by the commit runner the library starts next to
 // netconfd (commit_runner.h), in two places:
@@ -20,6 +22,7 @@
 //     configuration (the server runs with the candidate as target).
 extern "C" {
 #include <agt.h>
+#include <agt_commit_complete.h>
 #include <agt_commit_validate.h>
 #include <agt_rpc.h>
 #include <agt_util.h>
@@ -45,6 +48,7 @@ extern "C" {
 #include <exception>
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -52,6 +56,7 @@ extern "C" {
 #include <ipapp/tools/failure_text.h>
 
 #include "commit_runner.h"
+#include "committed_config.h"
 #include "keypath.h"
 
 namespace {
@@ -76,9 +81,9 @@ boolean NotByDefault(ncx_withdefaults_t, boolean, val_value_t *node) {
   return val_set_by_default(node) ? FALSE : TRUE;
 }
 
-// The top-level data of root that belongs to the element's modules, as XML
-// text with a namespace on each top-level element. Throws std::runtime_error.
-std::string ElementData(val_value_t *root) {
+// What write puts on a stream, as text. Throws std::runtime_error.
+template <typename Write>
+std::string XmlText(Write write) {
   char *buf = nullptr;
   size_t len = 0;
   FILE *out = open_memstream(&buf, &len);
@@ -86,18 +91,7 @@ std::string ElementData(val_value_t *root) {
   // netconfd writes the text a character at a time: without a lock taken
   // for each, in half the time. The stream is this call's alone.
   __fsetlocking(out, FSETLOCKING_BYCALLER);
-  status_t res = NO_ERR;
-  for (val_value_t *top = val_get_first_child(root); top != nullptr && res == NO_ERR;
-       top = val_get_next_child(top)) {
-    const xmlChar *module = val_get_mod_name(top);
-    if (module == nullptr) continue;
-    bool ours = false;
-    for (const std::string &name : g_hook->modules()) {
-      ours = ours || name == reinterpret_cast<const char *>(module);
-    }
-    if (!ours) continue;
-    res = xml_wr_check_open_file(out, top, nullptr, FALSE, FALSE, TRUE, 0, 0, NotByDefault);
-  }
+  const status_t res = write(out);
   fclose(out);
   std::string text(buf, len);
   free(buf);
@@ -106,6 +100,73 @@ std::string ElementData(val_value_t *root) {
                              get_error_string(res));
   }
   return text;
+}
+
+// The top-level data of root that belongs to the element's modules (ours),
+// or to the other modules, as XML text with a namespace on each top-level
+// element; test decides which nodes below are written. Throws
+// std::runtime_error.
+std::string TopLevelData(val_value_t *root, bool ours, val_nodetest_fn_t test) {
+  return XmlText([root, ours, test](FILE *out) {
+    status_t res = NO_ERR;
+    for (val_value_t *top = val_get_first_child(root); top != nullptr && res == NO_ERR;
+         top = val_get_next_child(top)) {
+      const xmlChar *module = val_get_mod_name(top);
+      if (module == nullptr) continue;
+      bool element = false;
+      for (const std::string &name : g_hook->modules()) {
+        element = element || name == reinterpret_cast<const char *>(module);
+      }
+      if (element != ours) continue;
+      // netconfd's save tests each top-level node as well (its state, say).
+      if (!ours && !test(NCX_DEF_WITHDEF, TRUE, top)) continue;
+      res = xml_wr_check_open_file(out, top, nullptr, FALSE, FALSE, TRUE, 0, 0, test);
+    }
+    return res;
+  });
+}
+
+// The element's data in root, as the store reads it.
+std::string ElementData(val_value_t *root) {
+  return TopLevelData(root, true, NotByDefault);
+}
+
+// --- the last commit, kept whole --------------------------------------------
+
+// IPAPP_NETCONFD_COMMITTED: where each commit goes (committed_config.h), or
+// empty.
+std::string g_committed;
+
+// The element's data of the candidate the <commit> under way was accepted
+// with: once applied, it is the element's running configuration.
+std::optional<std::string> g_accepted;
+
+// The running configuration of a commit, written where the launcher starts
+// from when netconfd's own save of it is cut short. netconfd calls this
+// after the commit is applied, before it saves it and answers. The element's
+// data is the text the commit was checked with (written again it would cost
+// as much as netconfd's own save); the other modules' data is written here.
+// A confirmed commit is kept as well: netconfd saves nothing until it is
+// confirmed, and the launcher takes this file only when netconfd's is not
+// whole. Failing to write fails the commit, as a failed save of netconfd's
+// does.
+status_t SaveCommitted() {
+  std::optional<std::string> element = std::move(g_accepted);
+  g_accepted.reset();
+  cfg_template_t *running = cfg_get_config_id(NCX_CFGID_RUNNING);
+  try {
+    if (running == nullptr || running->root == nullptr) {
+      throw std::runtime_error("netconfd has no running configuration");
+    }
+    ipapp::netconfd::ReplaceWhole(
+        g_committed,
+        ipapp::netconfd::StartupText(TopLevelData(running->root, false, agt_check_save) +
+                                     (element ? *element : ElementData(running->root))));
+  } catch (const std::exception &e) {
+    log_error("\n%s: cannot keep the commit in %s: %s", kModule, g_committed.c_str(), e.what());
+    return ERR_NCX_OPERATION_FAILED;
+  }
+  return NO_ERR;
 }
 
 // --- error-path ---------------------------------------------------------------
@@ -181,14 +242,18 @@ void RecordError(ses_cb_t *scb, xml_msg_hdr_t *msghdr, const std::string &messag
 
 // The commit that turns running into the configuration at candidate_root:
 // NO_ERR, or one <rpc-error> recorded in msghdr and an error status.
-status_t CheckCandidate(ses_cb_t *scb, xml_msg_hdr_t *msghdr, val_value_t *candidate_root) {
+// accepted, when given, gets the candidate's element data once accepted.
+status_t CheckCandidate(ses_cb_t *scb, xml_msg_hdr_t *msghdr, val_value_t *candidate_root,
+                        std::string *accepted = nullptr) {
   Verdict verdict;
+  std::string candidate;
   try {
     cfg_template_t *running = cfg_get_config_id(NCX_CFGID_RUNNING);
     if (running == nullptr || running->root == nullptr) {
       throw std::runtime_error("netconfd has no running configuration");
     }
-    verdict = g_hook->Check(ElementData(running->root), ElementData(candidate_root));
+    candidate = ElementData(candidate_root);
+    verdict = g_hook->Check(ElementData(running->root), candidate);
   } catch (const std::exception &e) {
     verdict = Verdict{};
     verdict.message = ipapp::tools::UncheckedText(e.what());
@@ -199,6 +264,7 @@ status_t CheckCandidate(ses_cb_t *scb, xml_msg_hdr_t *msghdr, val_value_t *candi
   }
   switch (verdict.kind) {
     case Verdict::Kind::kAccepted:
+      if (accepted != nullptr) *accepted = std::move(candidate);
       return NO_ERR;
     case Verdict::Kind::kRefused:
       log_info("\n%s: refused by %s on %s: %s", kModule, verdict.validation.c_str(),
@@ -211,6 +277,16 @@ status_t CheckCandidate(ses_cb_t *scb, xml_msg_hdr_t *msghdr, val_value_t *candi
   log_error("\n%s: %s", kModule, verdict.message.c_str());
   RecordError(scb, msghdr, verdict.message, verdict.keypath, "");
   return ERR_NCX_OPERATION_FAILED;
+}
+
+// netconfd's commit-validate callback: the check of a <commit>, whose
+// accepted candidate SaveCommitted keeps once it is applied.
+status_t CheckCommit(ses_cb_t *scb, xml_msg_hdr_t *msghdr, val_value_t *candidate_root) {
+  g_accepted.reset();
+  std::string accepted;
+  const status_t res = CheckCandidate(scb, msghdr, candidate_root, &accepted);
+  if (res == NO_ERR && !g_committed.empty()) g_accepted = std::move(accepted);
+  return res;
 }
 
 // --- <validate> -------------------------------------------------------------
@@ -355,8 +431,12 @@ __attribute__((visibility("default"))) status_t y_ipapp_netconfd_init(const xmlC
   }
   log_info("\n%s: plug-in %s, modules from %s, %lld ms per check, commit runner pid %d", kModule,
            plugin, yang, static_cast<long long>(timeout.count()), static_cast<int>(g_hook->pid()));
-  res = agt_commit_validate_register(X(kModule), CheckCandidate);
+  res = agt_commit_validate_register(X(kModule), CheckCommit);
   if (res == NO_ERR) res = TakeOverValidate();
+  if (const char *committed = Env("IPAPP_NETCONFD_COMMITTED"); res == NO_ERR && committed) {
+    g_committed = committed;
+    res = agt_commit_complete_register(X(kModule), SaveCommitted);
+  }
   return res;
 }
 
@@ -366,6 +446,7 @@ __attribute__((visibility("default"))) status_t y_ipapp_netconfd_init2(void) {
 
 __attribute__((visibility("default"))) void y_ipapp_netconfd_cleanup(void) {
   agt_commit_validate_unregister(X(kModule));
+  if (!g_committed.empty()) agt_commit_complete_unregister(X(kModule));
   GiveBackValidate();
   DropValidatedCopy();
   g_hook.reset();

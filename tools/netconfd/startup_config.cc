@@ -1,8 +1,12 @@
 #include "startup_config.h"
 
+#include "committed_config.h"
+
 #include <ipapp/host.h>
+#include <libxml/parser.h>
 #include <libyang/libyang.h>
 
+#include <cstdint>
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
@@ -12,9 +16,6 @@ namespace fs = std::filesystem;
 
 namespace ipapp::netconfd {
 namespace {
-
-constexpr const char *kConfigOpen = "<config xmlns=\"urn:ietf:params:xml:ns:netconf:base:1.0\">";
-constexpr const char *kConfigClose = "</config>\n";
 
 std::string LibyangError(const ly_ctx *ctx) {
   const char *msg = ly_errmsg(ctx);
@@ -51,13 +52,23 @@ std::string StartupConfig(const std::string &file, const std::string &yang_dir) 
   const LY_ERR printed = lyd_print_mem(&text, tree, LYD_XML, LYD_PRINT_WITHSIBLINGS);
   lyd_free_all(tree);
   if (printed != LY_SUCCESS) throw host::InputError(file, 0, LibyangError(ctx.get()));
-  std::string out = std::string(kConfigOpen) + "\n" + (text ? text : "") + kConfigClose;
+  std::string out = StartupText(text ? text : "");
   std::free(text);
   return out;
 }
 
 std::string EmptyStartupConfig() {
-  return std::string(kConfigOpen) + kConfigClose;
+  return StartupText("");
+}
+
+bool IsWholeXml(const std::string &text) {
+  if (text.size() > static_cast<size_t>(INT32_MAX)) return false;
+  xmlDocPtr doc =
+      xmlReadMemory(text.data(), static_cast<int>(text.size()), "running.xml", nullptr,
+                    XML_PARSE_NONET | XML_PARSE_NOERROR | XML_PARSE_NOWARNING | XML_PARSE_HUGE);
+  const bool whole = doc != nullptr && xmlDocGetRootElement(doc) != nullptr;
+  xmlFreeDoc(doc);
+  return whole;
 }
 
 }  // namespace ipapp::netconfd

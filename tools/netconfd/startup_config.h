@@ -17,6 +17,10 @@ std::string StartupConfig(const std::string &file, const std::string &yang_dir);
 /// The start-up text of an empty configuration.
 std::string EmptyStartupConfig();
 
+/// Whether text is one whole XML document. A start-up file that netconfd's
+/// save left cut short never is: its root element is not closed.
+bool IsWholeXml(const std::string &text);
+
 }  // namespace ipapp::netconfd
 
 #endif  // IPAPP_NETCONFD_STARTUP_CONFIG_H
