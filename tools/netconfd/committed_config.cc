@@ -33,13 +33,11 @@ void ReplaceWhole(const std::filesystem::path &file, const std::string &text) {
   const std::filesystem::path fresh = file.string() + ".new";
   if (unlink(fresh.c_str()) != 0 && errno != ENOENT) Fail("cannot remove", fresh);
   {
+    // Once fsync has succeeded the text is on disk: closing can lose nothing.
     Fd out{open(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600)};
     if (out.fd < 0) Fail("cannot create", fresh);
     if (!tools::WriteAll(out.fd, text.data(), text.size())) Fail("cannot write", fresh);
     if (fsync(out.fd) != 0) Fail("cannot flush", fresh);
-    const int fd = out.fd;
-    out.fd = -1;
-    if (close(fd) != 0) Fail("cannot write", fresh);
   }
   if (rename(fresh.c_str(), file.c_str()) != 0)
     Fail("cannot rename " + fresh.string() + " to", file);
