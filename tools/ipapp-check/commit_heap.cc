@@ -27,18 +27,21 @@ void UseFreshHeap(size_t reserve, size_t huge) {
   if (mallopt(M_MMAP_THRESHOLD, 32 << 20) == 0 || mallopt(M_TRIM_THRESHOLD, INT32_MAX) == 0) {
     return;
   }
-  // One block as large as the reserve, freed at once, leaves the heap's top
-  // (what malloc carves new blocks from) reserve bytes long. volatile: the
-  // pair must not be optimised away.
+  // One block as large as the reserve and the top together, freed at once,
+  // leaves the heap's top reaching reserve bytes past where the heap ended.
+  // volatile: the pair must not be optimised away.
   const uintptr_t before = Break();
-  void *volatile probe = malloc(reserve);
+  void *volatile probe = malloc(reserve + mallinfo2().keepcost);
   free(probe);
   const uintptr_t end = Break();
   if (end < before + reserve) return;  // no room to grow, or not from the heap
-  // The top up to the next huge-page boundary is taken by a block never
-  // touched (no memory), so that what follows fills whole huge pages.
+  // The top up to the first huge-page boundary past where the heap ended is
+  // taken by a block never touched (no memory), so that what follows fills
+  // whole huge pages. Not the first boundary past the top's start: the top
+  // may hold pages written before (blocks freed into it), and 2 MiB that
+  // hold a page already in place never become a huge page.
   const uintptr_t top = end - mallinfo2().keepcost;
-  const uintptr_t boundary = (top + kHugePage - 1) & ~(kHugePage - 1);
+  const uintptr_t boundary = (before + kHugePage - 1) & ~(kHugePage - 1);
   const uintptr_t huge_end =
       std::min(end, boundary + std::min<uintptr_t>(huge, end)) & ~(kHugePage - 1);
   if (boundary >= huge_end) return;
