@@ -12,6 +12,10 @@ LIMITS elements at the element's limits (256). For each kind it runs, on
            element, under xargs -P JOBS
   floor    yanglint -t config on each running and each candidate file, under
            xargs -P JOBS (two runs per element)
+  bound    process_bound JOBS DIR: the batch's processes without their
+           commits (each element's process reads and parses its two files
+           and ends), the most a batch with a process per element could do
+           here
 
 and prints the element rates (elements per second of wall time), their ratios
 beside the targets, and the peak memory of the batch's process tree against
@@ -127,6 +131,9 @@ class Bench:
             for f in os.listdir(os.path.join(ROOT, "yang"))
             if f.endswith(".yang")
         )
+        self.bound_tool = os.path.join(build, "bench", "fleet", "process_bound")
+        if not os.access(self.bound_tool, os.X_OK):
+            sys.exit("fleet_bench: %s not built" % self.bound_tool)
         self.jobs = jobs
 
     def batch(self, fleet, sample_every):
@@ -134,6 +141,9 @@ class Bench:
             [self.check, "--batch", fleet, "-j", str(self.jobs), "--format", "json"],
             sample_every=sample_every,
         )
+
+    def bound(self, fleet):
+        return timed([self.bound_tool, str(self.jobs), fleet, os.path.join(ROOT, "yang")])[0]
 
     def single(self, elements):
         listing = "".join(e + "\n" for e in elements).encode()
@@ -166,9 +176,10 @@ class Bench:
         # Warms the page cache and takes the batch's peak memory: the sampler
         # costs a good part of a core, so the timed runs go without it.
         batch_pss = self.batch(fleet, 0.005)[1]
-        samples = {"batch": [], "single": [], "floor": []}
+        samples = {"batch": [], "single": [], "floor": [], "bound": []}
         for _ in range(repeat):
             samples["batch"].append(len(elements) / self.batch(fleet, None)[0])
+            samples["bound"].append(len(elements) / self.bound(fleet))
             samples["single"].append(len(elements) / self.single(elements))
             samples["floor"].append(len(elements) / self.floor(elements))
         m = {k: statistics.median(v) for k, v in samples.items()}
@@ -193,9 +204,9 @@ def main():
     try:
         print("%d processes at a time, medians of %d runs" % (args.jobs, args.repeat))
         print("| elements | batch | one process per element | floor (yanglint x2) "
-              "| batch / single | batch / floor | batch peak PSS | %d x single check's |"
-              % args.jobs)
-        print("|---|---:|---:|---:|---:|---:|---:|---:|")
+              "| batch / single | batch / floor | batch peak PSS | %d x single check's "
+              "| bound | bound / single | bound / floor |" % args.jobs)
+        print("|---|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|")
         for label, count, interfaces, targets in (
             ("small", small, 16, (BATCH_OVER_SINGLE_SMALL, BATCH_OVER_FLOOR_SMALL)),
             ("limits", limits, 256, (BATCH_OVER_SINGLE_LIMITS, None)),
@@ -206,9 +217,11 @@ def main():
             over_single = m["batch"] / m["single"]
             over_floor = m["batch"] / m["floor"]
             bound = args.jobs * m["single_pss"]
-            print("| %d x %d L3 | %.1f/s | %.1f/s | %.1f/s | %.2f | %.2f | %.1f MB | %.1f MB |" % (
-                count, interfaces, m["batch"], m["single"], m["floor"], over_single, over_floor,
-                m["batch_pss"] / 1024.0, bound / 1024.0))
+            print("| %d x %d L3 | %.1f/s | %.1f/s | %.1f/s | %.2f | %.2f | %.1f MB | %.1f MB "
+                  "| %.1f/s | %.2f | %.2f |" % (
+                      count, interfaces, m["batch"], m["single"], m["floor"], over_single,
+                      over_floor, m["batch_pss"] / 1024.0, bound / 1024.0, m["bound"],
+                      m["bound"] / m["single"], m["bound"] / m["floor"]))
             sys.stdout.flush()
             if over_single < targets[0]:
                 missed.append("%s: batch / single %.2f < %.1f" % (label, over_single, targets[0]))
