@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
@@ -29,9 +30,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// As the batch sets aside for each commit.
-constexpr size_t kCommitHeapReserve = size_t{8} << 20;
-
 // Checks elements[first], elements[first + step], ... one process each; the
 // number that failed.
 int Work(const std::vector<fs::path> &elements, size_t first, size_t step, bool empty,
@@ -42,7 +40,7 @@ int Work(const std::vector<fs::path> &elements, size_t first, size_t step, bool 
     if (pid < 0) return failed + 1;
     if (pid == 0) {
       if (empty) _exit(0);
-      ipapp::check::UseFreshHeap(kCommitHeapReserve);
+      ipapp::check::UseFreshHeap(ipapp::check::kBatchHeapReserve);
       try {
         const ipapp::check::CommitFiles files{(elements[i] / "running.xml").string(),
                                               (elements[i] / "candidate.xml").string(),
@@ -56,8 +54,8 @@ int Work(const std::vector<fs::path> &elements, size_t first, size_t step, bool 
       }
       _exit(0);
     }
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0) {
+    int status = -1;  // not waited for: a failure
+    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
     }
     if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) ++failed;
   }
@@ -107,8 +105,8 @@ int main(int argc, char **argv) {
   }
   int failed = 0;
   for (const pid_t pid : workers) {
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0) {
+    int status = -1;  // not waited for: a failure
+    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
     }
     if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) ++failed;
   }

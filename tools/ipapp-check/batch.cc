@@ -45,10 +45,6 @@ namespace fs = std::filesystem;
 using nlohmann::json;
 using Clock = std::chrono::steady_clock;
 
-// Address space set aside for a commit's heap: a commit at the element's
-// limits fills about 12 MiB, a small element's 1 MiB.
-constexpr size_t kCommitHeapReserve = size_t{8} << 20;
-
 // One element's outcome: what its single run would have said.
 struct Outcome {
   int exit = kPluginFailure;
@@ -122,7 +118,7 @@ Outcome CheckElement(const fs::path &dir, const std::shared_ptr<const host::Sche
     const Report report = RunCommitIsolated(
         options.plugin,
         [&] {
-          UseFreshHeap(kCommitHeapReserve);
+          UseFreshHeap(kBatchHeapReserve);
           return LoadCommit(schema, files);
         },
         options.options, options.timeout);
