@@ -10,11 +10,13 @@
 //
 // DIR holds one sub-directory per element with running.xml and
 // candidate.xml. Exits 0 when every element's process ended with status 0.
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
@@ -100,7 +102,12 @@ int main(int argc, char **argv) {
       std::cerr << "process_bound: cannot start a worker\n";
       return 1;
     }
-    if (pid == 0) _exit(Work(elements, w, jobs, empty, schema) == 0 ? 0 : 1);
+    if (pid == 0) {
+      // Nothing goes on once the bound has been stopped.
+      prctl(PR_SET_PDEATHSIG, SIGKILL);
+      if (getppid() == 1) _exit(1);
+      _exit(Work(elements, w, jobs, empty, schema) == 0 ? 0 : 1);
+    }
     workers.push_back(pid);
   }
   int failed = 0;
